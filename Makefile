@@ -1,0 +1,63 @@
+# Lumora: `make run` builds and starts the application, `make test` builds and runs the whole suite.
+# Each target installs the Debian packages that are missing first (scripts/install-deps.sh).
+
+CMAKE   ?= cmake
+JOBS    ?= $(shell nproc)
+RELEASE := build/release
+TESTING := build/asan
+TSAN    := build/tsan
+FUZZ    := build/fuzz
+FUZZ_SECONDS ?= 60
+
+.PHONY: all deps release run test tsan fuzz bench demo install clean
+
+all: release
+
+deps:
+	@bash scripts/install-deps.sh
+
+$(RELEASE)/build.ninja:
+	$(CMAKE) -S . -B $(RELEASE) -G Ninja -DCMAKE_BUILD_TYPE=Release
+
+release: deps $(RELEASE)/build.ninja
+	$(CMAKE) --build $(RELEASE) -j $(JOBS)
+
+run: release
+	./$(RELEASE)/Lumora/lumora
+
+$(TESTING)/build.ninja:
+	$(CMAKE) -S . -B $(TESTING) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DLUMORA_SANITIZE=address,undefined
+
+test: deps $(TESTING)/build.ninja
+	$(CMAKE) --build $(TESTING) -j $(JOBS)
+	ctest --test-dir $(TESTING) --output-on-failure -j $(JOBS) --timeout 300
+
+$(TSAN)/build.ninja:
+	$(CMAKE) -S . -B $(TSAN) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_SANITIZE=thread
+
+tsan: deps $(TSAN)/build.ninja
+	$(CMAKE) --build $(TSAN) -j $(JOBS)
+	TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+	  ctest --test-dir $(TSAN) --output-on-failure -j $(JOBS) --timeout 600 -L race
+
+$(FUZZ)/build.ninja:
+	$(CMAKE) -S . -B $(FUZZ) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DLUMORA_FUZZ=ON
+
+fuzz: deps $(FUZZ)/build.ninja
+	$(CMAKE) --build $(FUZZ) -j $(JOBS)
+	@for f in $(FUZZ)/fuzz/fuzz_*; do \
+	  [ -x "$$f" ] || continue; \
+	  echo "== $$f for $(FUZZ_SECONDS) s"; \
+	  mkdir -p $(FUZZ)/corpus/$$(basename $$f); \
+	  $$f -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 $(FUZZ)/corpus/$$(basename $$f) || exit 1; \
+	done
+
+bench: release
+	@for b in $(RELEASE)/bench/*/bench_*; do [ -x "$$b" ] && { echo "== $$b"; $$b || exit 1; }; done
+
+install: release
+	$(CMAKE) --install $(RELEASE)
+
+clean:
+	rm -rf build

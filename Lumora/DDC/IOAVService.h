@@ -1,0 +1,35 @@
+#pragma once
+// The I2C entry points that carry DDC/CI to a monitor, bound once at run time.
+//
+// On Linux they stand on the kernel's i2c-dev interface: creating a service opens the monitor's /dev/i2c-N, a
+// write is one I2C_RDWR write message and a read one I2C_RDWR read message. The entry points are present exactly
+// when the kernel offers i2c-dev (/sys/class/i2c-dev exists) at first use; that answer is kept for the run.
+
+#include <cstdint>
+#include <memory>
+
+namespace Lumora {
+
+namespace Platform { class I2CDevice; }
+
+// The monitor's I2C channel: reference-counted, it owns the open descriptor.
+using IOAVServiceRef = std::shared_ptr<Platform::I2CDevice>;
+
+struct IOAVService {
+    // Opens the service for a registry entry's device node ("/dev/i2c-4"); null when it cannot be opened.
+    using CreateFn = IOAVServiceRef (*)(const char* devicePath);
+    // Writes `dataAddress` followed by `length` bytes to `chipAddress`; 0 on success, else an errno value.
+    using WriteFn = std::int32_t (*)(const IOAVServiceRef& service, std::uint32_t chipAddress,
+                                     std::uint32_t dataAddress, const std::uint8_t* buffer, std::uint32_t length);
+    // Reads `length` bytes from `chipAddress` (offset must be 0); 0 on success, else an errno value.
+    using ReadFn = std::int32_t (*)(const IOAVServiceRef& service, std::uint32_t chipAddress, std::uint32_t offset,
+                                    std::uint8_t* buffer, std::uint32_t length);
+
+    // Each null when absent. Resolved once, on first use, safely under concurrent first use.
+    static CreateFn createFn();
+    static WriteFn writeFn();
+    static ReadFn readFn();
+    static bool isAvailable();
+};
+
+}  // namespace Lumora

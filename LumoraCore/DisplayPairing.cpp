@@ -1,0 +1,77 @@
+#include "LumoraCore/DisplayPairing.h"
+
+#include <cstdio>
+
+namespace Lumora::DisplayPairing {
+
+namespace {
+
+std::string upperASCII(std::string text)
+{
+    for (char& c : text) {
+        if (c >= 'a' && c <= 'z')
+            c = static_cast<char>(c - 'a' + 'A');
+    }
+    return text;
+}
+
+std::string hex(const char* format, unsigned a, unsigned b = 0)
+{
+    char buffer[32];
+    std::snprintf(buffer, sizeof buffer, format, a, b);
+    return buffer;
+}
+
+}  // namespace
+
+int score(const ExternalDisplayIdentity& display, const ServiceIdentity& service)
+{
+    const std::string uuid = upperASCII(service.edidUUID);
+    if (uuid.empty())
+        return 0;
+    int points = 0;
+    if (uuid.starts_with(hex("%04X", display.vendor)))
+        points += 2;
+    // The UUID carries the product code as it sits in the EDID: low byte first.
+    if (uuid.size() >= 8 && uuid.compare(4, 4, hex("%02X%02X", display.model & 0xFF, (display.model >> 8) & 0xFF)) == 0)
+        points += 2;
+    if (display.serial != 0 && service.serialNumber == static_cast<std::int64_t>(display.serial))
+        points += 1;
+    return points;
+}
+
+std::vector<Pair> pair(const std::vector<ExternalDisplayIdentity>& displays,
+                       const std::vector<ServiceIdentity>& services)
+{
+    // One display and one service can only belong together, whatever their identities say.
+    if (displays.size() == 1 && services.size() == 1)
+        return {Pair{0, 0}};
+
+    std::vector<Pair> result;
+    std::vector<bool> used(services.size(), false);
+    for (std::size_t d = 0; d < displays.size(); ++d) {
+        std::size_t bestService = 0;
+        int bestScore = 0;
+        for (std::size_t s = 0; s < services.size(); ++s) {
+            if (used[s])
+                continue;
+            const int points = score(displays[d], services[s]);
+            if (points > bestScore) {
+                bestService = s;
+                bestScore = points;
+            }
+        }
+        if (bestScore > 0) {
+            used[bestService] = true;
+            result.push_back({d, bestService});
+        }
+    }
+    return result;
+}
+
+std::string displayName(std::uint32_t id, const std::string& productName)
+{
+    return productName.empty() ? "Display " + std::to_string(id) : productName;
+}
+
+}  // namespace Lumora::DisplayPairing

@@ -1,0 +1,26 @@
+#pragma once
+// The identity of a display read from its EDID base block (the connector's sysfs `edid` file).
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+namespace Lumora {
+
+struct EDIDIdentity {
+    std::uint32_t vendor = 0;   // bytes 8-9, big-endian: the packed manufacturer letters, e.g. 0x10AC
+    std::uint32_t model = 0;    // bytes 10-11, little-endian: the product code, e.g. 0xA0C4
+    std::uint32_t serial = 0;   // bytes 12-15, little-endian; 0 when the monitor does not give one
+    std::string productName;    // the monitor-name descriptor (tag 0xFC), "" when there is none
+    std::string identityUUID;   // bytes 8-23 as upper-case hex grouped 8-4-4-4-12, 36 characters
+    bool operator==(const EDIDIdentity&) const = default;
+};
+
+namespace EDID {
+
+// All fields are 0 / "" when the blob is shorter than 128 bytes or does not start with the fixed header
+// 00 FF FF FF FF FF FF 00. The block checksum is not checked: real panels ship wrong ones.
+EDIDIdentity parse(std::span<const std::uint8_t> blob);
+
+}  // namespace EDID
+}  // namespace Lumora

@@ -1,0 +1,303 @@
+#include "Lumora/App/DisplayController.h"
+
+#include <QMetaObject>
+#include <QTimer>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "Lumora/DDC/DisplayEnumerator.h"
+
+namespace Lumora {
+
+namespace {
+
+constexpr auto refreshAfterToggle = std::chrono::milliseconds(2000);
+constexpr double defaultRestoreBrightness = 1.0;
+
+}  // namespace
+
+// One refresh on its way: what enumeration found, and each display's reading as it comes in from that display's
+// queue. Each reading slot is written by one read only; `pending` counts the reads still out, and the read that
+// takes it to zero hands the batch to the main thread.
+struct DisplayController::RefreshBatch {
+    std::vector<DisplayInfo> infos;
+    std::vector<std::optional<double>> readings;
+    std::atomic<std::size_t> pending{0};
+    std::uint64_t order = 0;
+};
+
+DisplayController::DisplayController(QObject* parent)
+    : DisplayController(Enumerate(&DisplayEnumerator::allDisplays), parent)
+{
+}
+
+DisplayController::DisplayController(Enumerate enumerate, QObject* parent)
+    : QObject(parent),
+      enumerate_(std::move(enumerate)),
+      enumerationQueue_(std::make_unique<SerialQueue>(std::string(applicationIdentifier) + ".enumerate"))
+{
+}
+
+DisplayController::~DisplayController()
+{
+    // Let the queues finish what they hold, enumeration first (it is the only queue that feeds the others from
+    // off the main thread), then every display's. What they post back to this object dies with it, unrun.
+    enumerationQueue_.reset();
+    queues_.clear();
+}
+
+const std::vector<DisplaySnapshot>& DisplayController::displays() const
+{
+    return displays_;
+}
+
+template <typename Change>
+void DisplayController::changeDisplays(Change&& change)
+{
+    emit objectWillChange();
+    std::forward<Change>(change)();
+    emit displaysChanged();
+}
+
+// ---- Refresh -------------------------------------------------------------------------------------------------
+
+void DisplayController::refresh()
+{
+    enumerationQueue_->async([this] { enumerateDisplays(); });
+}
+
+// Enumeration queue.
+void DisplayController::enumerateDisplays()
+{
+    auto batch = std::make_shared<RefreshBatch>();
+    try {
+        batch->infos = enumerate_ ? enumerate_() : std::vector<DisplayInfo>{};
+    } catch (...) {
+        batch->infos.clear();
+    }
+    std::erase_if(batch->infos, [](const DisplayInfo& info) { return !info.backend; });
+    batch->readings.resize(batch->infos.size());
+    // Posted from this one thread, the batches reach the main thread in the order the refreshes were called.
+    QMetaObject::invokeMethod(this, [this, batch] { scheduleReads(batch); }, Qt::QueuedConnection);
+}
+
+// Main thread. Each display is read on its own queue, behind any write or power command already queued for it,
+// so a read never overlaps other traffic to the same monitor and different monitors are read in parallel.
+void DisplayController::scheduleReads(const std::shared_ptr<RefreshBatch>& batch)
+{
+    batch->order = refreshesRead_++;
+    if (batch->infos.empty()) {
+        readFinished(batch);
+        return;
+    }
+    batch->pending.store(batch->infos.size(), std::memory_order_relaxed);
+    for (std::size_t i = 0; i < batch->infos.size(); ++i) {
+        queue(batch->infos[i].id).async([this, batch, i] {
+            std::optional<double> reading;
+            try {
+                reading = batch->infos[i].backend->readBrightness();
+            } catch (...) {
+                reading.reset();
+            }
+            batch->readings[i] = reading;
+            if (batch->pending.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+                QMetaObject::invokeMethod(this, [this, batch] { readFinished(batch); }, Qt::QueuedConnection);
+            }
+        });
+    }
+}
+
+// Main thread. A refresh whose reads finish early waits for every refresh called before it.
+void DisplayController::readFinished(const std::shared_ptr<RefreshBatch>& batch)
+{
+    refreshesWaiting_.emplace(batch->order, batch);
+    for (auto next = refreshesWaiting_.find(refreshesPublished_); next != refreshesWaiting_.end();
+         next = refreshesWaiting_.find(refreshesPublished_)) {
+        const auto ready = std::move(next->second);
+        refreshesWaiting_.erase(next);
+        ++refreshesPublished_;
+        publish(*ready);
+    }
+}
+
+// Main thread.
+void DisplayController::publish(const RefreshBatch& batch)
+{
+    std::unordered_map<std::uint32_t, DisplayBackendRef> newBackends;
+    std::unordered_set<std::uint32_t> seen;
+    std::vector<DisplaySnapshot> list;
+    list.reserve(batch.infos.size() + displays_.size());
+
+    for (std::size_t i = 0; i < batch.infos.size(); ++i) {
+        const DisplayInfo& info = batch.infos[i];
+        seen.insert(info.id);
+        newBackends[info.id] = info.backend;
+        list.push_back(DisplaySnapshot{info.id, info.name, batch.readings[i].value_or(1.0), true,
+                                       info.backend->canPowerOff()});
+    }
+
+    // A monitor that left the display list while in standby stays listed, with its backend, so that the user can
+    // still wake it from its row.
+    for (const DisplaySnapshot& shown : displays_) {
+        if (seen.contains(shown.id) || !poweredOff_.contains(shown.id)) {
+            continue;
+        }
+        list.push_back(shown);
+        if (const auto kept = backends_.find(shown.id); kept != backends_.end()) {
+            newBackends[shown.id] = kept->second;
+        }
+    }
+
+    backends_ = std::move(newBackends);
+    changeDisplays([&] { displays_ = std::move(list); });
+}
+
+// ---- Writes, stepping, power ---------------------------------------------------------------------------------
+
+void DisplayController::setBrightness(std::uint32_t id, double fraction)
+{
+    if (std::isnan(fraction)) {
+        return;  // no brightness to show or write; a NaN target would also never compare equal in the write loop
+    }
+    double f = fraction;
+    if (f <= 0.0) {
+        f = 0.0;
+    }
+    if (f > 1.0) {
+        f = 1.0;
+    }
+
+    std::size_t i = 0;
+    while (i < displays_.size() && displays_[i].id != id) {
+        ++i;
+    }
+    if (i == displays_.size()) {
+        return;
+    }
+    const auto found = backends_.find(id);
+    if (found == backends_.end()) {
+        return;
+    }
+    const DisplayBackendRef backend = found->second;
+
+    changeDisplays([&] { displays_[i].brightness = f; });
+
+    const bool canPowerOff = backend->canPowerOff();
+    if (canPowerOff && f <= offThreshold) {
+        if (!displays_[i].isOn) {
+            return;
+        }
+        changeDisplays([&] { displays_[i].isOn = false; });
+        poweredOff_.insert(id);
+        setPower(id, backend, false);
+        return;
+    }
+    if (canPowerOff && !displays_[i].isOn) {
+        changeDisplays([&] { displays_[i].isOn = true; });
+        poweredOff_.erase(id);
+        setPower(id, backend, true);
+    }
+    writeBrightness(id, backend, f);
+}
+
+void DisplayController::step(std::uint32_t id, double delta)
+{
+    for (const DisplaySnapshot& shown : displays_) {
+        if (shown.id == id) {
+            setBrightness(id, shown.brightness + delta);
+            return;
+        }
+    }
+}
+
+void DisplayController::togglePower(std::uint32_t id)
+{
+    std::size_t i = 0;
+    while (i < displays_.size() && displays_[i].id != id) {
+        ++i;
+    }
+    if (i == displays_.size() || !displays_[i].canPowerOff) {
+        return;
+    }
+    if (displays_[i].isOn) {
+        const double shown = displays_[i].brightness;
+        restoreBrightness_[id] = shown > offThreshold ? shown : defaultRestoreBrightness;
+        setBrightness(id, 0.0);
+    } else {
+        const auto kept = restoreBrightness_.find(id);
+        setBrightness(id, kept != restoreBrightness_.end() ? kept->second : defaultRestoreBrightness);
+    }
+    // The monitor settles into its new power state in its own time; read it back once it has.
+    QTimer::singleShot(refreshAfterToggle, Qt::PreciseTimer, this, [this] { refresh(); });
+}
+
+// Main thread: records the newest target and starts the display's write loop unless one is queued or running,
+// in which case that loop writes this value, or a newer one.
+void DisplayController::writeBrightness(std::uint32_t id, const DisplayBackendRef& backend, double fraction)
+{
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        targetFraction_[id] = fraction;
+        if (writing_.contains(id)) {
+            return;
+        }
+        writing_.insert(id);
+    }
+    queue(id).async([this, id, backend] { drainBrightness(id, backend); });
+}
+
+// The display's queue: writes the newest target until no newer one is pending. The check for a newer target and
+// leaving `writing_` happen under one holding of the lock, so a request either sees the loop still running (and
+// is written by it) or starts a new one. The loop keeps the backend it started with.
+void DisplayController::drainBrightness(std::uint32_t id, const DisplayBackendRef& backend)
+{
+    for (;;) {
+        double target = 0.0;
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            if (const auto it = targetFraction_.find(id); it != targetFraction_.end()) {
+                target = it->second;
+            }
+        }
+        try {
+            backend->writeBrightness(target);
+        } catch (...) {
+            // A failed write goes unnoticed; the loop must still end or go on as usual.
+        }
+        std::lock_guard<std::mutex> hold(lock_);
+        const auto it = targetFraction_.find(id);
+        if (it != targetFraction_.end() && it->second == target) {
+            writing_.erase(id);
+            return;
+        }
+    }
+}
+
+// Main thread: power commands are not coalesced; they run in request order with the writes on the display's queue.
+void DisplayController::setPower(std::uint32_t id, const DisplayBackendRef& backend, bool on)
+{
+    queue(id).async([backend, on] {
+        try {
+            backend->setPower(on);
+        } catch (...) {
+            // Unnoticed, like any failed power command.
+        }
+    });
+}
+
+// Main thread: the display's queue, created on first use and kept for good.
+SerialQueue& DisplayController::queue(std::uint32_t id)
+{
+    auto& slot = queues_[id];
+    if (!slot) {
+        slot = std::make_unique<SerialQueue>(std::string(applicationIdentifier) + ".ddc." + std::to_string(id));
+    }
+    return *slot;
+}
+
+}  // namespace Lumora

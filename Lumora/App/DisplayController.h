@@ -1,0 +1,104 @@
+#pragma once
+// The one model of the displays that the application shares: the published list of snapshots, the backends, one
+// serial work queue per display, coalesced brightness writes, stepping, standby and wake.
+//
+// Threads: the controller lives on the thread of the Qt event loop it was created on (the main thread). Every
+// public operation runs there, except refresh(), which any thread may call. Hardware work never runs there:
+// enumeration runs on the enumeration queue; each display's reads, writes and power commands run on that
+// display's own serial queue, one transaction at a time per monitor, different monitors in parallel.
+//
+// Observers: objectWillChange() is emitted before, and displaysChanged() right after, every assignment to the
+// list and every change of one of its elements, also when nothing differs.
+//
+// Lifetime: the controller is meant to live for the process. Destroying it (on its own thread) runs the work its
+// queues still hold, joins them, and drops whatever they had posted back; no refresh() may be called from
+// another thread while it is being destroyed.
+
+#include <QObject>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "Lumora/App/DisplaySnapshot.h"
+#include "Lumora/App/SerialQueue.h"
+#include "Lumora/DDC/DisplayInfo.h"
+
+namespace Lumora {
+
+class DisplayController : public QObject {
+    Q_OBJECT
+
+public:
+    using Enumerate = std::function<std::vector<DisplayInfo>()>;
+
+    // Enumerates with DisplayEnumerator::allDisplays.
+    explicit DisplayController(QObject* parent = nullptr);
+    // Enumerates with `enumerate`, called on the enumeration queue only.
+    explicit DisplayController(Enumerate enumerate, QObject* parent = nullptr);
+    ~DisplayController() override;
+
+    // The displays in panel order: enumerated ones first, then those held in standby that vanished meanwhile.
+    // Empty until the first refresh has published.
+    const std::vector<DisplaySnapshot>& displays() const;
+
+    // Re-enumerates, reads every display and republishes the list; returns at once. Refreshes publish in the
+    // order they were called.
+    void refresh();
+    // Shows the clamped fraction at once, then writes it, or puts a monitor into standby at 0.01 and below and
+    // wakes it above. Unknown displays and NaN are ignored.
+    void setBrightness(std::uint32_t id, double fraction);
+    // setBrightness relative to the shown brightness.
+    void step(std::uint32_t id, double delta);
+    // Standby, keeping the brightness to restore, or wake at the kept brightness; refreshes 2 s later.
+    void togglePower(std::uint32_t id);
+
+    static constexpr double offThreshold = 0.01;
+    static constexpr const char* applicationIdentifier = "org.lumora.Lumora";
+
+signals:
+    void objectWillChange();
+    void displaysChanged();
+
+private:
+    struct RefreshBatch;
+
+    void writeBrightness(std::uint32_t id, const DisplayBackendRef& backend, double fraction);
+    void drainBrightness(std::uint32_t id, const DisplayBackendRef& backend);
+    void setPower(std::uint32_t id, const DisplayBackendRef& backend, bool on);
+    SerialQueue& queue(std::uint32_t id);
+
+    void enumerateDisplays();
+    void scheduleReads(const std::shared_ptr<RefreshBatch>& batch);
+    void readFinished(const std::shared_ptr<RefreshBatch>& batch);
+    void publish(const RefreshBatch& batch);
+    template <typename Change>
+    void changeDisplays(Change&& change);
+
+    const Enumerate enumerate_;
+
+    // Main thread only.
+    std::vector<DisplaySnapshot> displays_;
+    std::unordered_map<std::uint32_t, DisplayBackendRef> backends_;
+    std::unordered_map<std::uint32_t, std::unique_ptr<SerialQueue>> queues_;
+    std::unordered_set<std::uint32_t> poweredOff_;
+    std::unordered_map<std::uint32_t, double> restoreBrightness_;
+    std::uint64_t refreshesRead_ = 0;     // refreshes whose reads were scheduled, in call order
+    std::uint64_t refreshesPublished_ = 0;
+    std::map<std::uint64_t, std::shared_ptr<RefreshBatch>> refreshesWaiting_;  // read, not yet their turn
+
+    // Constant from construction to destruction.
+    std::unique_ptr<SerialQueue> enumerationQueue_;
+
+    // Guards targetFraction_ and writing_ only; never held during a hardware call.
+    std::mutex lock_;
+    std::unordered_map<std::uint32_t, double> targetFraction_;
+    std::unordered_set<std::uint32_t> writing_;
+};
+
+}  // namespace Lumora

@@ -1,0 +1,52 @@
+#pragma once
+// The panel's content: the title, one row per display (or a note when there is none), the place of the
+// brightness-key settings between two dividers, and a footer with Refresh and Quit. 300 points wide on a rounded
+// background. Everything shown comes from the controller's published snapshots; every action is a call on the
+// controller or on the application.
+
+#include <QWidget>
+
+#include <cstdint>
+#include <map>
+
+class QLabel;
+class QToolButton;
+class QPushButton;
+class QVBoxLayout;
+
+namespace Lumora {
+
+class DisplayController;
+class DisplayRow;
+
+class PopoverView : public QWidget {
+    Q_OBJECT
+public:
+    static constexpr int width = 300;
+    static constexpr int cornerRadius = 12;
+
+    explicit PopoverView(DisplayController& controller, QWidget* parent = nullptr);
+
+    // The section shown between the two dividers (the brightness-key settings). Empty until one is given; the
+    // view takes ownership.
+    void setSettingsSection(QWidget* section);
+
+    // Whether the rounded background is drawn translucent (a compositor blends it) or opaque (a mask cuts it).
+    void setTranslucentBackground(bool translucent);
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+
+private:
+    void showDisplays();
+
+    DisplayController& controller_;
+    QLabel* empty_ = nullptr;
+    QWidget* rowsBox_ = nullptr;
+    QVBoxLayout* rows_ = nullptr;
+    QVBoxLayout* settings_ = nullptr;
+    std::map<std::uint32_t, DisplayRow*> rowById_;
+    bool translucent_ = false;
+};
+
+}  // namespace Lumora

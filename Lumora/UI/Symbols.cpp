@@ -1,0 +1,111 @@
+#include "Lumora/UI/Symbols.h"
+
+#include <QGuiApplication>
+#include <QPainter>
+#include <QPixmap>
+#include <QStringList>
+
+#include <array>
+
+static void initSymbolResources()
+{
+    // Resources compiled into a static library are registered by hand, once.
+    static const bool done = [] {
+        Q_INIT_RESOURCE(lumora_symbols);
+        return true;
+    }();
+    (void)done;
+}
+
+namespace Lumora::Symbols {
+namespace {
+
+struct Symbol {
+    const char* name;
+    const char* group;                       // symbols shown side by side come from one source
+    std::array<const char*, 3> themeNames;   // freedesktop / desktop-theme candidates, first found wins
+};
+
+// Theme icons are used for a group only when the theme has every symbol of that group, so that a sun.min from
+// the bundle never sits next to a sun.max from the theme.
+constexpr std::array<Symbol, 5> symbols{{
+    {"sun.max", "sun", {"brightness-high", "display-brightness-high-symbolic", nullptr}},
+    {"sun.min", "sun", {"brightness-low", "display-brightness-low-symbolic", nullptr}},
+    {"power", "power", {"system-shutdown-symbolic", "system-shutdown", nullptr}},
+    {"powersleep", "power", {"system-suspend-symbolic", "system-suspend", nullptr}},
+    {"arrow.clockwise", "refresh", {"view-refresh-symbolic", "view-refresh", nullptr}},
+}};
+
+const Symbol* find(const QString& name)
+{
+    for (const auto& symbol : symbols) {
+        if (name == QLatin1String(symbol.name)) {
+            return &symbol;
+        }
+    }
+    return nullptr;
+}
+
+QString themeName(const Symbol& symbol)
+{
+    for (const char* candidate : symbol.themeNames) {
+        if (candidate != nullptr && QIcon::hasThemeIcon(QLatin1String(candidate))) {
+            return QLatin1String(candidate);
+        }
+    }
+    return {};
+}
+
+bool groupInTheme(const Symbol& symbol)
+{
+    for (const auto& other : symbols) {
+        if (qstrcmp(other.group, symbol.group) == 0 && themeName(other).isEmpty()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+QIcon bundled(const QString& name, const QColor& tint)
+{
+    initSymbolResources();
+    const QIcon drawing(QStringLiteral(":/symbols/%1.svg").arg(name));
+    const qreal ratio = qGuiApp != nullptr ? qGuiApp->devicePixelRatio() : 1.0;
+    QIcon tinted;
+    for (int side : {16, 20, 22, 24, 32, 48, 64}) {
+        const QSize pixels(qRound(side * ratio), qRound(side * ratio));
+        QPixmap pixmap = drawing.pixmap(pixels);
+        if (pixmap.isNull()) {
+            return drawing;
+        }
+        QPainter painter(&pixmap);
+        painter.setCompositionMode(QPainter::CompositionMode_SourceIn);
+        painter.fillRect(pixmap.rect(), tint);
+        painter.end();
+        pixmap.setDevicePixelRatio(ratio);
+        tinted.addPixmap(pixmap);
+    }
+    return tinted;
+}
+
+}  // namespace
+
+QIcon icon(const QString& name, const QColor& tint)
+{
+    const Symbol* symbol = find(name);
+    if (symbol == nullptr) {
+        return {};
+    }
+    if (groupInTheme(*symbol)) {
+        return QIcon::fromTheme(themeName(*symbol));
+    }
+    return bundled(name, tint);
+}
+
+QIcon trayIcon()
+{
+    // Amber reads on the light and the dark panels of common desktops.
+    return icon(QStringLiteral("sun.max"), QColor(0xF2, 0xA9, 0x00));
+}
+
+}  // namespace Lumora::Symbols

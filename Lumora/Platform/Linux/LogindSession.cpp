@@ -40,33 +40,44 @@ bool ensureOpen(Connection& c) {
     return true;
 }
 
-}  // namespace
-
-bool setBrightness(const std::string& subsystem, const std::string& name, std::uint32_t value) {
-    Connection& c = connection();
-    std::lock_guard<std::mutex> lock(c.mutex);
-    if (!ensureOpen(c)) {
-        return false;
-    }
-
+// One SetBrightness call on the open connection; sd-bus's result (negative errno on failure).
+int callSetBrightness(sd_bus* bus, const std::string& subsystem, const std::string& name, std::uint32_t value) {
     sd_bus_message* call = nullptr;
-    int r = sd_bus_message_new_method_call(c.bus, &call, kService, kSessionPath, kSessionInterface,
-                                           "SetBrightness");
+    int r = sd_bus_message_new_method_call(bus, &call, kService, kSessionPath, kSessionInterface, "SetBrightness");
     if (r >= 0) {
         r = sd_bus_message_append(call, "ssu", subsystem.c_str(), name.c_str(), value);
     }
     sd_bus_error error = SD_BUS_ERROR_NULL;
     sd_bus_message* reply = nullptr;
     if (r >= 0) {
-        r = sd_bus_call(c.bus, call, callTimeoutUsec, &error, &reply);
+        r = sd_bus_call(bus, call, callTimeoutUsec, &error, &reply);
     }
     sd_bus_message_unref(reply);
     sd_bus_message_unref(call);
     sd_bus_error_free(&error);
+    return r;
+}
 
+}  // namespace
+
+bool setBrightness(const std::string& subsystem, const std::string& name, std::uint32_t value) {
+    Connection& c = connection();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    const bool reused = c.bus != nullptr && sd_bus_is_open(c.bus) > 0;
+    if (!ensureOpen(c)) {
+        return false;
+    }
+    int r = callSetBrightness(c.bus, subsystem, name, value);
     if (r < 0 && sd_bus_is_open(c.bus) <= 0) {
-        // The bus went away (daemon restarted, socket reset): start afresh next time.
+        // The kept connection had gone stale (the bus daemon restarted since the last call): drop it and try once
+        // more on a fresh one. A connection opened just now that fails is not retried.
         c.bus = sd_bus_flush_close_unref(c.bus);
+        if (reused && ensureOpen(c)) {
+            r = callSetBrightness(c.bus, subsystem, name, value);
+            if (r < 0 && sd_bus_is_open(c.bus) <= 0) {
+                c.bus = sd_bus_flush_close_unref(c.bus);
+            }
+        }
     }
     return r >= 0;
 }

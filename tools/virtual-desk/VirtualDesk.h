@@ -1,0 +1,202 @@
+#pragma once
+// The virtual desk: emulated display hardware for Lumora's tests, benchmarks and demo.
+//
+// A Desk builds, inside umockdev's test bed, the sysfs tree and /dev nodes of a desk (DRM connectors with
+// status, enabled, connector_id and EDID; i2c adapters with /dev/i2c-N nodes; backlight devices) and answers
+// every /dev/i2c-N node with an emulated DDC/CI monitor. Programs under umockdev's preload (this process, and
+// children started with its environment) see that hardware through plain open/ioctl/read/write.
+//
+// The process must run under `umockdev-wrapper`; at most one Desk lives in a process at a time.
+// Every public operation of Desk is thread-safe. Connectors are named as in /sys/class/drm: "card0-DP-1".
+// Operations on an unknown connector or backlight throw std::invalid_argument.
+//
+// See tools/virtual-desk/README.md for the desk file format, the log format and the violations.
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace VirtualDesk {
+
+// Ways a monitor misbehaves. All can be set in the desk file and changed at run time (Desk::setFaults).
+struct Faults {
+    bool neverAnswer = false;     // no reply is ever prepared: every read at 0x37 fails (EREMOTEIO)
+    int badChecksumReplies = 0;   // the next k replies read carry a wrong checksum (counts down)
+    bool nakWhileBusy = false;    // a transfer during the busy time after a Set VCP fails (EREMOTEIO)
+    bool maxZero = false;         // replies report a maximum of 0
+    bool currentAboveMax = false; // Set VCP stores brightness above the maximum instead of clamping
+    bool unplugged = false;       // every transfer on the monitor's bus fails (ENXIO); sysfs is unchanged
+    bool operator==(const Faults&) const = default;
+};
+
+// One DDC/CI monitor answering at 0x37 on its connector's DDC bus.
+struct MonitorConfig {
+    uint16_t max = 100;       // brightness maximum, 1..65535
+    uint16_t current = 50;    // brightness; above max only with faults.currentAboveMax
+    uint8_t power = 1;        // VCP 0xD6: 1 on, 4 standby, 5 off
+    int replyDelayMs = 30;    // a Get VCP reply is ready this long after the request
+    int busyMs = 50;          // busy this long after a Set VCP
+    int replyExpiryMs = 1000; // an unread reply is dropped this long after it became ready
+    Faults faults;
+    bool hold = false;        // start held (see Desk::hold)
+};
+
+// EDID of a connector: generated from the fields, or `raw` verbatim (an empty `raw` gives an empty file).
+struct EdidConfig {
+    std::string vendor = "LMR";  // three capital letters (PNP id)
+    uint16_t model = 0x0001;     // product code, stored little-endian at bytes 10-11
+    uint32_t serial = 0;         // stored little-endian at bytes 12-15
+    std::string name;            // monitor-name descriptor (0xFC), up to 13 characters; none when empty
+    std::optional<std::vector<uint8_t>> raw;
+    std::vector<uint8_t> bytes() const; // the 128 bytes (or raw)
+};
+
+// How the connector reaches its DDC adapter: a `ddc` symlink (HDMI, DVI, VGA) or an `i2c-N` child directory of
+// the connector (DisplayPort AUX).
+enum class DdcVia { Link, Aux };
+
+struct DdcConfig {
+    int bus = -1;          // i2c bus number N of /dev/i2c-N
+    DdcVia via = DdcVia::Link;
+    std::string name;      // the adapter's `name` attribute; a driver-like default when empty
+};
+
+struct ConnectorConfig {
+    std::string name;                     // "<TYPE>-<n>": "DP-1", "HDMI-A-1", "eDP-1", "DVI-D-1", "VGA-1" ...
+    std::string status = "connected";     // "connected", "disconnected" or "unknown"
+    bool enabled = true;                  // `enabled` reads "enabled" / "disabled"
+    std::optional<uint32_t> connectorId;  // no `connector_id` file when absent (older kernels)
+    std::optional<EdidConfig> edid;       // no `edid` file when absent; it reads empty while disconnected
+    std::optional<DdcConfig> ddc;         // no DDC adapter when absent
+    std::optional<MonitorConfig> monitor; // needs ddc; no device at 0x37 when absent
+};
+
+struct CardConfig {
+    int index = 0;                     // cardN
+    std::string pciSlot = "0000:00:02.0";
+    std::string driver = "i915";
+    std::vector<ConnectorConfig> connectors;
+};
+
+struct BacklightConfig {
+    std::string name = "intel_backlight";
+    std::string type = "raw";   // "raw", "platform" or "firmware"
+    int max = 100;
+    int brightness = 50;
+    std::string connector;      // "card0-eDP-1": the device lives under that connector; empty: not under one
+};
+
+// An i2c adapter that no DRM connector reaches (an SMBus controller, say). Any write on it is a violation.
+struct BusConfig {
+    int bus = 0;
+    std::string name = "SMBus I801 adapter";
+};
+
+struct DeskConfig {
+    std::vector<CardConfig> cards;
+    std::vector<BacklightConfig> backlights;
+    std::vector<BusConfig> otherBuses;
+    bool i2cDev = true;     // false: no /sys/class/i2c-dev and no /dev/i2c-* ("the module is not loaded")
+    int byteTimeUs = 100;   // time on the wire per byte (address byte included)
+
+    // The desk file (JSON; see README.md). Throws std::runtime_error naming the offending field.
+    static DeskConfig fromJson(std::string_view json);
+    static DeskConfig fromFile(const std::string& path);
+    // card0 with a DisplayPort monitor (DP-1, AUX adapter i2c-5), an HDMI monitor (HDMI-A-1, ddc link to i2c-3),
+    // an empty DP-2 (disconnected, i2c-6), a laptop panel eDP-1 (AUX i2c-4, no DDC/CI) with intel_backlight (raw)
+    // under it, and an SMBus adapter i2c-0.
+    static DeskConfig defaultDesk();
+    // Throws std::runtime_error on an inconsistent configuration (duplicate buses or names, bad ranges ...).
+    void validate() const;
+};
+
+enum class Direction { Write, Read };
+
+// One I2C message as the desk saw it. An I2C_RDWR ioctl with several messages gives several records.
+struct Transaction {
+    int64_t startUs = 0;      // when the transfer reached the desk, microseconds since the desk started
+    int64_t endUs = 0;        // when it completed
+    int bus = -1;
+    std::string connector;    // "" for a bus no connector reaches
+    int client = 0;           // the open descriptor it came on: 1, 2, ... in order of open()
+    std::string via;          // "rdwr" (I2C_RDWR ioctl), "write" or "read" (plain write()/read())
+    uint16_t address = 0;
+    Direction direction = Direction::Write;
+    std::vector<uint8_t> bytes; // written bytes (0x51 first for DDC/CI), or the bytes a read returned
+    std::string request;      // "get", "set", "reply", "invalid", "other" (0x37); "edid", "offset" (0x50); ""
+    int code = -1;            // VCP code of a get/set/reply, else -1
+    int value = -1;           // value set, or current value replied, else -1
+    std::string outcome;      // "ok" or the errno name ("EREMOTEIO", "ENXIO", ...)
+    std::string note;         // why: "bad checksum", "not ready", "busy", "nothing pending", "held" ...
+};
+
+std::string toJsonLine(const Transaction&); // one line of the log, without the newline
+
+struct DeskOptions {
+    std::string logPath;          // when set, the transactions are written there (JSON lines) when the desk ends
+    bool printViolations = true;  // print violations to stderr when the desk ends
+};
+
+class Desk {
+public:
+    explicit Desk(const DeskConfig& config, DeskOptions options = {});
+    ~Desk();
+    Desk(const Desk&) = delete;
+    Desk& operator=(const Desk&) = delete;
+
+    // Hot-plug: status, enabled and edid change, then a "change" uevent with HOTPLUG=1 on the card, as the kernel
+    // sends. An unplugged monitor keeps its state; every transfer on its bus fails with ENXIO until plug().
+    void unplug(std::string_view connector);
+    void plug(std::string_view connector);
+
+    // While held, Set VCP requests to the monitor are not completed (the writer blocks in its ioctl) until release.
+    void hold(std::string_view connector);
+    void release(std::string_view connector);
+    int heldCount(std::string_view connector) const; // Set VCP transfers waiting on the hold
+
+    void setFaults(std::string_view connector, const Faults& faults);
+    Faults faults(std::string_view connector) const;
+
+    // The monitor's state, as set over DDC/CI or here (setters change it as the monitor's own buttons would).
+    uint16_t brightness(std::string_view connector) const;
+    uint16_t maxBrightness(std::string_view connector) const;
+    uint8_t powerMode(std::string_view connector) const;
+    void setBrightness(std::string_view connector, uint16_t value);
+    void setMaxBrightness(std::string_view connector, uint16_t max);
+
+    // Backlight devices by name ("intel_backlight"): the value in `brightness`, as last written by anyone.
+    int backlightBrightness(std::string_view name) const;
+    int backlightMax(std::string_view name) const;
+    void setBacklightBrightness(std::string_view name, int value);
+
+    int busNumber(std::string_view connector) const; // -1 when the connector has no DDC adapter
+    std::vector<std::string> connectors() const;     // "card0-DP-1", ... in name order
+
+    std::vector<Transaction> transactions() const;   // in order of completion
+    void clearTransactions();
+    std::vector<std::string> violations() const;     // empty on a clean run
+
+    // Waits until predicate() holds, re-checking it whenever the desk records something (a transaction, a
+    // held request, a backlight write, a state change). The predicate may call any Desk getter.
+    // Returns false when the timeout passed first.
+    bool waitFor(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) const;
+
+    // One line of the control language (unplug, plug, hold, release, fault, brightness, backlight, violations;
+    // see README.md). Returns "ok", "ok <value>" or "error: <message>"; never throws.
+    std::string control(std::string_view line);
+
+    std::string rootDir() const; // the test bed's directory (its sys/ is what /sys shows), for debugging
+    int64_t nowUs() const;       // the desk's clock, as in Transaction::startUs
+
+    struct Impl;
+
+private:
+    std::unique_ptr<Impl> impl;
+};
+
+} // namespace VirtualDesk

@@ -40,7 +40,7 @@ QFrame* divider(QWidget* parent)
 PopoverView::PopoverView(DisplayController& controller, QWidget* parent) : QWidget(parent), controller_(controller)
 {
     setObjectName(QStringLiteral("popoverView"));
-    setFixedWidth(width);
+    setFixedWidth(panelWidth);
 
     auto* stack = new QVBoxLayout(this);
     stack->setContentsMargins(16, 16, 16, 16);
@@ -114,6 +114,11 @@ void PopoverView::setTranslucentBackground(bool translucent)
 {
     translucent_ = translucent;
     update();
+}
+
+QSize PopoverView::sizeHint() const
+{
+    return {panelWidth, QWidget::sizeHint().height()};
 }
 
 void PopoverView::paintEvent(QPaintEvent*)

@@ -22,7 +22,7 @@ class DisplayRow;
 class PopoverView : public QWidget {
     Q_OBJECT
 public:
-    static constexpr int width = 300;
+    static constexpr int panelWidth = 300;
     static constexpr int cornerRadius = 12;
 
     explicit PopoverView(DisplayController& controller, QWidget* parent = nullptr);
@@ -33,6 +33,9 @@ public:
 
     // Whether the rounded background is drawn translucent (a compositor blends it) or opaque (a mask cuts it).
     void setTranslucentBackground(bool translucent);
+
+    // The fixed width, and the height of the content at that width.
+    QSize sizeHint() const override;
 
 protected:
     void paintEvent(QPaintEvent* event) override;

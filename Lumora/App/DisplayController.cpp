@@ -64,6 +64,35 @@ void DisplayController::changeDisplays(Change&& change)
     emit displaysChanged();
 }
 
+// ---- Main queue ----------------------------------------------------------------------------------------------
+
+void DisplayController::onMain(std::function<void()> work)
+{
+    {
+        std::lock_guard<std::mutex> hold(mainMailboxMutex_);
+        mainMailbox_.push_back(std::move(work));
+    }
+    QMetaObject::invokeMethod(this, "runMain", Qt::QueuedConnection);
+}
+
+// Main thread: runs what was handed over, oldest first. One run may find work of later hand-overs, and their own
+// runs then find nothing left.
+void DisplayController::runMain()
+{
+    for (;;) {
+        std::function<void()> work;
+        {
+            std::lock_guard<std::mutex> hold(mainMailboxMutex_);
+            if (mainMailbox_.empty()) {
+                return;
+            }
+            work = std::move(mainMailbox_.front());
+            mainMailbox_.pop_front();
+        }
+        work();
+    }
+}
+
 // ---- Refresh -------------------------------------------------------------------------------------------------
 
 void DisplayController::refresh()
@@ -83,7 +112,7 @@ void DisplayController::enumerateDisplays()
     std::erase_if(batch->infos, [](const DisplayInfo& info) { return !info.backend; });
     batch->readings.resize(batch->infos.size());
     // Posted from this one thread, the batches reach the main thread in the order the refreshes were called.
-    QMetaObject::invokeMethod(this, [this, batch] { scheduleReads(batch); }, Qt::QueuedConnection);
+    onMain([this, batch] { scheduleReads(batch); });
 }
 
 // Main thread. Each display is read on its own queue, behind any write or power command already queued for it,
@@ -106,7 +135,7 @@ void DisplayController::scheduleReads(const std::shared_ptr<RefreshBatch>& batch
             }
             batch->readings[i] = reading;
             if (batch->pending.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-                QMetaObject::invokeMethod(this, [this, batch] { readFinished(batch); }, Qt::QueuedConnection);
+                onMain([this, batch] { readFinished(batch); });
             }
         });
     }

@@ -17,6 +17,7 @@
 #include <QObject>
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -68,6 +69,10 @@ signals:
 private:
     struct RefreshBatch;
 
+    // The main queue: hands work from any thread to this object's thread, in hand-over order.
+    void onMain(std::function<void()> work);
+    Q_INVOKABLE void runMain();
+
     void writeBrightness(std::uint32_t id, const DisplayBackendRef& backend, double fraction);
     void drainBrightness(std::uint32_t id, const DisplayBackendRef& backend);
     void setPower(std::uint32_t id, const DisplayBackendRef& backend, bool on);
@@ -94,6 +99,12 @@ private:
 
     // Constant from construction to destruction.
     std::unique_ptr<SerialQueue> enumerationQueue_;
+
+    // The main queue's mailbox. The Qt event posted with each hand-over only says "look in the mailbox"; the work
+    // itself travels here, under the mailbox's own mutex, which keeps it in order and makes the hand-over visible
+    // to race detectors (the event loop's internal locking is not). It guards no state of the model.
+    std::mutex mainMailboxMutex_;
+    std::deque<std::function<void()>> mainMailbox_;
 
     // Guards targetFraction_ and writing_ only; never held during a hardware call.
     std::mutex lock_;

@@ -56,6 +56,10 @@ fuzz: deps $(FUZZ)/build.ninja
 bench: release
 	@for b in $(RELEASE)/bench/*/bench_*; do [ -x "$$b" ] && { echo "== $$b"; $$b || exit 1; }; done
 
+# The probe on the virtual desk (emulated monitors and a laptop panel): what `LUMORA_PROBE=1 lumora` reports there.
+demo: release
+	LUMORA_PROBE=1 ./$(RELEASE)/tools/virtual-desk/virtual-desk -- ./$(RELEASE)/Lumora/lumora
+
 install: release
 	$(CMAKE) --install $(RELEASE)
 

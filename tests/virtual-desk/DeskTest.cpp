@@ -334,6 +334,27 @@ TEST_F(DeskTest, HoldKeepsASetBlockedUntilRelease)
     EXPECT_THAT(desk->violations(), IsEmpty());
 }
 
+TEST_F(DeskTest, ATransferWhileAnotherIsOnTheWireIsAViolation)
+{
+    start();
+    desk->hold("card0-DP-1");
+    std::thread writer([&] {
+        Fd fd(5);
+        write37(fd, setVcp(0x10, 60));
+    });
+    ASSERT_TRUE(desk->waitFor([&] { return desk->heldCount("card0-DP-1") == 1; }, 5s));
+    {
+        Fd other(5);
+        Bytes reply;
+        read37(other, reply);
+    }
+    desk->release("card0-DP-1");
+    writer.join();
+    const auto v = desk->violations();
+    ASSERT_EQ(v.size(), 1u);
+    EXPECT_THAT(v[0], HasSubstr("two transfers in flight"));
+}
+
 TEST_F(DeskTest, UnplugChangesSysfsAndSendsAHotplugUevent)
 {
     start();

@@ -1,0 +1,177 @@
+// DDC/CI, backends and enumeration over the real Linux interfaces (i2c-dev ioctls, sysfs), served by the
+// virtual desk's emulated monitors.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+
+#include "Lumora/DDC/DDCBackend.h"
+#include "Lumora/DDC/DDCService.h"
+#include "Lumora/DDC/DisplayEnumerator.h"
+#include "Lumora/DDC/IOAVService.h"
+#include "tools/virtual-desk/VirtualDesk.h"
+
+using namespace Lumora;
+using VirtualDesk::Transaction;
+
+namespace {
+
+const char* deskFile = R"({
+  "cards": [{"connectors": [
+    {"name": "DP-1", "connectorId": 95, "edid": {"vendor": "DEL", "model": 41156, "serial": 7, "name": "DELL U2720Q"},
+     "ddc": {"bus": 5, "via": "aux"}, "monitor": {"max": 100, "current": 50}},
+    {"name": "DP-2", "connectorId": 96, "edid": {"vendor": "ACR", "model": 9}, "ddc": {"bus": 6, "via": "aux"},
+     "monitor": {"faults": {"neverAnswer": true}}},
+    {"name": "HDMI-A-1", "connectorId": 103, "edid": {"vendor": "GSM", "model": 23305, "name": "LG HDR 4K"},
+     "ddc": {"bus": 3, "via": "link"}, "monitor": {"max": 255, "current": 51}},
+    {"name": "VGA-1", "connectorId": 120, "edid": {"vendor": "SAM", "model": 1}},
+    {"name": "eDP-1", "connectorId": 110, "edid": {"vendor": "BOE", "model": 2330}, "ddc": {"bus": 4, "via": "aux"}}
+  ]}],
+  "backlights": [{"name": "intel_backlight", "type": "raw", "max": 1000, "brightness": 730, "connector": "card0-eDP-1"}]
+})";
+
+VirtualDesk::Desk* desk = nullptr;
+
+class DeskEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override { desk = new VirtualDesk::Desk(VirtualDesk::DeskConfig::fromJson(deskFile)); }
+    void TearDown() override
+    {
+        delete desk;
+        desk = nullptr;
+    }
+};
+const auto* registered = ::testing::AddGlobalTestEnvironment(new DeskEnvironment);
+
+class OnDesk : public ::testing::Test {
+protected:
+    void SetUp() override { desk->clearTransactions(); }
+    void TearDown() override { EXPECT_TRUE(desk->violations().empty()) << desk->violations().front(); }
+
+    static std::vector<Transaction> on(const std::string& connector)
+    {
+        std::vector<Transaction> out;
+        for (const Transaction& t : desk->transactions()) {
+            if (t.connector == connector)
+                out.push_back(t);
+        }
+        return out;
+    }
+    static IOAVServiceRef open(const std::string& connector)
+    {
+        IOAVService::CreateFn create = IOAVService::createFn();
+        if (!create)
+            return nullptr;
+        return create(("/dev/i2c-" + std::to_string(desk->busNumber(connector))).c_str());
+    }
+};
+
+using Bytes = std::vector<std::uint8_t>;
+
+}  // namespace
+
+TEST_F(OnDesk, TheI2CEntryPointsAreBoundWhenTheKernelOffersI2CDev)
+{
+    EXPECT_TRUE(IOAVService::isAvailable());
+    EXPECT_EQ(IOAVService::createFn()("/dev/i2c-77"), nullptr) << "a bus that does not exist";
+}
+
+TEST_F(OnDesk, GetAndSetTravelAsOneI2CMessageEachToTheDDCAddress)
+{
+    DDCService ddc(open("card0-DP-1"));
+    std::optional<VCPReply> reply = ddc.getVCP(VCPCode::brightness);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(*reply, (VCPReply{50, 100}));
+
+    ASSERT_TRUE(ddc.setVCP(VCPCode::brightness, 50));
+    EXPECT_EQ(desk->brightness("card0-DP-1"), 50);
+
+    std::vector<Transaction> wire = on("card0-DP-1");
+    ASSERT_EQ(wire.size(), 4u);
+    EXPECT_EQ(wire[0].bytes, (Bytes{0x51, 0x82, 0x01, 0x10, 0xAC}));
+    EXPECT_EQ(wire[1].direction, VirtualDesk::Direction::Read);
+    EXPECT_EQ(wire[1].bytes.size(), 11u);
+    EXPECT_EQ(wire[2].bytes, (Bytes{0x51, 0x84, 0x03, 0x10, 0x00, 0x32, 0x9A}));
+    EXPECT_EQ(wire[3].bytes, wire[2].bytes);
+    for (const Transaction& t : wire) {
+        EXPECT_EQ(t.address, 0x37);
+        EXPECT_EQ(t.via, "rdwr");
+        EXPECT_EQ(t.outcome, "ok");
+    }
+    EXPECT_GE(wire[1].startUs - wire[0].endUs, 50'000) << "the reply is read 50 ms after the request";
+}
+
+TEST_F(OnDesk, AMonitorThatNeverAnswersCostsFiveAttempts)
+{
+    DDCService ddc(open("card0-DP-2"));
+    EXPECT_FALSE(ddc.getVCP(VCPCode::brightness));
+    std::vector<Transaction> wire = on("card0-DP-2");
+    ASSERT_EQ(wire.size(), 10u);
+    for (std::size_t i = 0; i < wire.size(); ++i)
+        EXPECT_EQ(wire[i].request, i % 2 == 0 ? "get" : "") << i;
+}
+
+TEST_F(OnDesk, TheDDCBackendLearnsTheMaximumAndScalesByIt)
+{
+    DDCBackend backend(open("card0-HDMI-A-1"));
+    EXPECT_DOUBLE_EQ(*backend.readBrightness(), 0.2);
+    backend.writeBrightness(0.4);
+    EXPECT_EQ(desk->brightness("card0-HDMI-A-1"), 102);
+
+    backend.setPower(false);
+    EXPECT_EQ(desk->powerMode("card0-HDMI-A-1"), 4);
+    backend.setPower(true);
+    EXPECT_EQ(desk->powerMode("card0-HDMI-A-1"), 1);
+    EXPECT_EQ(desk->brightness("card0-HDMI-A-1"), 102) << "power commands leave the brightness alone";
+}
+
+TEST_F(OnDesk, EnumerationPairsEveryConnectedMonitorAndListsThePanelLast)
+{
+    std::vector<DisplayInfo> displays = DisplayEnumerator::allDisplays();
+    ASSERT_EQ(displays.size(), 4u);
+    EXPECT_EQ(displays[0].id, 95u);
+    EXPECT_EQ(displays[0].name, "DELL U2720Q");
+    EXPECT_EQ(displays[1].id, 96u);
+    EXPECT_EQ(displays[1].name, "Display 96");
+    EXPECT_EQ(displays[2].id, 103u);
+    EXPECT_EQ(displays[2].name, "LG HDR 4K");
+    EXPECT_EQ(displays[3].id, 110u);
+    EXPECT_EQ(displays[3].name, "Built-in Display");
+    EXPECT_TRUE(displays[0].backend->canPowerOff());
+    EXPECT_FALSE(displays[3].backend->canPowerOff());
+    // A VGA monitor without a DDC adapter has no channel: it is left out.
+    EXPECT_TRUE(on("card0-VGA-1").empty());
+    // Enumeration itself sends nothing to any monitor.
+    EXPECT_TRUE(desk->transactions().empty());
+}
+
+TEST_F(OnDesk, AMonitorUnpluggedAfterEnumerationFailsQuietly)
+{
+    std::vector<DisplayInfo> displays = DisplayEnumerator::allDisplays();
+    ASSERT_FALSE(displays.empty());
+    desk->unplug("card0-DP-1");
+    EXPECT_FALSE(displays[0].backend->readBrightness());
+    displays[0].backend->writeBrightness(0.9);
+    displays[0].backend->setPower(false);
+    EXPECT_EQ(desk->brightness("card0-DP-1"), 50);
+    EXPECT_EQ(desk->powerMode("card0-DP-1"), 1);
+
+    std::vector<DisplayInfo> after = DisplayEnumerator::allDisplays();
+    EXPECT_EQ(after.size(), 3u);
+    EXPECT_EQ(after[0].id, 96u);
+    desk->plug("card0-DP-1");
+    EXPECT_EQ(DisplayEnumerator::allDisplays().size(), 4u);
+}
+
+TEST_F(OnDesk, ADDCLinkToNowhereLeavesTheConnectorOut)
+{
+    namespace fs = std::filesystem;
+    fs::path connector = fs::canonical(fs::path(desk->rootDir()) / "sys/class/drm/card0-VGA-1");
+    fs::create_symlink("../../../i2c-99", connector / "ddc");
+    std::vector<DisplayInfo> displays = DisplayEnumerator::allDisplays();
+    fs::remove(connector / "ddc");
+    EXPECT_EQ(displays.size(), 4u);
+    for (const DisplayInfo& display : displays)
+        EXPECT_NE(display.id, 120u);
+}

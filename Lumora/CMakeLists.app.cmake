@@ -13,8 +13,9 @@ qt_add_resources(LumoraApp lumora_symbols
   FILES ${LUMORA_SYMBOL_FILES})
 
 # The update plugin lives in the application's private library directory, found from the executable's own path.
-file(RELATIVE_PATH LUMORA_PRIVATE_LIBDIR_FROM_BINDIR
-  ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR}/lumora)
+file(RELATIVE_PATH private_libdir ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR}/lumora)
+# Also read by the desktop end-to-end test, which installs a test plugin there.
+set(LUMORA_PRIVATE_LIBDIR_FROM_BINDIR ${private_libdir} CACHE INTERNAL "private library directory, from bindir")
 target_compile_definitions(LumoraApp PRIVATE
   LUMORA_PRIVATE_LIBDIR_FROM_BINDIR="${LUMORA_PRIVATE_LIBDIR_FROM_BINDIR}"
   LUMORA_VERSION="${PROJECT_VERSION}")

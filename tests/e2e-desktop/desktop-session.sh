@@ -1,0 +1,196 @@
+# A small X11 desktop for driving the tray application from outside: Xvfb, the openbox window manager and the
+# trayer system tray, plus helpers to find Lumora's windows, wait with deadlines, read pixels and take
+# screenshots. Sourced by the end-to-end test, the desktop figures and `make demo`.
+#
+# Every process started here is recorded and ended by session_stop (call it from an EXIT trap). Nothing waits
+# without a deadline. Needs: Xvfb openbox trayer xdotool xwininfo xprop import, and ImageMagick's convert.
+
+SESSION_PIDS=()
+
+# The real ImageMagick (a plain `convert` earlier in PATH may be something else).
+session_convert()
+{
+    local tool
+    for tool in convert-im6.q16 /usr/bin/convert convert; do
+        if command -v "$tool" >/dev/null 2>&1; then
+            "$tool" "$@"
+            return
+        fi
+    done
+    return 127
+}
+
+# now_ms: a monotonic clock in milliseconds.
+now_ms()
+{
+    local up
+    read -r up _ </proc/uptime
+    # /proc/uptime has centiseconds; date gives nanoseconds when available.
+    local ns
+    ns=$(date +%s%N 2>/dev/null)
+    if [[ $ns =~ ^[0-9]+$ ]]; then
+        echo $((ns / 1000000))
+    else
+        echo $(( ${up%.*} * 1000 + 10#${up#*.} * 10 ))
+    fi
+}
+
+# wait_until SECONDS COMMAND...: runs COMMAND every 20 ms until it succeeds; fails after SECONDS.
+wait_until()
+{
+    local limit=$1
+    shift
+    local deadline=$(( $(now_ms) + limit * 1000 ))
+    while (( $(now_ms) < deadline )); do
+        if "$@"; then
+            return 0
+        fi
+        sleep 0.02
+    done
+    "$@"
+}
+
+session_track() { SESSION_PIDS+=("$1"); }
+
+# session_start WORKDIR [WIDTHxHEIGHT]: starts Xvfb on a free display, openbox and trayer (a tray at the top
+# right); exports DISPLAY. Fails when any piece does not come up in time.
+session_start()
+{
+    local work=$1 size=${2:-1280x800}
+    mkdir -p "$work"
+    rm -f "$work/displayfd"
+    Xvfb -displayfd 3 -screen 0 "${size}x24" -nolisten tcp -noreset 3>"$work/displayfd" >"$work/xvfb.log" 2>&1 &
+    session_track $!
+    if ! wait_until 15 test -s "$work/displayfd"; then
+        echo "session: Xvfb did not start" >&2
+        return 1
+    fi
+    export DISPLAY=":$(tr -d '\n' <"$work/displayfd")"
+    if ! wait_until 10 xprop -root _XKB_RULES_NAMES >/dev/null 2>&1; then
+        echo "session: no X server on $DISPLAY" >&2
+        return 1
+    fi
+
+    openbox --sm-disable >"$work/openbox.log" 2>&1 &
+    session_track $!
+    if ! wait_until 10 session_has_wm; then
+        echo "session: openbox did not start" >&2
+        return 1
+    fi
+
+    trayer --edge top --align right --widthtype request --height 24 --SetDockType true --SetPartialStrut true \
+        --transparent false --expand false >"$work/trayer.log" 2>&1 &
+    session_track $!
+    if ! wait_until 10 session_has_tray; then
+        echo "session: trayer did not start" >&2
+        return 1
+    fi
+}
+
+session_has_wm() { xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q 'window id'; }
+session_has_tray() { xwininfo -root -tree 2>/dev/null | grep -q '("panel" "trayer")'; }
+
+# session_stop: ends every tracked process (TERM, then KILL after a grace period) and reaps it.
+session_stop()
+{
+    local pid i
+    for (( i = ${#SESSION_PIDS[@]} - 1; i >= 0; i-- )); do
+        pid=${SESSION_PIDS[i]}
+        kill -TERM "$pid" 2>/dev/null || true
+    done
+    for pid in "${SESSION_PIDS[@]}"; do
+        local deadline=$(( $(now_ms) + 5000 ))
+        while kill -0 "$pid" 2>/dev/null && (( $(now_ms) < deadline )); do
+            sleep 0.05
+        done
+        kill -KILL "$pid" 2>/dev/null || true
+        wait "$pid" 2>/dev/null || true
+    done
+    SESSION_PIDS=()
+}
+
+# lumora_windows: "id x y width height viewable(0/1)" for every window of class lumora, one per line.
+lumora_windows()
+{
+    local id info x y w h state
+    for id in $(xdotool search --classname '^lumora$' 2>/dev/null); do
+        info=$(xwininfo -id "$id" 2>/dev/null) || continue
+        x=$(awk '/Absolute upper-left X/ {print $4}' <<<"$info")
+        y=$(awk '/Absolute upper-left Y/ {print $4}' <<<"$info")
+        w=$(awk '/^ *Width:/ {print $2}' <<<"$info")
+        h=$(awk '/^ *Height:/ {print $2}' <<<"$info")
+        state=0
+        grep -q 'Map State: IsViewable' <<<"$info" && state=1
+        echo "$id $x $y $w $h $state"
+    done
+}
+
+# tray_icon: "x y width height" of Lumora's icon docked in the tray (a viewable window inside trayer's panel).
+tray_icon()
+{
+    local panel id info
+    panel=$(xwininfo -root -tree 2>/dev/null | awk '/\("panel" "trayer"\)/ {print $1; exit}')
+    [[ -n $panel ]] || return 1
+    for id in $(xwininfo -id "$panel" -tree 2>/dev/null | awk '/\("lumora" "Lumora"\)/ {print $1}'); do
+        info=$(xwininfo -id "$id" 2>/dev/null) || continue
+        grep -q 'Map State: IsViewable' <<<"$info" || continue
+        awk '/Absolute upper-left X/ {x=$4} /Absolute upper-left Y/ {y=$4} /^ *Width:/ {w=$2} /^ *Height:/ {h=$2}
+             END {print x, y, w, h}' <<<"$info"
+        return 0
+    done
+    return 1
+}
+icon_docked() { tray_icon >/dev/null; }
+
+# panel_geometry: "x y width height" of the shown panel (Lumora's viewable 300-wide window).
+panel_geometry()
+{
+    lumora_windows | awk '$4 == 300 && $6 == 1 {print $2, $3, $4, $5; found=1; exit} END {exit !found}'
+}
+panel_shown() { panel_geometry >/dev/null; }
+panel_hidden() { ! panel_shown; }
+
+# menu_geometry: "x y width height" of a shown Lumora window that is neither the panel nor the icon.
+menu_geometry()
+{
+    lumora_windows | awk '$4 != 300 && $4 > 60 && $6 == 1 {print $2, $3, $4, $5; found=1; exit} END {exit !found}'
+}
+menu_shown() { menu_geometry >/dev/null; }
+
+# screenshot FILE: the whole screen as PNG.
+screenshot() { import -window root "$1"; }
+
+# pixel_column FILE X Y0 Y1: "y r g b" for the pixels of column X from Y0 to Y1 of an image.
+pixel_column()
+{
+    local file=$1 x=$2 y0=$3 y1=$4
+    session_convert "$file" -crop "1x$(( y1 - y0 + 1 ))+$x+$y0" +repage -depth 8 txt:- |
+        awk -v y0="$y0" -F'[ ,:()]+' 'NR > 1 { print $2 + y0, $3, $4, $5 }'
+}
+
+# slider_rows FILE PANEL_X PANEL_Y PANEL_H: the y of every brightness slider in the shown panel, top to bottom.
+# A slider is found by its filled groove (the highlight colour, bluish) just right of its start: the dim sun
+# sits at 16 ... 32 points and the groove starts 8 points later.
+slider_rows()
+{
+    local file=$1 px=$2 py=$3 ph=$4
+    pixel_column "$file" $(( px + 48 )) "$py" $(( py + ph - 1 )) |
+        awk 'BEGIN { inrun = 0 }
+             { blue = ($4 > 140 && $4 > $2 + 60) }
+             blue && !inrun { start = $1; inrun = 1 }
+             !blue && inrun { print int((start + prev) / 2); inrun = 0 }
+             { prev = $1 }
+             END { if (inrun) print int((start + prev) / 2) }'
+}
+
+# dark_rows FILE X Y0 Y1: the middle of every run of dark pixels in column X between Y0 and Y1.
+dark_rows()
+{
+    pixel_column "$1" "$2" "$3" "$4" |
+        awk 'BEGIN { inrun = 0 }
+             { dark = ($2 + $3 + $4 < 300) }
+             dark && !inrun { start = $1; inrun = 1 }
+             !dark && inrun { print int((start + prev) / 2); inrun = 0 }
+             { prev = $1 }
+             END { if (inrun) print int((start + prev) / 2) }'
+}

@@ -1,0 +1,257 @@
+#!/usr/bin/env bash
+# End to end on a virtual X11 desk: the real lumora binary on the virtual desk's emulated monitors, docked in a
+# real tray (Xvfb + openbox + trayer), driven with xdotool like a person would, checked through the window
+# system, the pixels of screenshots, the emulated monitors' state and their transaction log.
+#
+#   run.sh LUMORA VIRTUAL_DESK ARTIFACT_DIR [UPDATE_PLUGIN PRIVATE_LIBDIR]
+#
+# UPDATE_PLUGIN is a test update plugin and PRIVATE_LIBDIR the private library directory relative to the
+# executable's directory; with them a copy of lumora is also run with the plugin installed beside it.
+# Exit status: 0 passed, 1 failed, 77 skipped (no Xvfb on this machine). Screenshots stay in ARTIFACT_DIR.
+set -uo pipefail
+
+LUMORA=$1
+VIRTUAL_DESK=$2
+ARTIFACTS=$3
+UPDATE_PLUGIN=${4:-}
+PRIVATE_LIBDIR=${5:-}
+HERE=$(cd "$(dirname "$0")" && pwd)
+
+if ! command -v Xvfb >/dev/null 2>&1; then
+    echo "SKIP: Xvfb is not installed"
+    exit 77
+fi
+for tool in openbox trayer xdotool xwininfo xprop import xmessage; do
+    command -v "$tool" >/dev/null 2>&1 || { echo "FAIL: $tool is missing (scripts/install-deps.sh installs it)"; exit 1; }
+done
+
+# shellcheck source=desktop-session.sh
+source "$HERE/desktop-session.sh"
+
+rm -rf "$ARTIFACTS"
+mkdir -p "$ARTIFACTS"
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/lumora-e2e.XXXXXX")
+FAILURES=0
+APP_PID=""
+
+cleanup()
+{
+    session_stop
+    cp "$WORK"/*.log "$ARTIFACTS/" 2>/dev/null || true
+    rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+# A desktop of our own: no StatusNotifier host over D-Bus (the icon docks through XEmbed), a private runtime
+# directory (the single-instance lock lives there), a private configuration directory.
+unset DBUS_SESSION_BUS_ADDRESS WAYLAND_DISPLAY QT_QPA_PLATFORM
+export XDG_RUNTIME_DIR="$WORK/runtime" XDG_CONFIG_HOME="$WORK/config"
+mkdir -p "$XDG_RUNTIME_DIR" "$XDG_CONFIG_HOME"
+chmod 700 "$XDG_RUNTIME_DIR"
+export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0:detect_leaks=0"
+
+step() { echo "== $*"; }
+pass() { echo "   ok: $*"; }
+fail() { echo "   FAIL: $*"; FAILURES=$((FAILURES + 1)); }
+check() { local what=$1; shift; if "$@"; then pass "$what"; else fail "$what"; fi; }
+shot() { screenshot "$ARTIFACTS/$1.png" && echo "   screenshot: $ARTIFACTS/$1.png"; }
+desk() { "$VIRTUAL_DESK" --send "$WORK/control" "$@"; }
+desk_value() { desk "$@" | awk '$1 == "ok" {print $2}'; }
+equals() { [[ "$("${@:2}")" == "$1" ]]; }
+finish()
+{
+    echo
+    if (( FAILURES == 0 )); then echo "1 passed, 0 failed"; exit 0; fi
+    echo "0 passed, 1 failed ($FAILURES checks failed)"
+    exit 1
+}
+abort() { fail "$*"; shot "zz-abort"; finish; }
+
+step "desktop: Xvfb, openbox, trayer"
+session_start "$WORK" 1280x800 || abort "the virtual desktop did not start"
+pass "display $DISPLAY"
+
+step "start lumora on the virtual desk (default desk: DP-1 and HDMI-A-1 monitors, eDP-1 panel)"
+start=$(now_ms)
+"$VIRTUAL_DESK" --control "$WORK/control" --log "$WORK/desk.jsonl" -- "$LUMORA" >"$WORK/lumora.log" 2>&1 &
+APP_PID=$!
+session_track "$APP_PID"
+wait_until 20 icon_docked || abort "the sun never docked in the tray"
+echo "   docked after $(( $(now_ms) - start )) ms"
+read -r IX IY IW IH < <(tray_icon)
+pass "icon at ${IX},${IY} ${IW}x${IH}"
+shot 01-docked
+
+step "a second lumora leaves the first alone and exits quietly"
+second_out=$(timeout -k 2 20 "$LUMORA" 2>&1)
+second_status=$?
+check "second instance exit status 0 (was $second_status)" test "$second_status" -eq 0
+check "second instance printed nothing" test -z "$second_out"
+check "the first one is still docked" icon_docked
+check "the first one is still running" kill -0 "$APP_PID"
+
+step "left click on the icon opens the panel under it"
+xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1
+wait_until 10 panel_shown || abort "no panel after a click on the icon"
+row_count() { local n; screenshot "$WORK/rows.png"; read -r PX PY PW PH < <(panel_geometry) || return 1; n=$(slider_rows "$WORK/rows.png" "$PX" "$PY" "$PH" | wc -l); [[ $n -eq $1 ]]; }
+# Rows appear once the refresh of the opening has read the monitors.
+wait_until 10 row_count 3 || true
+read -r PX PY PW PH < <(panel_geometry)
+expected_x=$(( IX + IW / 2 - 150 ))
+(( expected_x > 1280 - 300 )) && expected_x=$(( 1280 - 300 ))
+(( expected_x < 0 )) && expected_x=0
+check "panel is 300 wide (was $PW)" test "$PW" -eq 300
+check "panel top is 6 below the icon (y $PY, icon bottom $(( IY + IH )))" test "$PY" -eq $(( IY + IH + 6 ))
+check "panel centred under the icon, kept on screen (x $PX, expected $expected_x)" test "$PX" -eq "$expected_x"
+shot 02-panel-open
+mapfile -t ROWS < <(slider_rows "$ARTIFACTS/02-panel-open.png" "$PX" "$PY" "$PH")
+check "one row per emulated display: 3 sliders (found ${#ROWS[@]}: ${ROWS[*]})" test "${#ROWS[@]}" -eq 3
+(( ${#ROWS[@]} >= 2 )) || abort "no rows to work with"
+
+# The groove of a slider runs from the dim sun to the bright sun: 16 + 16 + 8 ... 300 - 16 - 16 - 8.
+GROOVE_LEFT=$(( PX + 40 ))
+GROOVE_RIGHT=$(( PX + 260 ))
+at_fraction() { echo $(( GROOVE_LEFT + (GROOVE_RIGHT - GROOVE_LEFT) * $1 / 100 )); }
+
+step "drag the first slider (DP-1) from 80% down to 30%"
+y=${ROWS[0]}
+before_writes=$(desk_value transactions)
+xdotool mousemove "$(at_fraction 80)" "$y" mousedown 1
+for f in 75 70 65 60 55 50 45 40 35 30; do
+    xdotool mousemove "$(at_fraction "$f")" "$y"
+    sleep 0.03
+done
+xdotool mouseup 1
+# The monitor settles on the newest value once the write loop has caught up.
+settled() { local a b; a=$(desk_value brightness card0-DP-1); sleep 0.3; b=$(desk_value brightness card0-DP-1); [[ $a == "$b" && $a -le 40 ]]; }
+wait_until 10 settled
+DRAGGED=$(desk_value brightness card0-DP-1)
+check "DP-1 brightness follows the drag to about 30 (is $DRAGGED)" test "$DRAGGED" -ge 22 -a "$DRAGGED" -le 38
+shot 03-dragged
+check "HDMI-A-1 untouched at 70" equals 70 desk_value brightness card0-HDMI-A-1
+
+step "power button of the first row: standby, then on again at the kept brightness"
+read -r _ _ _ PH < <(panel_geometry)
+shot 04-before-power
+POWER_X=$(( PX + 300 - 16 - 12 ))
+mapfile -t marks < <(dark_rows "$ARTIFACTS/04-before-power.png" "$POWER_X" $(( y - 40 )) $(( y - 8 )))
+POWER_Y=$(( y - 25 ))
+(( ${#marks[@]} > 0 )) && POWER_Y=${marks[$(( ${#marks[@]} / 2 ))]}
+xdotool mousemove "$POWER_X" "$POWER_Y" click 1
+check "DP-1 in standby (D6 = 04)" wait_until 10 equals 4 desk_value power card0-DP-1
+check "the panel stays up after a click in it" panel_shown
+shot 05-standby
+xdotool click 1
+check "DP-1 on again (D6 = 01)" wait_until 10 equals 1 desk_value power card0-DP-1
+check "DP-1 back at the kept brightness $DRAGGED" wait_until 10 equals "$DRAGGED" desk_value brightness card0-DP-1
+shot 06-woken
+
+step "hot-plug: unplug HDMI-A-1, its row goes; plug it in, its row comes back"
+desk unplug card0-HDMI-A-1 >/dev/null
+check "two rows after the unplug" wait_until 10 row_count 2
+shot 07-unplugged
+desk plug card0-HDMI-A-1 >/dev/null
+check "three rows after the plug" wait_until 10 row_count 3
+shot 08-plugged
+
+step "Alt+Tab leaves the panel up; a click in another window hides it and that window gets its click"
+xmessage -print -buttons "clicked:0" -geometry +80+400 "another application" >"$WORK/xmessage.out" 2>&1 &
+XMESSAGE_PID=$!
+session_track "$XMESSAGE_PID"
+wait_until 10 bash -c 'xdotool search --onlyvisible --name "^xmessage$" >/dev/null' || fail "xmessage did not appear"
+# The new window has no focus yet when the panel is shown; the panel does not take focus either.
+check "panel still shown after another window appeared" panel_shown
+xdotool key alt+Tab
+sleep 0.3
+check "panel still shown after Alt+Tab" panel_shown
+shot 09-alt-tab
+XM=$(xdotool search --onlyvisible --name '^xmessage$' | head -1)
+read -r MX MY MW MH < <(xwininfo -id "$XM" | awk '/Absolute upper-left X/ {x=$4} /Absolute upper-left Y/ {y=$4} /^ *Width:/ {w=$2} /^ *Height:/ {h=$2} END {print x, y, w, h}')
+# The button sits at the bottom left of xmessage's window.
+xdotool mousemove $(( MX + 20 )) $(( MY + MH - 12 )) click 1
+check "panel hidden by the click in the other window" wait_until 10 panel_hidden
+check "the other window got its click" wait_until 10 grep -q clicked "$WORK/xmessage.out"
+shot 10-dismissed
+
+step "the icon toggles: open, and a second click closes"
+xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1
+check "opens" wait_until 10 panel_shown
+sleep 0.6   # beyond the double-click interval, so that the next press is a fresh click
+xdotool click 1
+check "closes" wait_until 10 panel_hidden
+sleep 0.6
+# Three quick clicks arrive as a click, a double click and a click: three toggles, the panel ends up shown.
+xdotool click --repeat 3 --delay 120 1
+check "a double click counts as a click (three quick clicks leave it open)" wait_until 10 panel_shown
+sleep 0.6
+xdotool click 1
+check "closes again" wait_until 10 panel_hidden
+
+step "right click: the status menu; Quit ends lumora with status 0"
+xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+check "menu shown" wait_until 10 menu_shown
+check "right click did not open the panel" panel_hidden
+shot 11-menu
+read -r NX NY NW NH < <(menu_geometry)
+check "menu opens 4 below the icon (y $NY)" test "$NY" -eq $(( IY + IH + 4 ))
+# "Quit Lumora" is the last item.
+xdotool mousemove $(( NX + 40 )) $(( NY + NH - 14 )) click 1
+if wait_until 20 bash -c '! kill -0 "$0" 2>/dev/null' "$APP_PID"; then
+    wait "$APP_PID"
+    status=$?
+    check "lumora (under the virtual desk) exit status 0 (was $status)" test "$status" -eq 0
+else
+    fail "lumora still running 20 s after Quit"
+fi
+
+step "the emulated monitors' log"
+if [[ -s $WORK/desk.jsonl ]]; then
+    cp "$WORK/desk.jsonl" "$ARTIFACTS/desk.jsonl"
+    sets() { grep '"request":"set"' "$WORK/desk.jsonl" | grep "\"connector\":\"$1\"" | grep "\"code\":\"$2\"" | sed 's/.*"value":\([0-9]*\).*/\1/'; }
+    mapfile -t power_sets < <(sets card0-DP-1 0xD6 | uniq)
+    check "DP-1 got D6 04 then D6 01 (got ${power_sets[*]})" test "${power_sets[*]}" == "4 1"
+    last_brightness=$(sets card0-DP-1 0x10 | tail -1)
+    check "the newest brightness written to DP-1 is the kept one, $DRAGGED (was $last_brightness)" test "$last_brightness" == "$DRAGGED"
+    drag_writes=$(sets card0-DP-1 0x10 | uniq | wc -l)
+    echo "   distinct brightness values written to DP-1: $drag_writes"
+    check "no write ever went to another address" test "$(grep -c '"request":"set"' "$WORK/desk.jsonl")" -gt 0
+else
+    fail "the virtual desk wrote no log"
+fi
+check "the virtual desk saw no violation" bash -c '! grep -qi violation "$0"' "$WORK/lumora.log"
+
+step "with an update plugin in the private library directory: Check for Updates reaches it; q quits"
+if [[ -n ${UPDATE_PLUGIN:-} && -f $UPDATE_PLUGIN ]]; then
+    mkdir -p "$WORK/install/bin" "$WORK/install/bin/$PRIVATE_LIBDIR"
+    cp "$LUMORA" "$WORK/install/bin/lumora"
+    cp "$UPDATE_PLUGIN" "$WORK/install/bin/$PRIVATE_LIBDIR/liblumora-update.so"
+    export LUMORA_TEST_UPDATE_LOG="$WORK/update.log"
+    "$VIRTUAL_DESK" -- "$WORK/install/bin/lumora" >"$WORK/lumora-with-plugin.log" 2>&1 &
+    APP_PID=$!
+    session_track "$APP_PID"
+    wait_until 20 icon_docked || abort "the sun never docked (with the plugin)"
+    check "the plugin made its controller at start, started, without delegates" wait_until 10 grep -qx "create 1 0" "$WORK/update.log"
+    read -r IX IY IW IH < <(tray_icon)
+    xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+    check "menu shown" wait_until 10 menu_shown
+    shot 12-menu-with-updater
+    read -r NX NY NW NH < <(menu_geometry)
+    # "Check for Updates…" is the second item: its text is dark now, grey when disabled (11-menu.png).
+    xdotool mousemove $(( NX + 40 )) $(( NY + 32 )) click 1
+    check "Check for Updates reached the plugin once" wait_until 10 bash -c '[[ $(grep -cx "check 0" "$0") == 1 ]]' "$WORK/update.log"
+    xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+    check "menu shown again" wait_until 10 menu_shown
+    xdotool key q
+    if wait_until 20 bash -c '! kill -0 "$0" 2>/dev/null' "$APP_PID"; then
+        wait "$APP_PID"
+        status=$?
+        check "q in the menu quits with status 0 (was $status)" test "$status" -eq 0
+    else
+        fail "lumora still running 20 s after q"
+    fi
+    check "still exactly one controller made" test "$(grep -c '^create' "$WORK/update.log")" -eq 1
+else
+    fail "no test update plugin given"
+fi
+
+finish

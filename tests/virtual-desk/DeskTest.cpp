@@ -388,6 +388,67 @@ TEST_F(DeskTest, UnplugChangesSysfsAndSendsAHotplugUevent)
     udev_unref(u);
 }
 
+// Waits for the next uevent on the monitor; empty strings when none comes within the time limit.
+std::pair<std::string, std::string> nextUevent(udev_monitor* mon)
+{
+    pollfd p{udev_monitor_get_fd(mon), POLLIN, 0};
+    if (::poll(&p, 1, 5000) != 1)
+        return {};
+    udev_device* dev = udev_monitor_receive_device(mon);
+    if (!dev)
+        return {};
+    std::pair<std::string, std::string> r{udev_device_get_action(dev), udev_device_get_sysname(dev)};
+    udev_device_unref(dev);
+    return r;
+}
+
+TEST_F(DeskTest, ConnectorsComeAndGo)
+{
+    start();
+    udev* u = udev_new();
+    udev_monitor* mon = udev_monitor_new_from_netlink(u, "udev");
+    udev_monitor_filter_add_match_subsystem_devtype(mon, "drm", nullptr);
+    ASSERT_EQ(udev_monitor_enable_receiving(mon), 0);
+
+    VirtualDesk::ConnectorConfig port;
+    port.name = "DP-3";
+    port.connectorId = 120;
+    port.edid = VirtualDesk::EdidConfig{"SAM", 0x7123, 7, "Odyssey G7", std::nullopt};
+    port.ddc = VirtualDesk::DdcConfig{9, VirtualDesk::DdcVia::Aux, ""};
+    port.monitor = VirtualDesk::MonitorConfig{};
+    port.monitor->replyDelayMs = 0;
+    desk->addConnector(0, port);
+    using Event = std::pair<std::string, std::string>;
+    EXPECT_EQ(nextUevent(mon), (Event{"add", "card0-DP-3"}));
+    EXPECT_EQ(nextUevent(mon), (Event{"change", "card0"}));
+    EXPECT_EQ(readText("/sys/class/drm/card0-DP-3/status"), "connected\n");
+    EXPECT_EQ(readText("/sys/class/drm/card0-DP-3/connector_id"), "120\n");
+    EXPECT_TRUE(fs::is_directory("/sys/class/drm/card0-DP-3/i2c-9/i2c-dev/i2c-9"));
+    {
+        Fd fd(9);
+        Bytes reply;
+        ASSERT_EQ(write37(fd, getVcp(0x10)), 0);
+        ASSERT_EQ(read37(fd, reply), 0);
+        EXPECT_EQ(reply[9], 50);
+
+        desk->removeConnector("card0-DP-3");
+        EXPECT_EQ(nextUevent(mon), (Event{"remove", "card0-DP-3"}));
+        EXPECT_EQ(nextUevent(mon), (Event{"change", "card0"}));
+        EXPECT_FALSE(fs::exists("/sys/class/drm/card0-DP-3"));
+        EXPECT_FALSE(fs::exists("/sys/class/i2c-dev/i2c-9"));
+        EXPECT_EQ(write37(fd, getVcp(0x10)), ENODEV) << "a descriptor of a removed bus fails";
+    }
+    EXPECT_EQ(desk->connectors().size(), 4u);
+    EXPECT_THAT(desk->control(R"(add 0 {"name":"DP-3","ddc":{"bus":9},"monitor":{}})"), HasSubstr("error: bus 9"));
+    EXPECT_THAT(desk->control(R"(add 0 {"name":"DP-3","ddc":{"bus":10},"monitor":{"current":5}})"), "ok");
+    EXPECT_EQ(desk->brightness("card0-DP-3"), 5);
+    EXPECT_THAT(desk->control("remove card0-DP-3"), "ok");
+    EXPECT_THAT(desk->control("remove card0-DP-3"), HasSubstr("error: no connector"));
+    EXPECT_THAT(desk->violations(), IsEmpty());
+    udev_monitor_unref(mon);
+    udev_unref(u);
+}
+
 TEST_F(DeskTest, BacklightWritesAreSeen)
 {
     start();

@@ -43,6 +43,9 @@ std::atomic<bool> deskAlive{false};
 
 constexpr uint16_t kDdcAddress = 0x37;
 constexpr uint16_t kEdidAddress = 0x50;
+// A host that has not read its reply this long after it became ready has given up on it: from then on another
+// descriptor talking to the monitor is no longer a second conversation running at the same time.
+constexpr int64_t kConversationGraceUs = 200000;
 
 std::string errnoName(int e)
 {
@@ -55,6 +58,7 @@ std::string errnoName(int e)
     case ENOTTY: return "ENOTTY";
     case ETIMEDOUT: return "ETIMEDOUT";
     case EBUSY: return "EBUSY";
+    case ENODEV: return "ENODEV";
     default: return "errno " + std::to_string(e);
     }
 }
@@ -168,10 +172,12 @@ struct Msg {
     UMockdevIoctlData* buffer = nullptr;   // where a read's bytes go (a reference of ours)
 };
 
+struct Bus;
+
 struct Transfer {
     UMockdevIoctlClient* client = nullptr; // a reference of ours
     int clientId = 0;
-    int bus = -1;
+    Bus* bus = nullptr;
     std::string via;
     std::vector<Msg> msgs;
     std::vector<UMockdevIoctlData*> keep;  // resolved blocks kept alive until completion
@@ -219,6 +225,7 @@ struct Connector {
     std::string sysName;     // card0-DP-1
     std::string devpath;     // /sys/devices/.../card0-DP-1
     std::string cardDevpath; // /sys/devices/.../drm/card0
+    std::string adapterDevpath; // /sys/devices/.../i2c-N, when it has a DDC adapter
     ConnectorConfig cfg;
     bool plugged = true;
     std::optional<Monitor> monitor;
@@ -235,6 +242,7 @@ struct Bus {
     Desk::Impl* impl = nullptr;
     std::vector<int> inFlight; // descriptors whose transfers are on the wire (or held)
     uint8_t edidOffset = 0;
+    bool removed = false;      // its connector was removed: every transfer fails with ENODEV
 };
 
 struct ClientState {
@@ -357,6 +365,13 @@ struct Desk::Impl {
 
     void build();
     std::string records();
+    std::string i2cRecords(const std::string& adapter, int bus, const std::string& name) const;
+    std::string connectorRecords(const Connector& c) const;
+    Connector& addConnectorObjects(const CardConfig& card, const ConnectorConfig& c);
+    void attach(Bus& bus);
+    void detach(Bus& bus);
+    std::vector<std::unique_ptr<Connector>> retiredConnectors; // removed, kept for transfers still under way
+    std::vector<std::unique_ptr<Bus>> retiredBuses;
 
     // ---- handlers (umockdev worker thread) ----
 
@@ -448,18 +463,48 @@ std::string defaultAdapterName(const ConnectorConfig& c, int bus)
 
 } // namespace
 
+std::string Desk::Impl::i2cRecords(const std::string& adapter, int bus, const std::string& name) const
+{
+    std::string r = "P: " + adapter + "\nE: SUBSYSTEM=i2c\n" + attr("name", name) + "\n";
+    if (config.i2cDev) {
+        const std::string n = std::to_string(bus);
+        r += "P: " + adapter + "/i2c-dev/i2c-" + n + "\nN: i2c-" + n + "\nE: DEVNAME=/dev/i2c-" + n +
+             "\nE: SUBSYSTEM=i2c-dev\nE: MAJOR=89\nE: MINOR=" + n + "\n" + attr("dev", "89:" + n) +
+             attr("name", name) + "\n";
+    }
+    return r;
+}
+
+std::string Desk::Impl::connectorRecords(const Connector& c) const
+{
+    const ConnectorConfig& cfg = c.cfg;
+    std::string r = "P: " + c.devpath.substr(4) + "\nE: SUBSYSTEM=drm\n";
+    r += attr("status", cfg.status);
+    r += attr("enabled", cfg.enabled ? "enabled" : "disabled");
+    r += attr("dpms", cfg.enabled ? "On" : "Off");
+    if (cfg.connectorId)
+        r += attr("connector_id", std::to_string(*cfg.connectorId));
+    if (cfg.edid) {
+        const auto bytes = cfg.status == "connected" ? c.edid : std::vector<uint8_t>{};
+        std::string hex;
+        char b[3];
+        for (uint8_t v : bytes) {
+            std::snprintf(b, sizeof b, "%02x", v);
+            hex += b;
+        }
+        r += "H: edid=" + hex + "\n";
+    }
+    if (cfg.ddc && cfg.ddc->via == DdcVia::Link)
+        r += "L: ddc=../../../i2c-" + std::to_string(cfg.ddc->bus) + "\n";
+    r += "\n";
+    if (cfg.ddc)
+        r += i2cRecords(c.adapterDevpath.substr(4), cfg.ddc->bus, buses.at(cfg.ddc->bus)->name);
+    return r;
+}
+
 std::string Desk::Impl::records()
 {
     std::string r;
-    auto i2cDevice = [&](const std::string& adapter, int bus, const std::string& name) {
-        r += "P: " + adapter + "\nE: SUBSYSTEM=i2c\n" + attr("name", name) + "\n";
-        if (config.i2cDev) {
-            const std::string n = std::to_string(bus);
-            r += "P: " + adapter + "/i2c-dev/i2c-" + n + "\nN: i2c-" + n + "\nE: DEVNAME=/dev/i2c-" + n +
-                 "\nE: SUBSYSTEM=i2c-dev\nE: MAJOR=89\nE: MINOR=" + n + "\n" + attr("dev", "89:" + n) +
-                 attr("name", name) + "\n";
-        }
-    };
     for (const auto& card : config.cards) {
         const std::string pci = "/devices/pci0000:00/" + card.pciSlot;
         const std::string n = std::to_string(card.index);
@@ -473,50 +518,19 @@ std::string Desk::Impl::records()
         r += "P: " + pci + "/drm/renderD" + render + "\nN: dri/renderD" + render + "\nE: DEVNAME=/dev/dri/renderD" +
              render + "\nE: SUBSYSTEM=drm\nE: DEVTYPE=drm_minor\nE: MAJOR=226\nE: MINOR=" + render + "\n" +
              attr("dev", "226:" + render) + "\n";
-        for (const auto& c : card.connectors) {
-            const std::string sysName = "card" + n + "-" + c.name;
-            const std::string path = cardPath + "/" + sysName;
-            const bool connected = c.status == "connected";
-            r += "P: " + path + "\nE: SUBSYSTEM=drm\n";
-            r += attr("status", c.status);
-            r += attr("enabled", c.enabled ? "enabled" : "disabled");
-            r += attr("dpms", c.enabled ? "On" : "Off");
-            if (c.connectorId)
-                r += attr("connector_id", std::to_string(*c.connectorId));
-            if (c.edid) {
-                const auto bytes = connected ? c.edid->bytes() : std::vector<uint8_t>{};
-                std::string hex;
-                char b[3];
-                for (uint8_t v : bytes) {
-                    std::snprintf(b, sizeof b, "%02x", v);
-                    hex += b;
-                }
-                r += "H: edid=" + hex + "\n";
-            }
-            if (c.ddc && c.ddc->via == DdcVia::Link)
-                r += "L: ddc=../../../i2c-" + std::to_string(c.ddc->bus) + "\n";
-            r += "\n";
-            if (c.ddc) {
-                const std::string name = c.ddc->name.empty() ? defaultAdapterName(c, c.ddc->bus) : c.ddc->name;
-                const std::string adapter = (c.ddc->via == DdcVia::Aux ? path : pci) + "/i2c-" +
-                                            std::to_string(c.ddc->bus);
-                i2cDevice(adapter, c.ddc->bus, name);
-            }
-        }
+        for (const auto& c : card.connectors)
+            r += connectorRecords(*connectors.at("card" + n + "-" + c.name));
     }
     if (!config.otherBuses.empty()) {
         const std::string smbus = "/devices/pci0000:00/0000:00:1f.4";
         r += "P: " + smbus + "\nE: SUBSYSTEM=pci\nE: DRIVER=i801_smbus\n" + attr("class", "0x0c0500") + "\n";
         for (const auto& b : config.otherBuses)
-            i2cDevice(smbus + "/i2c-" + std::to_string(b.bus), b.bus, b.name);
+            r += i2cRecords(smbus + "/i2c-" + std::to_string(b.bus), b.bus, b.name);
     }
     for (const auto& b : config.backlights) {
         std::string path = "/devices/virtual/backlight/" + b.name;
-        if (!b.connector.empty()) {
-            for (const auto& [name, c] : connectors)
-                if (name == b.connector)
-                    path = c->devpath.substr(4) + "/" + b.name;
-        }
+        if (!b.connector.empty())
+            path = connectors.at(b.connector)->devpath.substr(4) + "/" + b.name;
         r += "P: " + path + "\nE: SUBSYSTEM=backlight\n" + attr("brightness", std::to_string(b.brightness)) +
              attr("actual_brightness", std::to_string(b.brightness)) + attr("max_brightness", std::to_string(b.max)) +
              attr("type", b.type) + attr("bl_power", "0") + "\n";
@@ -525,37 +539,98 @@ std::string Desk::Impl::records()
     return r;
 }
 
+Connector& Desk::Impl::addConnectorObjects(const CardConfig& card, const ConnectorConfig& c)
+{
+    const std::string n = std::to_string(card.index);
+    const std::string pci = "/sys/devices/pci0000:00/" + card.pciSlot;
+    auto conn = std::make_unique<Connector>();
+    conn->sysName = "card" + n + "-" + c.name;
+    conn->cardDevpath = pci + "/drm/card" + n;
+    conn->devpath = conn->cardDevpath + "/" + conn->sysName;
+    conn->cfg = c;
+    conn->plugged = c.status == "connected";
+    if (c.edid)
+        conn->edid = c.edid->bytes();
+    if (c.monitor) {
+        conn->monitor = Monitor{};
+        conn->monitor->state = *c.monitor;
+    }
+    if (c.ddc) {
+        conn->bus = c.ddc->bus;
+        conn->adapterDevpath = (c.ddc->via == DdcVia::Aux ? conn->devpath : pci) + "/i2c-" + std::to_string(c.ddc->bus);
+        auto bus = std::make_unique<Bus>();
+        bus->number = c.ddc->bus;
+        bus->name = c.ddc->name.empty() ? defaultAdapterName(c, c.ddc->bus) : c.ddc->name;
+        bus->connector = conn.get();
+        bus->impl = this;
+        buses[bus->number] = std::move(bus);
+    }
+    Connector& ref = *conn;
+    connectors[conn->sysName] = std::move(conn);
+    return ref;
+}
+
+void Desk::Impl::attach(Bus& bus)
+{
+    bus.handler = umockdev_ioctl_base_new();
+    g_signal_connect(bus.handler, "handle-ioctl",
+                     G_CALLBACK(+[](UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer data) -> gboolean {
+                         auto* b = static_cast<Bus*>(data);
+                         b->impl->handleIoctl(*b, client);
+                         return TRUE;
+                     }),
+                     &bus);
+    g_signal_connect(bus.handler, "handle-read",
+                     G_CALLBACK(+[](UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer data) -> gboolean {
+                         auto* b = static_cast<Bus*>(data);
+                         b->impl->handleRead(*b, client);
+                         return TRUE;
+                     }),
+                     &bus);
+    g_signal_connect(bus.handler, "handle-write",
+                     G_CALLBACK(+[](UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer data) -> gboolean {
+                         auto* b = static_cast<Bus*>(data);
+                         b->impl->handleWrite(*b, client);
+                         return TRUE;
+                     }),
+                     &bus);
+    g_signal_connect(bus.handler, "client-connected",
+                     G_CALLBACK(+[](UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer data) {
+                         auto* b = static_cast<Bus*>(data);
+                         b->impl->onConnected(*b, client);
+                     }),
+                     &bus);
+    g_signal_connect(bus.handler, "client-vanished",
+                     G_CALLBACK(+[](UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer data) {
+                         auto* b = static_cast<Bus*>(data);
+                         b->impl->onVanished(*b, client);
+                     }),
+                     &bus);
+    GError* error = nullptr;
+    const std::string node = "/dev/i2c-" + std::to_string(bus.number);
+    if (!umockdev_testbed_attach_ioctl(testbed, node.c_str(), bus.handler, &error)) {
+        std::string msg = error ? error->message : "unknown error";
+        g_clear_error(&error);
+        throw std::runtime_error("virtual desk: cannot attach " + node + ": " + msg);
+    }
+}
+
+void Desk::Impl::detach(Bus& bus)
+{
+    if (!bus.handler)
+        return;
+    const std::string node = "/dev/i2c-" + std::to_string(bus.number);
+    umockdev_testbed_detach_ioctl(testbed, node.c_str(), nullptr);
+    g_object_unref(bus.handler);
+    bus.handler = nullptr;
+}
+
 void Desk::Impl::build()
 {
     // Connector and bus tables first: the records need the connector paths.
-    for (const auto& card : config.cards) {
-        const std::string n = std::to_string(card.index);
-        const std::string cardPath = "/sys/devices/pci0000:00/" + card.pciSlot + "/drm/card" + n;
-        for (const auto& c : card.connectors) {
-            auto conn = std::make_unique<Connector>();
-            conn->sysName = "card" + n + "-" + c.name;
-            conn->devpath = cardPath + "/" + conn->sysName;
-            conn->cardDevpath = cardPath;
-            conn->cfg = c;
-            conn->plugged = c.status == "connected";
-            if (c.edid)
-                conn->edid = c.edid->bytes();
-            if (c.monitor) {
-                conn->monitor = Monitor{};
-                conn->monitor->state = *c.monitor;
-            }
-            if (c.ddc) {
-                conn->bus = c.ddc->bus;
-                auto bus = std::make_unique<Bus>();
-                bus->number = c.ddc->bus;
-                bus->name = c.ddc->name.empty() ? defaultAdapterName(c, c.ddc->bus) : c.ddc->name;
-                bus->connector = conn.get();
-                bus->impl = this;
-                buses[bus->number] = std::move(bus);
-            }
-            connectors[conn->sysName] = std::move(conn);
-        }
-    }
+    for (const auto& card : config.cards)
+        for (const auto& c : card.connectors)
+            addConnectorObjects(card, c);
     for (const auto& b : config.otherBuses) {
         auto bus = std::make_unique<Bus>();
         bus->number = b.bus;
@@ -571,51 +646,9 @@ void Desk::Impl::build()
         g_clear_error(&error);
         throw std::runtime_error("virtual desk: umockdev rejected the sysfs tree: " + msg);
     }
-
-    if (config.i2cDev) {
-        for (auto& [number, bus] : buses) {
-            bus->handler = umockdev_ioctl_base_new();
-            g_signal_connect(bus->handler, "handle-ioctl",
-                             G_CALLBACK(+[](UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer data) -> gboolean {
-                                 auto* b = static_cast<Bus*>(data);
-                                 b->impl->handleIoctl(*b, client);
-                                 return TRUE;
-                             }),
-                             bus.get());
-            g_signal_connect(bus->handler, "handle-read",
-                             G_CALLBACK(+[](UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer data) -> gboolean {
-                                 auto* b = static_cast<Bus*>(data);
-                                 b->impl->handleRead(*b, client);
-                                 return TRUE;
-                             }),
-                             bus.get());
-            g_signal_connect(bus->handler, "handle-write",
-                             G_CALLBACK(+[](UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer data) -> gboolean {
-                                 auto* b = static_cast<Bus*>(data);
-                                 b->impl->handleWrite(*b, client);
-                                 return TRUE;
-                             }),
-                             bus.get());
-            g_signal_connect(bus->handler, "client-connected",
-                             G_CALLBACK(+[](UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer data) {
-                                 auto* b = static_cast<Bus*>(data);
-                                 b->impl->onConnected(*b, client);
-                             }),
-                             bus.get());
-            g_signal_connect(bus->handler, "client-vanished",
-                             G_CALLBACK(+[](UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer data) {
-                                 auto* b = static_cast<Bus*>(data);
-                                 b->impl->onVanished(*b, client);
-                             }),
-                             bus.get());
-            const std::string node = "/dev/i2c-" + std::to_string(number);
-            if (!umockdev_testbed_attach_ioctl(testbed, node.c_str(), bus->handler, &error)) {
-                std::string msg = error ? error->message : "unknown error";
-                g_clear_error(&error);
-                throw std::runtime_error("virtual desk: cannot attach " + node + ": " + msg);
-            }
-        }
-    }
+    if (config.i2cDev)
+        for (auto& [number, bus] : buses)
+            attach(*bus);
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -677,7 +710,7 @@ void Desk::Impl::handleRdwr(Bus& bus, UMockdevIoctlClient* client, UMockdevIoctl
 {
     auto t = std::make_unique<Transfer>();
     t->client = static_cast<UMockdevIoctlClient*>(g_object_ref(client));
-    t->bus = bus.number;
+    t->bus = &bus;
     t->via = "rdwr";
     GError* error = nullptr;
     auto fail = [&](int err) {
@@ -729,7 +762,7 @@ void Desk::Impl::handleWrite(Bus& bus, UMockdevIoctlClient* client)
     UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
     auto t = std::make_unique<Transfer>();
     t->client = static_cast<UMockdevIoctlClient*>(g_object_ref(client));
-    t->bus = bus.number;
+    t->bus = &bus;
     t->via = "write";
     Msg msg;
     {
@@ -748,7 +781,7 @@ void Desk::Impl::handleRead(Bus& bus, UMockdevIoctlClient* client)
     UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
     auto t = std::make_unique<Transfer>();
     t->client = static_cast<UMockdevIoctlClient*>(g_object_ref(client));
-    t->bus = bus.number;
+    t->bus = &bus;
     t->via = "read";
     Msg msg;
     {
@@ -769,7 +802,7 @@ void Desk::Impl::handleRead(Bus& bus, UMockdevIoctlClient* client)
 void Desk::Impl::startTransfer(std::unique_ptr<Transfer> t)
 {
     std::unique_lock lk(mu);
-    Bus& b = *buses.at(t->bus);
+    Bus& b = *t->bus;
     t->clientId = clientState(t->client, b.number).id;
     t->startUs = now();
     Connector* c = b.connector;
@@ -788,7 +821,8 @@ void Desk::Impl::startTransfer(std::unique_ptr<Transfer> t)
         violation("two transfers in flight at once on " + busLabel(b) + ": " + who + " started one while descriptor #" +
                   std::to_string(b.inFlight.front()) + "'s was still on the wire");
     const bool talksDdc = std::any_of(t->msgs.begin(), t->msgs.end(), [](const Msg& x) { return x.addr == kDdcAddress; });
-    if (m && talksDdc && m->pending && t->startUs < m->pending->expiresUs && m->pending->clientId != t->clientId)
+    if (m && talksDdc && m->pending && m->pending->clientId != t->clientId &&
+        t->startUs < std::min(m->pending->expiresUs, m->pending->readyUs + kConversationGraceUs))
         violation("overlapping transactions on " + busLabel(b) + ": " + who + " talked to the monitor while descriptor #" +
                   std::to_string(m->pending->clientId) + "'s Get VCP " + hex2(m->pending->code) +
                   " reply was not yet read");
@@ -808,7 +842,7 @@ void Desk::Impl::finishTransfer(Transfer* raw)
 {
     std::unique_ptr<Transfer> t(raw);
     std::unique_lock lk(mu);
-    Bus& b = *buses.at(t->bus);
+    Bus& b = *t->bus;
     auto pos = std::find(b.inFlight.begin(), b.inFlight.end(), t->clientId);
     if (pos != b.inFlight.end())
         b.inFlight.erase(pos);
@@ -848,6 +882,10 @@ int Desk::Impl::deliver(Bus& b, Msg& msg, Transaction& rec, int64_t nowUs, int c
     if (!c) {
         rec.note = "no device";
         return ENXIO;
+    }
+    if (b.removed) {
+        rec.note = "removed";
+        return ENODEV;
     }
     Monitor* m = c->monitor ? &*c->monitor : nullptr;
     if (!c->plugged || (m && m->state.faults.unplugged)) {
@@ -1119,11 +1157,7 @@ Desk::Desk(const DeskConfig& config, DeskOptions options) : impl(std::make_uniqu
     } catch (...) {
         if (impl->testbed) {
             for (auto& [n, b] : impl->buses)
-                if (b->handler) {
-                    const std::string node = "/dev/i2c-" + std::to_string(n);
-                    umockdev_testbed_detach_ioctl(impl->testbed, node.c_str(), nullptr);
-                    g_object_unref(b->handler);
-                }
+                impl->detach(*b);
             g_object_unref(impl->testbed);
         }
         if (impl->loop)
@@ -1152,6 +1186,9 @@ Desk::~Desk()
             for (const auto& [n, b] : impl->buses)
                 if (!b->inFlight.empty())
                     return false;
+            for (const auto& b : impl->retiredBuses)
+                if (!b->inFlight.empty())
+                    return false;
             return true;
         });
     }
@@ -1162,12 +1199,9 @@ Desk::~Desk()
     impl->thread.join();
 
     for (auto& [n, b] : impl->buses)
-        if (b->handler) {
-            const std::string node = "/dev/i2c-" + std::to_string(n);
-            umockdev_testbed_detach_ioctl(impl->testbed, node.c_str(), nullptr);
-            g_object_unref(b->handler);
-            b->handler = nullptr;
-        }
+        impl->detach(*b);
+    for (auto& b : impl->retiredBuses)
+        impl->detach(*b);
     g_object_unref(impl->testbed);
     g_main_loop_unref(impl->loop);
     g_main_context_unref(impl->ctx);
@@ -1195,6 +1229,108 @@ void Desk::unplug(std::string_view connector)
 void Desk::plug(std::string_view connector)
 {
     impl->setPlugged(connector, true);
+}
+
+void Desk::addConnector(int card, const ConnectorConfig& config)
+{
+    std::string records, devpath, adapter, cardDevpath;
+    Bus* bus = nullptr;
+    {
+        std::lock_guard lk(impl->mu);
+        auto cardIt = std::find_if(impl->config.cards.begin(), impl->config.cards.end(),
+                                   [&](const CardConfig& c) { return c.index == card; });
+        if (cardIt == impl->config.cards.end())
+            throw std::invalid_argument("virtual desk: no card" + std::to_string(card));
+        DeskConfig one;
+        one.cards.push_back(CardConfig{cardIt->index, cardIt->pciSlot, cardIt->driver, {config}});
+        try {
+            one.validate();
+        } catch (const std::runtime_error& e) {
+            throw std::invalid_argument(std::string("virtual desk: addConnector: ") + e.what());
+        }
+        const std::string name = "card" + std::to_string(card) + "-" + config.name;
+        if (impl->connectors.count(name))
+            throw std::invalid_argument("virtual desk: connector " + name + " exists already");
+        if (config.ddc && impl->buses.count(config.ddc->bus))
+            throw std::invalid_argument("virtual desk: bus " + std::to_string(config.ddc->bus) + " is in use");
+        if (config.ddc && std::any_of(impl->retiredBuses.begin(), impl->retiredBuses.end(),
+                                      [&](const auto& b) { return b->number == config.ddc->bus; }))
+            throw std::invalid_argument("virtual desk: bus " + std::to_string(config.ddc->bus) +
+                                        " belonged to a removed connector; give the new adapter a new number, as the "
+                                        "kernel does");
+        Connector& c = impl->addConnectorObjects(*cardIt, config);
+        cardIt->connectors.push_back(config);
+        records = impl->connectorRecords(c);
+        devpath = c.devpath;
+        adapter = c.adapterDevpath;
+        cardDevpath = c.cardDevpath;
+        if (config.ddc)
+            bus = impl->buses.at(config.ddc->bus).get();
+        impl->notifyLocked();
+    }
+    std::lock_guard tk(impl->testbedMu);
+    GError* error = nullptr;
+    if (!umockdev_testbed_add_from_string(impl->testbed, records.c_str(), &error)) {
+        std::string msg = error ? error->message : "unknown error";
+        g_clear_error(&error);
+        throw std::runtime_error("virtual desk: umockdev rejected the connector: " + msg);
+    }
+    if (bus && impl->config.i2cDev)
+        impl->attach(*bus);
+    // umockdev sends the "add" uevents of the new devices itself.
+    umockdev_testbed_set_property(impl->testbed, cardDevpath.c_str(), "HOTPLUG", "1");
+    umockdev_testbed_uevent(impl->testbed, cardDevpath.c_str(), "change");
+}
+
+void Desk::removeConnector(std::string_view connector)
+{
+    std::string devpath, adapter, cardDevpath;
+    Bus* bus = nullptr;
+    {
+        std::lock_guard lk(impl->mu);
+        Connector& c = impl->connector(connector);
+        for (const auto& [name, b] : impl->backlights)
+            if (b.cfg.connector == c.sysName)
+                throw std::invalid_argument("virtual desk: backlight " + name + " lives under " + c.sysName);
+        if (c.monitor) {
+            c.monitor->state.hold = false;
+            impl->releaseLocked(*c.monitor);
+        }
+        devpath = c.devpath;
+        adapter = c.adapterDevpath;
+        cardDevpath = c.cardDevpath;
+        if (c.bus >= 0) {
+            auto it = impl->buses.find(c.bus);
+            bus = it->second.get();
+            bus->removed = true;
+            impl->retiredBuses.push_back(std::move(it->second));
+            impl->buses.erase(it);
+        }
+        for (auto& card : impl->config.cards)
+            if (c.cardDevpath.ends_with("/card" + std::to_string(card.index)))
+                std::erase_if(card.connectors, [&](const ConnectorConfig& k) { return k.name == c.cfg.name; });
+        auto it = impl->connectors.find(c.sysName);
+        impl->retiredConnectors.push_back(std::move(it->second));
+        impl->connectors.erase(it);
+        impl->notifyLocked();
+    }
+    std::lock_guard tk(impl->testbedMu);
+    const std::string i2cDev = bus ? adapter + "/i2c-dev/i2c-" + std::to_string(bus->number) : "";
+    // The kernel announces the children first; umockdev's removal itself sends nothing.
+    if (bus && impl->config.i2cDev)
+        umockdev_testbed_uevent(impl->testbed, i2cDev.c_str(), "remove");
+    if (bus)
+        umockdev_testbed_uevent(impl->testbed, adapter.c_str(), "remove");
+    umockdev_testbed_uevent(impl->testbed, devpath.c_str(), "remove");
+    if (bus) {
+        impl->detach(*bus);
+        if (impl->config.i2cDev)
+            umockdev_testbed_remove_device(impl->testbed, i2cDev.c_str());
+        umockdev_testbed_remove_device(impl->testbed, adapter.c_str());
+    }
+    umockdev_testbed_remove_device(impl->testbed, devpath.c_str());
+    umockdev_testbed_set_property(impl->testbed, cardDevpath.c_str(), "HOTPLUG", "1");
+    umockdev_testbed_uevent(impl->testbed, cardDevpath.c_str(), "change");
 }
 
 void Desk::hold(std::string_view connector)
@@ -1383,6 +1519,23 @@ std::string Desk::control(std::string_view line)
                 release(words[1]);
             return "ok";
         }
+        if (cmd == "remove") {
+            need(2, 2);
+            removeConnector(words[1]);
+            return "ok";
+        }
+        if (cmd == "add") {
+            // add CARD {"name":"DP-3","ddc":{"bus":9},"monitor":{}}: the connector as in the desk file
+            const std::string text{line};
+            const auto brace = text.find('{');
+            if (words.size() < 3 || brace == std::string::npos)
+                throw std::invalid_argument("usage: add CARD {connector as in the desk file}");
+            const long card = number(words[1]);
+            const auto one = DeskConfig::fromJson(R"({"cards":[{"index":)" + std::to_string(card) +
+                                                  R"(,"connectors":[)" + text.substr(brace) + "]}]}");
+            addConnector(static_cast<int>(card), one.cards.at(0).connectors.at(0));
+            return "ok";
+        }
         if (cmd == "fault") {
             if (words.size() < 3)
                 throw std::invalid_argument("usage: fault CONNECTOR clear | fault CONNECTOR name=value ...");
@@ -1460,7 +1613,7 @@ std::string Desk::control(std::string_view line)
 
 std::string toJsonLine(const Transaction& t)
 {
-    nlohmann::json j;
+    nlohmann::ordered_json j;
     j["t"] = t.startUs;
     j["end"] = t.endUs;
     j["bus"] = t.bus;

@@ -154,6 +154,14 @@ public:
     void unplug(std::string_view connector);
     void plug(std::string_view connector);
 
+    // A connector appears on card `card` (an MST hub's new port, say): its directory, DDC adapter, i2c-dev node and
+    // monitor, "add" uevents for them, then the card's "change" uevent with HOTPLUG=1. Throws std::invalid_argument
+    // when the name or the bus is taken or the configuration is inconsistent.
+    void addConnector(int card, const ConnectorConfig& connector);
+    // The connector, its adapter and its monitor go away ("remove" uevents, then the card's "change"). Transfers
+    // still under way, and any later one on a descriptor of its bus, fail with ENODEV.
+    void removeConnector(std::string_view connector);
+
     // While held, Set VCP requests to the monitor are not completed (the writer blocks in its ioctl) until release.
     void hold(std::string_view connector);
     void release(std::string_view connector);

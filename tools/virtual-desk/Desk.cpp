@@ -91,15 +91,6 @@ gboolean dispatchOnce(GSource* source, GSourceFunc callback, gpointer data)
 }
 GSourceFuncs onceFuncs = {nullptr, nullptr, dispatchOnce, nullptr, nullptr, nullptr};
 
-gboolean runFunction(gpointer data)
-{
-    (*static_cast<std::function<void()>*>(data))();
-    return G_SOURCE_REMOVE;
-}
-void deleteFunction(gpointer data)
-{
-    delete static_cast<std::function<void()>*>(data);
-}
 
 std::string readFile(const std::string& path)
 {
@@ -302,15 +293,39 @@ struct Desk::Impl {
         notifyLocked();
     }
 
-    // Runs fn on the desk thread at desk time `whenUs`.
-    void at(int64_t whenUs, std::function<void()> fn)
+    // Transfers waiting for their completion time, by ticket. Only the ticket number travels through GLib, so that
+    // every hand-over between threads goes through `mu` (and race detectors see it).
+    std::map<uint64_t, Transfer*> scheduled;
+    uint64_t nextTicket = 1;
+
+    // Completes the transfer on the desk thread at desk time `whenUs`. Called with `mu` held.
+    void finishAtLocked(int64_t whenUs, Transfer* t)
     {
+        const uint64_t ticket = nextTicket++;
+        scheduled[ticket] = t;
         GSource* s = g_source_new(&onceFuncs, sizeof(GSource));
-        g_source_set_callback(s, runFunction, new std::function<void()>(std::move(fn)), deleteFunction);
+        g_source_set_callback(
+            s,
+            [](gpointer data) -> gboolean {
+                Impl* self = liveImpl;
+                Transfer* t = nullptr;
+                {
+                    std::lock_guard lk(self->mu);
+                    auto it = self->scheduled.find(reinterpret_cast<uintptr_t>(data));
+                    if (it == self->scheduled.end())
+                        return G_SOURCE_REMOVE;
+                    t = it->second;
+                    self->scheduled.erase(it);
+                }
+                self->finishTransfer(t);
+                return G_SOURCE_REMOVE;
+            },
+            reinterpret_cast<gpointer>(static_cast<uintptr_t>(ticket)), nullptr);
         g_source_set_ready_time(s, t0 + whenUs);
         g_source_attach(s, ctx);
         g_source_unref(s);
     }
+    static inline Impl* liveImpl = nullptr; // the one desk of the process
 
     Connector& connector(std::string_view name) const
     {
@@ -424,7 +439,7 @@ struct Desk::Impl {
         for (auto& tr : held) {
             Transfer* raw = tr.release();
             const int64_t wire = static_cast<int64_t>(raw->wireBytes()) * config.byteTimeUs;
-            at(t + wire, [this, raw] { finishTransfer(raw); });
+            finishAtLocked(t + wire, raw);
         }
         notifyLocked();
     }
@@ -835,7 +850,7 @@ void Desk::Impl::startTransfer(std::unique_ptr<Transfer> t)
     }
     Transfer* raw = t.release();
     const int64_t wire = static_cast<int64_t>(raw->wireBytes()) * config.byteTimeUs;
-    at(raw->startUs + wire, [this, raw] { finishTransfer(raw); });
+    finishAtLocked(raw->startUs + wire, raw);
 }
 
 void Desk::Impl::finishTransfer(Transfer* raw)
@@ -1131,6 +1146,7 @@ Desk::Desk(const DeskConfig& config, DeskOptions options) : impl(std::make_uniqu
             throw std::runtime_error("virtual desk: /sys is not redirected to the test bed; run the program under "
                                      "umockdev-wrapper (umockdev-wrapper ./program)");
 
+        Impl::liveImpl = impl.get();
         impl->ctx = g_main_context_new();
         impl->loop = g_main_loop_new(impl->ctx, FALSE);
         impl->build();
@@ -1166,6 +1182,7 @@ Desk::Desk(const DeskConfig& config, DeskOptions options) : impl(std::make_uniqu
             g_main_context_unref(impl->ctx);
         if (impl->inotifyFd >= 0)
             ::close(impl->inotifyFd);
+        Impl::liveImpl = nullptr;
         deskAlive = false;
         throw;
     }
@@ -1197,6 +1214,12 @@ Desk::~Desk()
         return G_SOURCE_REMOVE;
     }, impl->loop);
     impl->thread.join();
+    // Whatever did not finish in time fails now rather than leaving its writer blocked.
+    for (auto& [ticket, t] : impl->scheduled) {
+        Impl::complete(t->client, -1, EIO);
+        delete t;
+    }
+    impl->scheduled.clear();
 
     for (auto& [n, b] : impl->buses)
         impl->detach(*b);
@@ -1218,6 +1241,7 @@ Desk::~Desk()
     if (impl->options.printViolations)
         for (const auto& v : impl->violationList)
             std::cerr << "virtual desk: VIOLATION " << v << "\n";
+    Impl::liveImpl = nullptr;
     deskAlive = false;
 }
 

@@ -882,7 +882,14 @@ void Desk::Impl::finishTransfer(Transfer* raw)
             break;
     }
     notifyLocked();
+    std::string trace;
+    if (options.trace)
+        for (auto it = log.end() - static_cast<std::ptrdiff_t>(std::min(log.size(), t->msgs.size())); it != log.end(); ++it)
+            if (it->client == t->clientId && it->endUs == end)
+                trace += "virtual desk: " + toJsonLine(*it) + "\n";
     lk.unlock();
+    if (!trace.empty())
+        std::cerr << trace << std::flush;
     complete(t->client, err ? -1 : t->successResult, err);
 }
 

@@ -140,6 +140,7 @@ std::string toJsonLine(const Transaction&); // one line of the log, without the 
 struct DeskOptions {
     std::string logPath;          // when set, the transactions are written there (JSON lines) when the desk ends
     bool printViolations = true;  // print violations to stderr when the desk ends
+    bool trace = false;           // print every transaction to stderr as it completes (a log line)
 };
 
 class Desk {

@@ -1,6 +1,6 @@
 // virtual-desk: runs a command on an emulated desk of displays.
 //
-//   virtual-desk [--desk FILE] [--log FILE] [--control PATH] -- COMMAND [ARGS...]
+//   virtual-desk [--desk FILE] [--log FILE] [--control PATH] [--trace] -- COMMAND [ARGS...]
 //   virtual-desk --send PATH COMMAND...      one control command to a running desk; prints the reply
 //
 // Exit status: the command's (128+N when it died of signal N); 3 when the desk saw a violation; 2 on bad
@@ -35,7 +35,7 @@ constexpr int kExitViolation = 3;
 constexpr int kExitCannotRun = 127;
 
 const char* kUsage =
-    "usage: virtual-desk [--desk FILE] [--log FILE] [--control PATH] -- COMMAND [ARGS...]\n"
+    "usage: virtual-desk [--desk FILE] [--log FILE] [--control PATH] [--trace] -- COMMAND [ARGS...]\n"
     "       virtual-desk --send PATH CONTROL-COMMAND...\n";
 
 [[noreturn]] void usageError(const std::string& message)
@@ -241,6 +241,7 @@ private:
 int main(int argc, char** argv)
 {
     std::string deskFile, logFile, controlPath;
+    bool trace = false;
     int commandAt = -1;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
@@ -256,6 +257,8 @@ int main(int argc, char** argv)
             deskFile = value();
         } else if (a == "--log") {
             logFile = value();
+        } else if (a == "--trace") {
+            trace = true;
         } else if (a == "--control") {
             controlPath = value();
         } else if (a == "--send") {
@@ -291,7 +294,7 @@ int main(int argc, char** argv)
     int status = 0;
     bool violated = false;
     try {
-        VirtualDesk::Desk desk(config, VirtualDesk::DeskOptions{logFile, true});
+        VirtualDesk::Desk desk(config, VirtualDesk::DeskOptions{logFile, true, trace});
         ControlServer control(desk, controlPath);
         if (!controlPath.empty())
             control.start();

@@ -28,7 +28,6 @@ struct DisplayController::RefreshBatch {
     std::vector<DisplayInfo> infos;
     std::vector<std::optional<double>> readings;
     std::atomic<std::size_t> pending{0};
-    std::uint64_t order = 0;
 };
 
 DisplayController::DisplayController(QObject* parent)
@@ -94,15 +93,29 @@ void DisplayController::runMain()
 }
 
 // ---- Refresh -------------------------------------------------------------------------------------------------
+//
+// A refresh enumerates on the enumeration queue, then reads each display on that display's own queue, behind any
+// write or power command already queued for it: a read never overlaps other traffic to the same monitor, and
+// different monitors are read in parallel. Refreshes run one after another, as if enumeration and reads shared
+// the enumeration queue: the next one enumerates only once the previous one's reads are all in, so refreshes
+// publish in call order, each enumerates afresh, and no pile of enumerations (each opening every monitor's
+// device) builds up behind slow reads.
 
 void DisplayController::refresh()
 {
-    enumerationQueue_->async([this] { enumerateDisplays(); });
+    enumerationQueue_->async([this] {
+        if (refreshRunning_) {
+            ++refreshesWaiting_;
+            return;
+        }
+        startRefresh();
+    });
 }
 
 // Enumeration queue.
-void DisplayController::enumerateDisplays()
+void DisplayController::startRefresh()
 {
+    refreshRunning_ = true;
     auto batch = std::make_shared<RefreshBatch>();
     try {
         batch->infos = enumerate_ ? enumerate_() : std::vector<DisplayInfo>{};
@@ -111,15 +124,22 @@ void DisplayController::enumerateDisplays()
     }
     std::erase_if(batch->infos, [](const DisplayInfo& info) { return !info.backend; });
     batch->readings.resize(batch->infos.size());
-    // Posted from this one thread, the batches reach the main thread in the order the refreshes were called.
     onMain([this, batch] { scheduleReads(batch); });
 }
 
-// Main thread. Each display is read on its own queue, behind any write or power command already queued for it,
-// so a read never overlaps other traffic to the same monitor and different monitors are read in parallel.
+// Enumeration queue: the running refresh has published; start the next one called meanwhile, if any.
+void DisplayController::refreshEnded()
+{
+    refreshRunning_ = false;
+    if (refreshesWaiting_ > 0) {
+        --refreshesWaiting_;
+        startRefresh();
+    }
+}
+
+// Main thread: the display queues are the main thread's, so the reads are handed out from here.
 void DisplayController::scheduleReads(const std::shared_ptr<RefreshBatch>& batch)
 {
-    batch->order = refreshesRead_++;
     if (batch->infos.empty()) {
         readFinished(batch);
         return;
@@ -141,17 +161,11 @@ void DisplayController::scheduleReads(const std::shared_ptr<RefreshBatch>& batch
     }
 }
 
-// Main thread. A refresh whose reads finish early waits for every refresh called before it.
+// Main thread.
 void DisplayController::readFinished(const std::shared_ptr<RefreshBatch>& batch)
 {
-    refreshesWaiting_.emplace(batch->order, batch);
-    for (auto next = refreshesWaiting_.find(refreshesPublished_); next != refreshesWaiting_.end();
-         next = refreshesWaiting_.find(refreshesPublished_)) {
-        const auto ready = std::move(next->second);
-        refreshesWaiting_.erase(next);
-        ++refreshesPublished_;
-        publish(*ready);
-    }
+    publish(*batch);
+    enumerationQueue_->async([this] { refreshEnded(); });
 }
 
 // Main thread.

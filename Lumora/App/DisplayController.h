@@ -19,7 +19,6 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
@@ -48,8 +47,9 @@ public:
     // Empty until the first refresh has published.
     const std::vector<DisplaySnapshot>& displays() const;
 
-    // Re-enumerates, reads every display and republishes the list; returns at once. Refreshes publish in the
-    // order they were called.
+    // Re-enumerates, reads every display (each on its own queue, behind the traffic already queued for it) and
+    // republishes the list; returns at once. Refreshes run one after another and publish in the order they were
+    // called; none is dropped.
     void refresh();
     // Shows the clamped fraction at once, then writes it, or puts a monitor into standby at 0.01 and below and
     // wakes it above. Unknown displays and NaN are ignored.
@@ -78,7 +78,8 @@ private:
     void setPower(std::uint32_t id, const DisplayBackendRef& backend, bool on);
     SerialQueue& queue(std::uint32_t id);
 
-    void enumerateDisplays();
+    void startRefresh();
+    void refreshEnded();
     void scheduleReads(const std::shared_ptr<RefreshBatch>& batch);
     void readFinished(const std::shared_ptr<RefreshBatch>& batch);
     void publish(const RefreshBatch& batch);
@@ -93,12 +94,13 @@ private:
     std::unordered_map<std::uint32_t, std::unique_ptr<SerialQueue>> queues_;
     std::unordered_set<std::uint32_t> poweredOff_;
     std::unordered_map<std::uint32_t, double> restoreBrightness_;
-    std::uint64_t refreshesRead_ = 0;     // refreshes whose reads were scheduled, in call order
-    std::uint64_t refreshesPublished_ = 0;
-    std::map<std::uint64_t, std::shared_ptr<RefreshBatch>> refreshesWaiting_;  // read, not yet their turn
 
     // Constant from construction to destruction.
     std::unique_ptr<SerialQueue> enumerationQueue_;
+
+    // Enumeration queue only.
+    bool refreshRunning_ = false;  // enumerated, and not yet published
+    int refreshesWaiting_ = 0;     // called while one was running; each runs in turn
 
     // The main queue's mailbox. The Qt event posted with each hand-over only says "look in the mailbox"; the work
     // itself travels here, under the mailbox's own mutex, which keeps it in order and makes the hand-over visible

@@ -233,22 +233,35 @@ TEST_F(ControllerRules, TwoEnumerationsOfOneNumberListBothAndKeepTheLaterBackend
     EXPECT_EQ(spare->writes(), std::vector<double>{0.3});
 }
 
-TEST_F(ControllerRules, BackToBackRefreshesPublishInCallOrderEvenWhenTheFirstReadsLonger)
+TEST_F(ControllerRules, BackToBackRefreshesPublishInCallOrderAndEachEnumeratesAfresh)
 {
     dell->holdReads();
     controller->refresh();  // sees all three; its read of the DELL waits
     ASSERT_TRUE(pumpUntil([&] { return dell->blocked() == 1; }));
     desk.plug({{lgID, "LG HDR 4K", lg, true}});
-    controller->refresh();  // sees only the LG, and is read completely long before the first
-    ASSERT_TRUE(pumpUntil([&] { return lg->count(Op::read) == 2; }));
+    controller->refresh();  // would see only the LG
     pumpFor(100ms);
     EXPECT_EQ(changed, 0) << "the second refresh must not overtake the first";
+    EXPECT_EQ(desk.enumerations(), 1) << "it enumerates once the first has been read";
 
     dell->release();
     ASSERT_TRUE(pumpUntil([&] { return after.size() == 2; }));
     EXPECT_EQ(after[0].size(), 3u);
     EXPECT_EQ(after[1].size(), 1u);
     EXPECT_EQ(listedIDs(), std::vector<std::uint32_t>{lgID}) << "the last refresh called is the last published";
+    EXPECT_EQ(desk.enumerations(), 2);
+}
+
+TEST_F(ControllerRules, ManyRefreshesCalledAtOnceEachPublishOnce)
+{
+    for (int i = 0; i < 10; ++i) {
+        controller->refresh();
+    }
+    ASSERT_TRUE(pumpUntil([&] { return after.size() == 10; }));
+    pumpFor(50ms);
+    EXPECT_EQ(after.size(), 10u);
+    EXPECT_EQ(desk.enumerations(), 10);
+    EXPECT_EQ(dell->count(Op::read), 10u);
 }
 
 TEST_F(ControllerRules, RefreshMayBeCalledFromAnyThread)

@@ -9,7 +9,7 @@ TSAN    := build/tsan
 FUZZ    := build/fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: all deps release run test tsan fuzz bench demo install clean
+.PHONY: all deps release run test tsan fuzz bench demo demo-probe install clean
 
 all: release
 
@@ -56,8 +56,13 @@ fuzz: deps $(FUZZ)/build.ninja
 bench: release
 	@for b in $(RELEASE)/bench/*/bench_*; do [ -x "$$b" ] && { echo "== $$b"; $$b || exit 1; }; done
 
-# The probe on the virtual desk (emulated monitors and a laptop panel): what `LUMORA_PROBE=1 lumora` reports there.
+# The tray application on the virtual desk (emulated monitors and a laptop panel): in your X session when there is
+# one, else on a virtual desktop, with a screenshot of the open panel.
 demo: release
+	bash tests/e2e-desktop/demo.sh $(RELEASE)
+
+# The probe on the virtual desk: what `LUMORA_PROBE=1 lumora` reports there.
+demo-probe: release
 	LUMORA_PROBE=1 ./$(RELEASE)/tools/virtual-desk/virtual-desk -- ./$(RELEASE)/Lumora/lumora
 
 install: release

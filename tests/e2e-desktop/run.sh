@@ -68,7 +68,14 @@ finish()
 abort() { fail "$*"; shot "zz-abort"; finish; }
 
 step "desktop: Xvfb, openbox, trayer"
-session_start "$WORK" 1280x800 || abort "the virtual desktop did not start"
+if ! session_start "$WORK" 1280x800; then
+    # Once more from scratch, keeping the first attempt's logs: a desktop that does not come up is about this
+    # machine, not about Lumora, but a second failure is reported.
+    mkdir -p "$ARTIFACTS/first-attempt"
+    cp "$WORK"/*.log "$ARTIFACTS/first-attempt/" 2>/dev/null
+    session_stop
+    session_start "$WORK" 1280x800 || abort "the virtual desktop did not start"
+fi
 pass "display $DISPLAY"
 
 step "start lumora on the virtual desk (default desk: DP-1 and HDMI-A-1 monitors, eDP-1 panel)"

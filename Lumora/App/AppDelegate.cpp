@@ -78,6 +78,11 @@ AppDelegate::~AppDelegate()
 
 int AppDelegate::runApplication(int argc, char** argv)
 {
+    // Without a display server there is no tray to sit in (Qt would abort trying to reach one).
+    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
+        qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        return 1;
+    }
     if (!SingleInstance::acquire()) {
         return 0;  // another Lumora serves this session
     }

@@ -29,7 +29,8 @@ public:
     ~AppDelegate() override;
 
     // The application start: one instance per session, a tray-only QApplication, one delegate, the event loop.
-    // Returns the exit status (0 after Quit; 0 at once when another instance runs).
+    // Returns the exit status (0 after Quit; 0 at once when another instance runs; 1 at once when there is no
+    // display server to show a tray on).
     static int runApplication(int argc, char** argv);
 
     // Builds the tray item and the panel, refreshes the displays and starts watching for display changes.

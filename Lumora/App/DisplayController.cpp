@@ -44,8 +44,8 @@ DisplayController::DisplayController(Enumerate enumerate, QObject* parent)
 
 DisplayController::~DisplayController()
 {
-    // Let the queues finish what they hold, enumeration first (it is the only queue that feeds the others from
-    // off the main thread), then every display's. What they post back to this object dies with it, unrun.
+    // Let the queues finish what they hold and join them while every member still exists. They feed only the
+    // main thread, which runs nothing more for this object: what they post back dies with it, unrun.
     enumerationQueue_.reset();
     queues_.clear();
 }

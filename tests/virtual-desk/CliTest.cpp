@@ -100,6 +100,19 @@ TEST_F(CliTest, ControlSocketUnplugsAtRunTime)
     EXPECT_FALSE(fs::exists(sock)) << "the socket is removed at the end";
 }
 
+TEST_F(CliTest, ATerminationSignalReleasesHeldRequests)
+{
+    // The command blocks on a held Set VCP, where umockdev keeps its signals blocked. SIGTERM to virtual-desk (after
+    // 2 s) reaches it and releases the hold, so it dies of the signal instead of the run hanging.
+    const fs::path desk = dir / "held.json";
+    std::ofstream(desk) << R"({"cards":[{"connectors":[{"name":"DP-1","ddc":{"bus":5},"monitor":{"hold":true}}]}]})";
+    const std::string cmd = "timeout -k 5 60 timeout -s TERM 2 " + quote(VIRTUAL_DESK_BIN) + " --desk " +
+                            quote(desk.string()) + " -- " + quote(self) + " --client set 5 2>/dev/null";
+    const int status = std::system(cmd.c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 124) << "timeout reports that it sent the signal, and virtual-desk then ended";
+}
+
 TEST_F(CliTest, BadArgumentsAndBadDeskFilesAreOneLineErrors)
 {
     EXPECT_EQ(run("--frobnicate -- true"), 2);
@@ -139,6 +152,10 @@ int client(int argc, char** argv)
             return 67;
         std::printf("%d\n", reply[8] << 8 | reply[9]);
         return 0;
+    }
+    if (what == "set") {
+        uint8_t req[] = {0x51, 0x84, 0x03, 0x10, 0x00, 0x32, 0x9A};
+        return xfer(0x37, false, req, sizeof req) ? 69 : 0;
     }
     if (what == "write50") {
         uint8_t offset = 0;

@@ -411,7 +411,8 @@ struct Desk::Impl {
     }
     static void complete(UMockdevIoctlClient* client, long result, int err)
     {
-        umockdev_ioctl_client_complete(client, result, err);
+        if (umockdev_ioctl_client_get_connected(client)) // a client that died waits for nothing
+            umockdev_ioctl_client_complete(client, result, err);
     }
     void handleIoctl(Bus& bus, UMockdevIoctlClient* client);
     void handleRdwr(Bus& bus, UMockdevIoctlClient* client, UMockdevIoctlData* arg);
@@ -1232,6 +1233,8 @@ Desk::~Desk()
         impl->detach(*b);
     for (auto& b : impl->retiredBuses)
         impl->detach(*b);
+    // umockdev aborts when its directory is gone (a cleanup of /tmp/umockdev.* during the run): give it one.
+    ::mkdir(impl->root.c_str(), 0700);
     g_object_unref(impl->testbed);
     g_main_loop_unref(impl->loop);
     g_main_context_unref(impl->ctx);
@@ -1362,6 +1365,16 @@ void Desk::removeConnector(std::string_view connector)
     umockdev_testbed_remove_device(impl->testbed, devpath.c_str());
     umockdev_testbed_set_property(impl->testbed, cardDevpath.c_str(), "HOTPLUG", "1");
     umockdev_testbed_uevent(impl->testbed, cardDevpath.c_str(), "change");
+}
+
+void Desk::releaseAll()
+{
+    std::lock_guard lk(impl->mu);
+    for (auto& [name, c] : impl->connectors)
+        if (c->monitor) {
+            c->monitor->state.hold = false;
+            impl->releaseLocked(*c->monitor);
+        }
 }
 
 void Desk::hold(std::string_view connector)

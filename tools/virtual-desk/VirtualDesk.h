@@ -167,6 +167,9 @@ public:
     void hold(std::string_view connector);
     void release(std::string_view connector);
     int heldCount(std::string_view connector) const; // Set VCP transfers waiting on the hold
+    void releaseAll();                                // every monitor
+    // Note: umockdev blocks signals in a process while its emulated call is under way, so a process blocked on a
+    // held request can only be killed with SIGKILL until the hold is released.
 
     void setFaults(std::string_view connector, const Faults& faults);
     Faults faults(std::string_view connector) const;

@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -44,12 +45,18 @@ const char* kUsage =
     std::exit(kExitUsage);
 }
 
-volatile sig_atomic_t childPid = 0;
-
-void forwardSignal(int sig)
+// SIGINT, SIGTERM and SIGHUP go to the command, and release every hold: umockdev blocks signals in a process while
+// its emulated call is under way, so a command blocked on a held request could not die otherwise. SIGUSR2 only
+// ends the signal thread.
+sigset_t handledSignals()
 {
-    if (childPid > 0)
-        ::kill(childPid, sig);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    sigaddset(&set, SIGUSR2);
+    return set;
 }
 
 bool underPreload()
@@ -291,6 +298,10 @@ int main(int argc, char** argv)
         reexecUnderUmockdev(argc, argv);
     ::unsetenv("VIRTUAL_DESK_REEXEC");
 
+    // Blocked before any thread starts, so that only the signal thread takes them; the command gets them unblocked.
+    const sigset_t signals = handledSignals();
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
     int status = 0;
     bool violated = false;
     try {
@@ -299,24 +310,35 @@ int main(int argc, char** argv)
         if (!controlPath.empty())
             control.start();
 
-        struct sigaction sa{};
-        sa.sa_handler = forwardSignal;
-        sigemptyset(&sa.sa_mask);
-        ::sigaction(SIGINT, &sa, nullptr);
-        ::sigaction(SIGTERM, &sa, nullptr);
-        ::sigaction(SIGHUP, &sa, nullptr);
-
+        posix_spawnattr_t attr;
+        posix_spawnattr_init(&attr);
+        sigset_t none;
+        sigemptyset(&none);
+        posix_spawnattr_setsigmask(&attr, &none);
+        posix_spawnattr_setsigdefault(&attr, &signals);
+        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
         pid_t pid = 0;
-        const int rc = ::posix_spawnp(&pid, argv[commandAt], nullptr, nullptr, argv + commandAt, environ);
+        const int rc = ::posix_spawnp(&pid, argv[commandAt], nullptr, &attr, argv + commandAt, environ);
+        posix_spawnattr_destroy(&attr);
         if (rc != 0) {
             std::cerr << "virtual-desk: cannot start " << argv[commandAt] << ": " << std::strerror(rc) << "\n";
             return kExitCannotRun;
         }
-        childPid = pid;
+
+        std::thread signalThread([&] {
+            for (;;) {
+                int sig = 0;
+                if (::sigwait(&signals, &sig) != 0 || sig == SIGUSR2)
+                    return;
+                ::kill(pid, sig);
+                desk.releaseAll();
+            }
+        });
         int wstatus = 0;
         while (::waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
         }
-        childPid = 0;
+        ::pthread_kill(signalThread.native_handle(), SIGUSR2);
+        signalThread.join();
         status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : WIFSIGNALED(wstatus) ? 128 + WTERMSIG(wstatus) : 1;
         control.stop();
         violated = !desk.violations().empty();

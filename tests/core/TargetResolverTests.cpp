@@ -1,3 +1,5 @@
+// Which display a brightness key is about: half-open frames, the largest window share, the earliest on a tie.
+
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -5,7 +7,6 @@
 #include "LumoraCore/TargetResolver.h"
 
 using namespace Lumora;
-using Action = TargetResolver::Action;
 using Decision = TargetResolver::Decision;
 using Display = TargetResolver::Display;
 
@@ -14,165 +15,71 @@ namespace {
 // A laptop panel on the left, an external monitor to its right, top edges aligned.
 const Display panelA{1, Rect{0, 0, 1920, 1080}, false};
 const Display monitorB{2, Rect{1920, 0, 2560, 1440}, true};
-const std::vector<Display> desk{panelA, monitorB};
-
-Decision adjust(std::uint32_t id) { return {id, Action::adjust}; }
-Decision passThrough(std::uint32_t id) { return {id, Action::passThrough}; }
+constexpr auto adjust = TargetResolver::Action::adjust;
+const Decision toA{1, TargetResolver::Action::passThrough};
+const Decision toB{2, adjust};
 
 }  // namespace
 
-// ---- rect geometry -------------------------------------------------------------------------------------------
-
-TEST(RectGeometry, ContainsIsHalfOpen)
+TEST(RectGeometry, ContainsIsHalfOpenAndOverlapNeedsPositiveArea)
 {
     const Rect r{0, 0, 10, 10};
-    EXPECT_TRUE(r.contains({0, 0}));
-    EXPECT_TRUE(r.contains({9.999, 9.999}));
-    EXPECT_FALSE(r.contains({10, 5}));
-    EXPECT_FALSE(r.contains({5, 10}));
-    EXPECT_FALSE(r.contains({-0.001, 5}));
-    EXPECT_FALSE(r.contains({5, -0.001}));
-}
-
-TEST(RectGeometry, ContainsWithNegativeOrigin)
-{
-    const Rect left{-1280, -200, 1280, 1024};
-    EXPECT_TRUE(left.contains({-1280, -200}));
-    EXPECT_TRUE(left.contains({-1, 823}));
-    EXPECT_FALSE(left.contains({0, 0}));
-    EXPECT_FALSE(left.contains({-640, 824}));
-}
-
-TEST(RectGeometry, EmptyRectContainsNothing)
-{
+    const std::pair<Point, bool> points[] = {{{0, 0}, true},      {{9.999, 9.999}, true}, {{10, 5}, false},
+                                             {{5, 10}, false},    {{-0.001, 5}, false},   {{5, -0.001}, false}};
+    for (const auto& [p, inside] : points)
+        EXPECT_EQ(r.contains(p), inside) << p.x << "," << p.y;
+    EXPECT_TRUE((Rect{-1280, -200, 1280, 1024}).contains({-1280, -200}));
+    EXPECT_FALSE((Rect{-1280, -200, 1280, 1024}).contains({0, 0}));
     EXPECT_FALSE((Rect{5, 5, 0, 10}).contains({5, 6}));
-    EXPECT_FALSE((Rect{5, 5, 10, 0}).contains({6, 5}));
+
+    const std::pair<Rect, double> others[] = {
+        {{5, 5, 10, 10}, 25},  {{2, 3, 4, 5}, 20},  // partly, inside
+        {{10, 0, 5, 5}, 0},    {{10, 10, 5, 5}, 0},  // touching an edge, a corner
+        {{20, 20, 5, 5}, 0},   {{20, 2, 5, 5}, 0},   // apart: two negative extents must not make a positive area
+        {{5, 5, 0, 3}, 0},                          // zero-sized
+    };
+    for (const auto& [other, area] : others) {
+        EXPECT_EQ(r.overlapArea(other), area) << other.x << "," << other.y;
+        EXPECT_EQ(other.overlapArea(r), area) << other.x << "," << other.y;
+    }
 }
 
-TEST(RectGeometry, OverlapArea)
+TEST(TargetResolver, WindowThenCursorThenFirstDisplay)
 {
-    EXPECT_EQ((Rect{0, 0, 10, 10}).overlapArea({5, 5, 10, 10}), 25);
-    EXPECT_EQ((Rect{5, 5, 10, 10}).overlapArea({0, 0, 10, 10}), 25);
-    EXPECT_EQ((Rect{0, 0, 10, 10}).overlapArea({2, 3, 4, 5}), 20);  // inside
-    EXPECT_EQ((Rect{2, 3, 4, 5}).overlapArea({0, 0, 10, 10}), 20);
-    EXPECT_EQ((Rect{0, 0, 10, 10}).overlapArea({0, 0, 10, 10}), 100);
-}
-
-TEST(RectGeometry, TouchingOrApartRectsDoNotOverlap)
-{
-    EXPECT_EQ((Rect{0, 0, 10, 10}).overlapArea({10, 0, 5, 5}), 0);   // shares the right edge
-    EXPECT_EQ((Rect{0, 0, 10, 10}).overlapArea({0, 10, 5, 5}), 0);   // shares the bottom edge
-    EXPECT_EQ((Rect{0, 0, 10, 10}).overlapArea({10, 10, 5, 5}), 0);  // shares a corner
-    // Apart on both axes: two negative extents must not multiply into a positive area.
-    EXPECT_EQ((Rect{0, 0, 10, 10}).overlapArea({20, 20, 5, 5}), 0);
-    EXPECT_EQ((Rect{0, 0, 10, 10}).overlapArea({20, 2, 5, 5}), 0);
-}
-
-TEST(RectGeometry, ZeroSizedRectOverlapsNothing)
-{
-    EXPECT_EQ((Rect{0, 0, 10, 10}).overlapArea({5, 5, 0, 3}), 0);
-    EXPECT_EQ((Rect{0, 0, 10, 10}).overlapArea({5, 5, 3, 0}), 0);
-}
-
-// ---- resolver rules ------------------------------------------------------------------------------------------
-
-TEST(ResolverRules, NoDisplaysNoDecision)
-{
-    EXPECT_FALSE(TargetResolver::resolve({}, std::nullopt, {0, 0}));
-    EXPECT_FALSE(TargetResolver::resolve({}, Rect{0, 0, 100, 100}, {10, 10}));
-}
-
-TEST(ResolverRules, WindowGoesToTheDisplayHoldingMostOfIt)
-{
-    // 120 x 300 on A, 280 x 300 on B.
-    EXPECT_EQ(TargetResolver::resolve(desk, Rect{1800, 100, 400, 300}, {10, 10}), adjust(2));
-    // 300 x 300 on A, 100 x 300 on B.
-    EXPECT_EQ(TargetResolver::resolve(desk, Rect{1620, 100, 400, 300}, {3000, 10}), passThrough(1));
-}
-
-TEST(ResolverRules, WindowOutranksTheCursor)
-{
-    // Window mostly on the panel, cursor on the external monitor: the panel decides, and the key passes through.
-    EXPECT_EQ(TargetResolver::resolve(desk, Rect{100, 100, 800, 600}, {2500, 500}), passThrough(1));
-    // And the other way round.
-    EXPECT_EQ(TargetResolver::resolve(desk, Rect{2000, 100, 800, 600}, {500, 500}), adjust(2));
-}
-
-TEST(ResolverRules, WindowOutsideEveryDisplayLeavesItToTheCursor)
-{
-    EXPECT_EQ(TargetResolver::resolve(desk, Rect{10000, 10000, 300, 300}, {2000, 10}), adjust(2));
-}
-
-TEST(ResolverRules, WindowTouchingOnlyAnEdgeDoesNotCount)
-{
-    // Lies right of B, touching its right edge; the cursor on A decides.
-    EXPECT_EQ(TargetResolver::resolve(desk, Rect{4480, 0, 200, 200}, {100, 100}), passThrough(1));
-    // Lies below A, touching its bottom edge, cursor on B.
-    EXPECT_EQ(TargetResolver::resolve(desk, Rect{100, 1080, 200, 200}, {2000, 1200}), adjust(2));
-}
-
-TEST(ResolverRules, ZeroSizedWindowLeavesItToTheCursor)
-{
-    EXPECT_EQ(TargetResolver::resolve(desk, Rect{100, 100, 0, 300}, {2000, 10}), adjust(2));
-    EXPECT_EQ(TargetResolver::resolve(desk, Rect{100, 100, 300, 0}, {2000, 10}), adjust(2));
-}
-
-TEST(ResolverRules, CursorOnTheSharedEdgeBelongsToTheRightDisplay)
-{
-    EXPECT_EQ(TargetResolver::resolve(desk, std::nullopt, {1920, 500}), adjust(2));
-    EXPECT_EQ(TargetResolver::resolve(desk, std::nullopt, {1919.5, 500}), passThrough(1));
-}
-
-TEST(ResolverRules, CursorBelowTheShorterDisplayIsOnTheTallerOne)
-{
-    // y = 1080 is outside A (bottom edge excluded) and x = 1000 is outside B: no display contains it.
-    EXPECT_EQ(TargetResolver::resolve({monitorB, panelA}, std::nullopt, {1000, 1080}), adjust(2));
-    EXPECT_EQ(TargetResolver::resolve(desk, std::nullopt, {2000, 1080}), adjust(2));
-}
-
-TEST(ResolverRules, CursorOutsideEveryDisplayPicksTheFirst)
-{
-    EXPECT_EQ(TargetResolver::resolve(desk, std::nullopt, {-5, -5}), passThrough(1));
-    EXPECT_EQ(TargetResolver::resolve({monitorB, panelA}, std::nullopt, {99999, 0}), adjust(2));
-}
-
-TEST(ResolverRules, ActionFollowsTheChosenDisplayOnly)
-{
-    const Display externalWithoutDDC{3, Rect{0, 0, 1000, 1000}, false};
-    EXPECT_EQ(TargetResolver::resolve({externalWithoutDDC}, std::nullopt, {5, 5}), passThrough(3));
-    const Display external{4, Rect{0, 0, 1000, 1000}, true};
-    EXPECT_EQ(TargetResolver::resolve({external}, Rect{-500, -500, 10, 10}, {-1, -1}), adjust(4));
-}
-
-// ---- tie-breaks ----------------------------------------------------------------------------------------------
-
-TEST(ResolverTieBreaks, WindowSplitInHalfGoesToTheEarlierDisplay)
-{
-    const Rect half{1820, 100, 200, 300};  // 100 x 300 on each side
-    EXPECT_EQ(TargetResolver::resolve(desk, half, {3000, 100}), passThrough(1));
-    EXPECT_EQ(TargetResolver::resolve({monitorB, panelA}, half, {100, 100}), adjust(2));
-}
-
-TEST(ResolverTieBreaks, LaterDisplayWithStrictlyMoreOverlapWins)
-{
-    // Three side-by-side displays; the window's widths on them are 50 / 100 / 50.
+    const std::vector<Display> none, desk{panelA, monitorB}, reversed{monitorB, panelA};
     const std::vector<Display> row{{10, Rect{0, 0, 100, 100}, false},
                                    {11, Rect{100, 0, 100, 100}, true},
                                    {12, Rect{200, 0, 100, 100}, false}};
-    EXPECT_EQ(TargetResolver::resolve(row, Rect{50, 0, 200, 10}, {0, 0}), adjust(11));
-    // 50 / 100 / 100: equal best areas, the earlier of the two wins.
-    EXPECT_EQ(TargetResolver::resolve(row, Rect{50, 0, 250, 10}, {0, 0}), adjust(11));
-    // Reordered to 10, 12, 11 with widths 10 / 100 / 100: the tie goes to 12, now the earlier one.
-    const std::vector<Display> reversed{row[0], row[2], row[1]};
-    EXPECT_EQ(TargetResolver::resolve(reversed, Rect{90, 0, 210, 10}, {0, 0}), passThrough(12));
-}
-
-TEST(ResolverTieBreaks, OverlappingDisplaysCursorPicksTheFirstContaining)
-{
-    // Mirrored displays share a frame: the first in the array wins, for the cursor and for a window.
     const std::vector<Display> mirrored{{7, Rect{0, 0, 1920, 1080}, true}, {8, Rect{0, 0, 1920, 1080}, false}};
-    EXPECT_EQ(TargetResolver::resolve(mirrored, std::nullopt, {10, 10}), adjust(7));
-    EXPECT_EQ(TargetResolver::resolve(mirrored, Rect{10, 10, 100, 100}, {10, 10}), adjust(7));
-    const std::vector<Display> swapped{mirrored[1], mirrored[0]};
-    EXPECT_EQ(TargetResolver::resolve(swapped, std::nullopt, {10, 10}), passThrough(8));
+    const struct {
+        const char* what;
+        const std::vector<Display>& displays;
+        std::optional<Rect> window;
+        Point cursor;
+        std::optional<Decision> expected;
+    } cases[] = {
+        {"no displays", none, Rect{0, 0, 100, 100}, {10, 10}, std::nullopt},
+        {"120 x 300 on A, 280 x 300 on B", desk, Rect{1800, 100, 400, 300}, {10, 10}, toB},
+        {"window on A outranks cursor on B", desk, Rect{1620, 100, 400, 300}, {3000, 10}, toA},
+        {"window off every display", desk, Rect{10000, 10000, 300, 300}, {2000, 10}, toB},
+        {"window touching B's right edge only", desk, Rect{4480, 0, 200, 200}, {100, 100}, toA},
+        {"window touching A's bottom edge only", desk, Rect{100, 1080, 200, 200}, {2000, 1200}, toB},
+        {"zero-width window", desk, Rect{100, 100, 0, 300}, {2000, 10}, toB},
+        {"zero-height window", desk, Rect{100, 100, 300, 0}, {2000, 10}, toB},
+        {"split in half: earlier display", desk, Rect{1820, 100, 200, 300}, {3000, 100}, toA},
+        {"split in half, reversed", reversed, Rect{1820, 100, 200, 300}, {100, 100}, toB},
+        {"later display strictly larger", row, Rect{50, 0, 200, 10}, {0, 0}, Decision{11, adjust}},
+        {"50/100/100: earlier of the equals", row, Rect{50, 0, 250, 10}, {0, 0}, Decision{11, adjust}},
+        {"mirrored window: first", mirrored, Rect{10, 10, 100, 100}, {10, 10}, Decision{7, adjust}},
+        {"cursor on the shared edge", desk, std::nullopt, {1920, 500}, toB},
+        {"cursor just left of it", desk, std::nullopt, {1919.5, 500}, toA},
+        {"cursor below A's bottom edge", reversed, std::nullopt, {1000, 1080}, toB},
+        {"mirrored cursor: first containing", mirrored, std::nullopt, {10, 10}, Decision{7, adjust}},
+        {"cursor nowhere: first display", desk, std::nullopt, {-5, -5}, toA},
+        {"cursor nowhere, reversed", reversed, std::nullopt, {99999, 0}, toB},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(TargetResolver::resolve(c.displays, c.window, c.cursor), c.expected);
+    }
 }

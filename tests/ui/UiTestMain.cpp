@@ -1,4 +1,4 @@
-// GoogleTest main for the widget tests: a QApplication, on the offscreen platform when there is no display server.
+// The widget tests' main: a QApplication, on the offscreen platform when there is no display server.
 
 #include <QApplication>
 

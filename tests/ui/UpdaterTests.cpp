@@ -1,110 +1,40 @@
-// The updater with and without an update plugin in the private library directory.
-
-#include <dlfcn.h>
+// The updater with the test plugin, complete or not, in the directory it looks in, and without one.
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <string>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <unistd.h>
 
 #include "Lumora/Updater/Updater.h"
 
-using Lumora::Updater;
-
-namespace {
-
-struct Counts {
-    int creates = 0;
-    int lastStarting = 0;
-    int delegates = 0;
-    int checks = 0;
-    int senders = 0;
-};
-
-// The plugin Lumora loaded from `directory`, asked for its counters (the already loaded copy: RTLD_NOLOAD).
-Counts countsOf(const std::string& directory)
+TEST(Updater, OneStartedControllerAndEachCheckForwardedOnlyWithACompletePlugin)
 {
-    Counts counts;
-    const std::string path = directory + "/" LUMORA_UPDATE_PLUGIN_FILE;
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD);
-    if (handle == nullptr) {
-        counts.creates = -1;
-        return counts;
+    struct Case {
+        const char* variant;
+        bool available;
+        const char* calls;  // what the plugin saw: the construction, then two checks
+    };
+    const Case cases[] = {{"none", false, ""},
+                          {"without-check", false, ""},
+                          {"create-fails", false, "create 1 0\n"},
+                          {"complete", true, "create 1 0\ncheck 0\ncheck 0\n"}};
+    const auto log = std::filesystem::temp_directory_path() / ("lumora-ui-update-" + std::to_string(::getpid()));
+    ::setenv("LUMORA_TEST_UPDATE_LOG", log.c_str(), 1);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.variant);
+        std::filesystem::remove(log);
+        Lumora::Updater updater(std::string(TEST_PLUGIN_ROOT "/") + c.variant);
+        EXPECT_EQ(updater.isAvailable(), c.available);
+        updater.checkForUpdates();
+        updater.checkForUpdates();
+        std::ostringstream calls;
+        calls << std::ifstream(log).rdbuf();
+        EXPECT_EQ(calls.str(), c.calls);
     }
-    using CountsFn = void (*)(int*, int*, int*, int*, int*);
-    auto fn = reinterpret_cast<CountsFn>(dlsym(handle, "test_plugin_counts"));
-    if (fn != nullptr) {
-        fn(&counts.creates, &counts.lastStarting, &counts.delegates, &counts.checks, &counts.senders);
-    }
-    dlclose(handle);  // drops only the reference taken here
-    return counts;
-}
-
-std::string pluginDirectory(const char* variant)
-{
-    return std::string(TEST_PLUGIN_ROOT) + "/" + variant;
-}
-
-}  // namespace
-
-TEST(Updater, WithoutAPluginIsUnavailableAndChecksNothing)
-{
-    Updater updater(pluginDirectory("none"));
-    EXPECT_FALSE(updater.isAvailable());
-    updater.checkForUpdates();  // does nothing, reports nothing
-    EXPECT_FALSE(updater.isAvailable());
-}
-
-TEST(Updater, WithoutAnyDirectoryIsUnavailable)
-{
-    Updater updater{std::string()};
-    EXPECT_FALSE(updater.isAvailable());
-    updater.checkForUpdates();
-}
-
-TEST(Updater, ThePrivateLibraryDirectoryLiesBesideTheExecutable)
-{
-    const std::string directory = Updater::privateLibraryDirectory();
-    ASSERT_FALSE(directory.empty());
-    EXPECT_EQ(directory.front(), '/');
-    EXPECT_NE(directory.find("/lumora"), std::string::npos);
-    Updater updater;  // this test's own directory holds no plugin
-    EXPECT_FALSE(updater.isAvailable());
-}
-
-TEST(Updater, WithThePluginCreatesOneStartedControllerAndForwardsEachCheckOnce)
-{
-    const std::string directory = pluginDirectory("complete");
-    Updater updater(directory);
-    ASSERT_TRUE(updater.isAvailable());
-    Counts counts = countsOf(directory);
-    EXPECT_EQ(counts.creates, 1);
-    EXPECT_EQ(counts.lastStarting, 1);
-    EXPECT_EQ(counts.delegates, 0);
-    EXPECT_EQ(counts.checks, 0);
-
-    updater.checkForUpdates();
-    counts = countsOf(directory);
-    EXPECT_EQ(counts.checks, 1);
-    EXPECT_EQ(counts.senders, 0);
-    updater.checkForUpdates();
-    EXPECT_EQ(countsOf(directory).checks, 2);
-    EXPECT_EQ(countsOf(directory).creates, 1);
-}
-
-TEST(Updater, APluginWithoutTheCheckEntryPointIsUnavailable)
-{
-    Updater updater(pluginDirectory("without-check"));
-    EXPECT_FALSE(updater.isAvailable());
-    updater.checkForUpdates();
-}
-
-TEST(Updater, APluginThatMakesNoControllerIsUnavailable)
-{
-    const std::string directory = pluginDirectory("create-fails");
-    Updater updater(directory);
-    EXPECT_FALSE(updater.isAvailable());
-    EXPECT_EQ(countsOf(directory).creates, 1);
-    updater.checkForUpdates();
-    EXPECT_EQ(countsOf(directory).checks, 0);
+    std::filesystem::remove(log);
+    ::unsetenv("LUMORA_TEST_UPDATE_LOG");
 }

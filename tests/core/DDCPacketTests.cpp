@@ -39,7 +39,8 @@ TEST(DDCPacket, RequestsCarryTheExactBytes)
         {DDC::setVCPRequest(VCPCode::brightness, 50), {0x84, 0x03, 0x10, 0x00, 0x32, 0x9A}},
         {DDC::setVCPRequest(VCPCode::brightness, 300), {0x84, 0x03, 0x10, 0x01, 0x2C, 0x85}},  // high byte first
         {DDC::setVCPRequest(VCPCode::brightness, 0xFF00), {0x84, 0x03, 0x10, 0xFF, 0x00, 0x57}},
-        {DDC::setVCPRequest(VCPCode::powerMode, rawValue(VCPCode::PowerMode::on)), {0x84, 0x03, 0xD6, 0x00, 0x01, 0x6F}},
+        {DDC::setVCPRequest(VCPCode::powerMode, rawValue(VCPCode::PowerMode::on)),
+         {0x84, 0x03, 0xD6, 0x00, 0x01, 0x6F}},
         {DDC::setVCPRequest(VCPCode::powerMode, rawValue(VCPCode::PowerMode::standby)),
          {0x84, 0x03, 0xD6, 0x00, 0x04, 0x6A}},
     };
@@ -65,7 +66,7 @@ TEST(DDCPacket, RepliesAreCheckedByTheirLastByteOnly)
          VCPReply{.current = 10, .max = 100}},
         {"header bytes not examined", sealed({0x00, 0x00, 0x7F, 0xEE, 0xD6, 0x01, 0x00, 0x05, 0x00, 0x04}),
          VCPReply{.current = 4, .max = 5}},
-        {"maximum 0", sealed({0x6E, 0x88, 0x02, 0x00, 0x10, 0x00, 0x00, 0x00, 0x00, 0x32}), VCPReply{.current = 50, .max = 0}},
+        {"maximum 0", sealed({0x6E, 0x88, 0x02, 0x00, 0x10, 0x00, 0x00, 0x00, 0x00, 0x32}), VCPReply{50, 0}},
         // Twelve bytes: the twelfth is the checksum over the first eleven.
         {"valid reply + its checksum again", plus(canonicalReply, 0xF2), std::nullopt},
         {"valid reply + 0x00 (its fold)", plus(canonicalReply, 0x00), VCPReply{.current = 50, .max = 100}},
@@ -86,7 +87,8 @@ TEST(DDCPacket, RepliesAreCheckedByTheirLastByteOnly)
 TEST(DDCPacket, ShortRepliesAreRejectedEvenWhenTheirFoldHolds)
 {
     for (std::size_t size = 0; size < 11; ++size) {
-        Bytes reply = size == 0 ? Bytes{} : sealed(Bytes(canonicalReply.begin(), canonicalReply.begin() + long(size) - 1));
+        // The first size - 1 bytes of a valid reply, sealed.
+        const Bytes reply = size == 0 ? Bytes{} : sealed(Bytes(&canonicalReply[0], &canonicalReply[size - 1]));
         // An exact-size heap copy: a read past its end is caught by AddressSanitizer.
         auto exact = std::make_unique<std::uint8_t[]>(size);
         std::copy(reply.begin(), reply.end(), exact.get());

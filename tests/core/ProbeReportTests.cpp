@@ -9,10 +9,10 @@ using namespace Lumora;
 
 TEST(ProbeReport, ReadingsRoundToWholePercents)
 {
-    const std::pair<double, const char*> cases[] = {{0.0, "0%"},    {0.004, "0%"},   {0.734, "73%"},
+    const std::pair<double, std::string> cases[] = {{0.0, "0%"},    {0.004, "0%"},   {0.734, "73%"},
                                                     {0.736, "74%"}, {0.999, "100%"}, {1.2, "120%"}};
     for (const auto& [fraction, text] : cases)
-        EXPECT_EQ(ProbeReport::displayLine(9, "X", true, fraction), std::string("\u2022 [9] X (external/DDC) brightness=") + text);
+        EXPECT_EQ(ProbeReport::displayLine(9, "X", true, fraction), "\u2022 [9] X (external/DDC) brightness=" + text);
 }
 
 TEST(ProbeReport, SetValueIsASignedDecimalWithinSixtyFourBits)

@@ -114,10 +114,11 @@ TEST(DDCService, GetRetriesUpToFiveTimesWithExactPauses)
         std::string log;
     } cases[] = {
         {"answers at once", {{0, reply(50, 100)}}, {}, VCPReply{50, 100}, attempt},
-        {"two bad checksums", {{0, reply(10, 100, true)}, {0, reply(9, 9, true)}, {0, reply(70, 255)}, {0, reply(1, 2)}}, {},
-         VCPReply{70, 255}, attempt + " S20000 " + attempt + " S20000 " + attempt},
+        {"two bad checksums", {{0, reply(9, 10, true)}, {0, reply(9, 9, true)}, {0, reply(70, 255)}, {0, reply(1, 2)}},
+         {}, VCPReply{70, 255}, attempt + " S20000 " + attempt + " S20000 " + attempt},
         {"never answers", {}, {}, std::nullopt,
-         attempt + " S20000 " + attempt + " S20000 " + attempt + " S20000 " + attempt + " S20000 " + attempt + " S20000"},
+         attempt + " S20000 " + attempt + " S20000 " + attempt + " S20000 " + attempt + " S20000 " + attempt +
+             " S20000"},  // the fifth failure pauses too
         {"failed read with a valid reply, empty read", {{EIO, reply(5, 10)}, {0, {}}, {0, reply(6, 10)}}, {},
          VCPReply{6, 10}, attempt + " S20000 " + attempt + " S20000 " + attempt},
         {"failed request write", {{0, reply(5, 10)}}, {121}, VCPReply{5, 10}, attempt},

@@ -837,7 +837,9 @@ void Desk::Impl::startTransfer(std::unique_ptr<Transfer> t)
         violation("two transfers in flight at once on " + busLabel(b) + ": " + who + " started one while descriptor #" +
                   std::to_string(b.inFlight.front()) + "'s was still on the wire");
     const bool talksDdc = std::any_of(t->msgs.begin(), t->msgs.end(), [](const Msg& x) { return x.addr == kDdcAddress; });
-    if (m && talksDdc && m->pending && m->pending->clientId != t->clientId &&
+    // A monitor that is gone hears nothing: transfers to it fail and cannot interrupt a conversation.
+    const bool reachable = c && c->plugged && m && !m->state.faults.unplugged;
+    if (reachable && talksDdc && m->pending && m->pending->clientId != t->clientId &&
         t->startUs < std::min(m->pending->expiresUs, m->pending->readyUs + kConversationGraceUs))
         violation("overlapping transactions on " + busLabel(b) + ": " + who + " talked to the monitor while descriptor #" +
                   std::to_string(m->pending->clientId) + "'s Get VCP " + hex2(m->pending->code) +
@@ -1066,6 +1068,9 @@ void Desk::Impl::setPlugged(std::string_view name, bool plugged)
         std::lock_guard lk(mu);
         Connector& c = connector(name);
         c.plugged = plugged;
+        // Pulling the cable ends any conversation: a reply the monitor had prepared is lost with it.
+        if (!plugged && c.monitor)
+            c.monitor->pending.reset();
         devpath = c.devpath;
         cardDevpath = c.cardDevpath;
         if (c.cfg.edid)
@@ -1401,7 +1406,10 @@ int Desk::heldCount(std::string_view connector) const
 void Desk::setFaults(std::string_view connector, const Faults& faults)
 {
     std::lock_guard lk(impl->mu);
-    impl->monitor(connector).state.faults = faults;
+    auto& monitor = impl->monitor(connector);
+    monitor.state.faults = faults;
+    if (faults.unplugged)
+        monitor.pending.reset();
     impl->notifyLocked();
 }
 

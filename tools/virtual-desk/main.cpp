@@ -271,8 +271,11 @@ int main(int argc, char** argv)
         } else if (a == "--send") {
             const std::string path = value();
             std::string line;
-            for (++i; i < argc; ++i)
-                line += (line.empty() ? "" : " ") + std::string(argv[i]);
+            for (++i; i < argc; ++i) {
+                if (!line.empty())
+                    line += ' ';
+                line += argv[i];
+            }
             if (line.empty())
                 usageError("--send needs a control command");
             return sendCommand(path, line);

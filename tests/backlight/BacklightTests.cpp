@@ -94,7 +94,7 @@ TEST_F(Backlight, TheDeviceIsTheBuiltInConnectorsElseTheBestTypeThenTheFirstName
         {"below eDP, over firmware", below("eDP-1", "x_panel") + kAcpi, "x_panel"},
         {"below LVDS", below("LVDS-1", "zz_lvds") + kAcpi, "zz_lvds"},
         {"below DSI", below("DSI-1", "zz_dsi") + kAcpi, "zz_dsi"},
-        {"below HDMI does not count", below("HDMI-A-1", "a_hdmi") + dell, "dell_backlight"},
+        {"HDMI does not count", below("HDMI-A-1", "a_hdmi") + connector(kPanelConnector) + dell, "dell_backlight"},
         {"panel connector without one", connector(kPanelConnector) + aRaw + dell, "dell_backlight"},
         {"two panels: first name", below("eDP-2", "b_panel") + below("eDP-1", "c_panel") + kAcpi, "b_panel"},
         {"firmware, platform, raw", aRaw + bPlatform + cFw, "c_fw"},

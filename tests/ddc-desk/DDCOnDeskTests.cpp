@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "Lumora/App/Probe.h"
 #include "Lumora/DDC/DDCBackend.h"
 #include "Lumora/DDC/DDCService.h"
 #include "Lumora/DDC/DisplayEnumerator.h"
@@ -174,4 +175,19 @@ TEST_F(OnDesk, ADDCLinkToNowhereLeavesTheConnectorOut)
     EXPECT_EQ(displays.size(), 4u);
     for (const DisplayInfo& display : displays)
         EXPECT_NE(display.id, 120u);
+}
+
+TEST_F(OnDesk, TheProbeSetsEveryDisplayThePanelIncluded)
+{
+    // The panel is written through sysfs here, never through a real logind.
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/lumora-test-bus", 1);
+    setenv("LUMORA_PROBE_SET", "60", 1);
+    ::testing::internal::CaptureStdout();
+    Probe::run();
+    std::string out = ::testing::internal::GetCapturedStdout();
+    unsetenv("LUMORA_PROBE_SET");
+    EXPECT_EQ(out.rfind("Displays: 4  (IOAVService: true, DisplayServices: true)\n", 0), 0u) << out;
+    EXPECT_EQ(desk->backlightBrightness("intel_backlight"), 600);
+    EXPECT_EQ(desk->brightness("card0-DP-1"), 60);
+    EXPECT_EQ(desk->brightness("card0-HDMI-A-1"), 153);
 }

@@ -28,11 +28,7 @@ WORK=$(mktemp -d "${TMPDIR:-/tmp}/lumora-figures.XXXXXX")
 APP=""
 cleanup() { session_stop; rm -rf "$WORK"; }
 trap cleanup EXIT
-unset DBUS_SESSION_BUS_ADDRESS WAYLAND_DISPLAY QT_QPA_PLATFORM
-export XDG_RUNTIME_DIR="$WORK/runtime" XDG_CONFIG_HOME="$WORK/config"
-mkdir -p "$XDG_RUNTIME_DIR" "$XDG_CONFIG_HOME"
-chmod 700 "$XDG_RUNTIME_DIR"
-export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0:detect_leaks=0"
+session_environment "$WORK"
 
 session_start "$WORK" 1280x800 || { echo "desktop figures: the virtual desktop did not start" >&2; exit 1; }
 

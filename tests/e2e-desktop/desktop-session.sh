@@ -7,6 +7,18 @@
 
 SESSION_PIDS=()
 
+# session_environment WORK: a desktop of our own. No StatusNotifier host over D-Bus (the icon docks through
+# XEmbed), a private runtime directory under WORK (the single-instance lock lives there), a private configuration
+# directory, and sanitizer options that suit a Qt program run under umockdev.
+session_environment()
+{
+    unset DBUS_SESSION_BUS_ADDRESS WAYLAND_DISPLAY QT_QPA_PLATFORM
+    export XDG_RUNTIME_DIR="$1/runtime" XDG_CONFIG_HOME="$1/config"
+    mkdir -p "$XDG_RUNTIME_DIR" "$XDG_CONFIG_HOME"
+    chmod 700 "$XDG_RUNTIME_DIR"
+    export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0:detect_leaks=0"
+}
+
 # The real ImageMagick (a plain `convert` earlier in PATH may be something else).
 session_convert()
 {

@@ -42,13 +42,7 @@ cleanup()
 }
 trap cleanup EXIT
 
-# A desktop of our own: no StatusNotifier host over D-Bus (the icon docks through XEmbed), a private runtime
-# directory (the single-instance lock lives there), a private configuration directory.
-unset DBUS_SESSION_BUS_ADDRESS WAYLAND_DISPLAY QT_QPA_PLATFORM
-export XDG_RUNTIME_DIR="$WORK/runtime" XDG_CONFIG_HOME="$WORK/config"
-mkdir -p "$XDG_RUNTIME_DIR" "$XDG_CONFIG_HOME"
-chmod 700 "$XDG_RUNTIME_DIR"
-export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0:detect_leaks=0"
+session_environment "$WORK"
 
 step() { echo "== $*"; }
 pass() { echo "   ok: $*"; }

@@ -4,47 +4,12 @@
 #include <QScreen>
 #include <QSocketNotifier>
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <libudev.h>
-#include <unistd.h>
 
-#include <string_view>
+#include "Lumora/Platform/Linux/DrmConnectors.h"
 
 namespace Lumora {
 namespace DisplayChange {
-namespace {
-
-constexpr const char* drmClass = "/sys/class/drm";
-
-// First line of a small sysfs attribute; empty when it cannot be read.
-std::string readAttribute(const std::string& path)
-{
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return {};
-    }
-    char buffer[64];
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    ::close(fd);
-    if (n <= 0) {
-        return {};
-    }
-    std::string value(buffer, static_cast<std::size_t>(n));
-    const auto end = value.find_first_of("\n\r");
-    if (end != std::string::npos) {
-        value.resize(end);
-    }
-    return value;
-}
-
-bool isConnector(std::string_view name)
-{
-    // card0-DP-1, card1-HDMI-A-2, ...; card0 itself, renderD128 and version are not.
-    return name.rfind("card", 0) == 0 && name.find('-') != std::string_view::npos;
-}
-
-}  // namespace
 
 unsigned between(const ConnectorStates& before, const ConnectorStates& after)
 {
@@ -71,22 +36,8 @@ unsigned between(const ConnectorStates& before, const ConnectorStates& after)
 ConnectorStates readConnectors()
 {
     ConnectorStates states;
-    DIR* dir = ::opendir(drmClass);
-    if (dir == nullptr) {
-        return states;
-    }
-    while (const dirent* entry = ::readdir(dir)) {
-        const std::string name = entry->d_name;
-        if (!isConnector(name)) {
-            continue;
-        }
-        const std::string base = std::string(drmClass) + "/" + name + "/";
-        ConnectorState state;
-        state.connected = readAttribute(base + "status") == "connected";
-        state.enabled = readAttribute(base + "enabled") == "enabled";
-        states.emplace(name, state);
-    }
-    ::closedir(dir);
+    for (const Platform::DrmConnector& connector : Platform::DrmConnectors::list())
+        states.emplace(connector.name, ConnectorState{connector.connected, connector.enabled});
     return states;
 }
 

@@ -8,6 +8,8 @@
 #include <QMessageBox>
 #include <QScreen>
 
+#include <cstdio>
+
 #include "Lumora/App/PopoverPanel.h"
 #include "Lumora/Platform/Linux/Desktop/Compositor.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayChangeMonitor.h"
@@ -81,6 +83,9 @@ int AppDelegate::runApplication(int argc, char** argv)
     // Without a display server there is no tray to sit in (Qt would abort trying to reach one).
     if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
         qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        std::fputs("lumora: no desktop session here (neither DISPLAY nor WAYLAND_DISPLAY is set), so there is no tray "
+                   "to sit in.\nThe probe works anywhere: LUMORA_PROBE=1 lumora\n",
+                   stderr);
         return 1;
     }
     if (!SingleInstance::acquire()) {

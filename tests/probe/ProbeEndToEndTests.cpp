@@ -176,73 +176,67 @@ TEST_F(ProbeOnDesk, AMonitorThatNeverAnswersReadsNotAvailableAndIsStillWritten)
     EXPECT_EQ(gets, 5u) << "five attempts, then it gives up";
 }
 
-TEST_F(ProbeOnDesk, IdenticalMonitorsArePairedInOrder)
+TEST_F(ProbeOnDesk, PrintsWhatEachDeskHolds)
 {
-    // Same vendor, model and (unknown) serial: only the order tells them apart. Each reports its own brightness.
-    ProbeRun run = probe(R"({"cards": [{"connectors": [
-        {"name": "DP-1", "connectorId": 80, "edid": {"vendor": "DEL", "model": 41156, "name": "DELL P2419H"},
-         "ddc": {"bus": 5}, "monitor": {"current": 30}},
-        {"name": "DP-2", "connectorId": 81, "edid": {"vendor": "DEL", "model": 41156, "name": "DELL P2419H"},
-         "ddc": {"bus": 6}, "monitor": {"current": 70}}]}]})");
-    ASSERT_EQ(run.process.exitStatus, 0) << run.process.err;
-    EXPECT_EQ(run.process.out,
-              "Displays: 2  (IOAVService: true, DisplayServices: false)\n"
-              "\u2022 [80] DELL P2419H (external/DDC) brightness=30%\n"
-              "\u2022 [81] DELL P2419H (external/DDC) brightness=70%\n");
-}
-
-TEST_F(ProbeOnDesk, ExternalDisplaysComeBeforeTheBuiltInPanelWhateverTheOnlineOrder)
-{
-    // Online order: card0-HDMI-A-1, card0-eDP-1, card1-DP-1. A second card's numbers carry its index above bit 16.
-    ProbeRun run = probe(R"({"cards": [
-        {"connectors": [
-          {"name": "HDMI-A-1", "connectorId": 5, "edid": {"vendor": "GSM", "model": 1}, "ddc": {"bus": 3}, "monitor": {}},
-          {"name": "eDP-1", "connectorId": 6, "edid": {"vendor": "BOE", "model": 2}}]},
-        {"index": 1, "connectors": [
-          {"name": "DP-1", "connectorId": 7, "edid": {"vendor": "DEL", "model": 3}, "ddc": {"bus": 9}, "monitor": {}}]}],
-      "backlights": [{"name": "acpi_video0", "type": "firmware", "max": 10, "brightness": 5}]})");
-    ASSERT_EQ(run.process.exitStatus, 0) << run.process.err;
-    EXPECT_EQ(run.process.out,
-              "Displays: 3  (IOAVService: true, DisplayServices: true)\n"
-              "\u2022 [5] Display 5 (external/DDC) brightness=50%\n"
-              "\u2022 [65543] Display 65543 (external/DDC) brightness=50%\n"
-              "\u2022 [6] Built-in Display (internal) brightness=50%\n");
-}
-
-TEST_F(ProbeOnDesk, WithoutTheKernelsI2CInterfaceOnlyThePanelIsListed)
-{
-    std::string desk = threeDisplays;
-    desk.insert(desk.find('{') + 1, R"("i2cDev": false, )");
-    ProbeRun run = probe(desk, "10");
-    ASSERT_EQ(run.process.exitStatus, 0) << run.process.err;
-    EXPECT_EQ(run.process.out,
-              "Displays: 1  (IOAVService: false, DisplayServices: true)\n"
-              "\u2022 [110] Built-in Display (internal) brightness=73%\n"
-              "    set 10%\n");
-    EXPECT_TRUE(run.log.empty());
-}
-
-TEST_F(ProbeOnDesk, APanelWithoutBacklightIsListedButCannotBeRead)
-{
-    ProbeRun run = probe(R"({"cards": [{"connectors": [
-        {"name": "eDP-1", "connectorId": 40, "edid": {"vendor": "BOE", "model": 2}, "ddc": {"bus": 4}}]}]})",
-                    "30");
-    ASSERT_EQ(run.process.exitStatus, 0) << run.process.err;
-    EXPECT_EQ(run.process.out,
-              "Displays: 1  (IOAVService: true, DisplayServices: false)\n"
-              "\u2022 [40] Built-in Display (internal) brightness=n/a\n"
-              "    set 30%\n");
-}
-
-TEST_F(ProbeOnDesk, NoDisplaysPrintsTheHeaderAlone)
-{
-    ProbeRun run = probe(R"({"cards": [{"connectors": [
-        {"name": "DP-1", "status": "disconnected", "ddc": {"bus": 5}},
-        {"name": "HDMI-A-1", "enabled": false, "edid": {"vendor": "GSM", "model": 1}, "ddc": {"bus": 3}, "monitor": {}}]}]})",
-                    "50");
-    ASSERT_EQ(run.process.exitStatus, 0) << run.process.err;
-    EXPECT_EQ(run.process.out, "Displays: 0  (IOAVService: true, DisplayServices: false)\n");
-    EXPECT_EQ(run.setCount(), 0u);
+    struct Case {
+        const char* what;
+        std::string desk;
+        std::optional<std::string> set;
+        std::string out;
+    };
+    std::string withoutI2CDev = threeDisplays;
+    withoutI2CDev.insert(withoutI2CDev.find('{') + 1, R"("i2cDev": false, )");
+    const Case cases[] = {
+        {"identical monitors (same vendor, model, unknown serial) pair in order, each reads its own brightness",
+         R"({"cards": [{"connectors": [
+            {"name": "DP-1", "connectorId": 80, "edid": {"vendor": "DEL", "model": 41156, "name": "DELL P2419H"},
+             "ddc": {"bus": 5}, "monitor": {"current": 30}},
+            {"name": "DP-2", "connectorId": 81, "edid": {"vendor": "DEL", "model": 41156, "name": "DELL P2419H"},
+             "ddc": {"bus": 6}, "monitor": {"current": 70}}]}]})",
+         std::nullopt,
+         "Displays: 2  (IOAVService: true, DisplayServices: false)\n"
+         "\u2022 [80] DELL P2419H (external/DDC) brightness=30%\n"
+         "\u2022 [81] DELL P2419H (external/DDC) brightness=70%\n"},
+        {"online order [external, built-in, external on card1]: externals first; card1's ids carry its index",
+         R"({"cards": [
+            {"connectors": [
+              {"name": "HDMI-A-1", "connectorId": 5, "edid": {"vendor": "GSM", "model": 1}, "ddc": {"bus": 3}, "monitor": {}},
+              {"name": "eDP-1", "connectorId": 6, "edid": {"vendor": "BOE", "model": 2}}]},
+            {"index": 1, "connectors": [
+              {"name": "DP-1", "connectorId": 7, "edid": {"vendor": "DEL", "model": 3}, "ddc": {"bus": 9}, "monitor": {}}]}],
+           "backlights": [{"name": "acpi_video0", "type": "firmware", "max": 10, "brightness": 5}]})",
+         std::nullopt,
+         "Displays: 3  (IOAVService: true, DisplayServices: true)\n"
+         "\u2022 [5] Display 5 (external/DDC) brightness=50%\n"
+         "\u2022 [65543] Display 65543 (external/DDC) brightness=50%\n"
+         "\u2022 [6] Built-in Display (internal) brightness=50%\n"},
+        {"without the kernel's i2c-dev only the panel is listed", withoutI2CDev, "10",
+         "Displays: 1  (IOAVService: false, DisplayServices: true)\n"
+         "\u2022 [110] Built-in Display (internal) brightness=73%\n"
+         "    set 10%\n"},
+        {"a panel without backlight is listed and written, but reads n/a",
+         R"({"cards": [{"connectors": [
+            {"name": "eDP-1", "connectorId": 40, "edid": {"vendor": "BOE", "model": 2}, "ddc": {"bus": 4}}]}]})",
+         "30",
+         "Displays: 1  (IOAVService: true, DisplayServices: false)\n"
+         "\u2022 [40] Built-in Display (internal) brightness=n/a\n"
+         "    set 30%\n"},
+        {"no active display: the header alone, and nothing is set",
+         R"({"cards": [{"connectors": [
+            {"name": "DP-1", "status": "disconnected", "ddc": {"bus": 5}},
+            {"name": "HDMI-A-1", "enabled": false, "edid": {"vendor": "GSM", "model": 1}, "ddc": {"bus": 3},
+             "monitor": {}}]}]})",
+         "50", "Displays: 0  (IOAVService: true, DisplayServices: false)\n"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        ProbeRun run = probe(c.desk, c.set);
+        ASSERT_EQ(run.process.exitStatus, 0) << run.process.err;
+        EXPECT_EQ(run.process.out, c.out);
+        if (c.out.find("set") == std::string::npos || c.out.find("IOAVService: false") != std::string::npos) {
+            EXPECT_EQ(run.setCount(), 0u) << "nothing reaches a monitor";
+        }
+    }
 }
 
 TEST_F(ProbeOnDesk, BadEDIDsAndMissingIdentityStillPairAOneToOneDesk)

@@ -44,6 +44,18 @@ trap cleanup EXIT
 
 session_environment "$WORK"
 
+# expect_exit_zero WHAT: the application ends within 20 s of WHAT, with status 0.
+expect_exit_zero()
+{
+    if wait_until 20 bash -c '! kill -0 "$0" 2>/dev/null' "$APP_PID"; then
+        wait "$APP_PID"
+        local status=$?
+        check "$1 ends lumora with exit status 0 (was $status)" test "$status" -eq 0
+    else
+        fail "lumora still running 20 s after $1"
+    fi
+}
+
 step() { echo "== $*"; }
 pass() { echo "   ok: $*"; }
 fail() { echo "   FAIL: $*"; FAILURES=$((FAILURES + 1)); }
@@ -197,13 +209,7 @@ read -r NX NY NW NH < <(menu_geometry)
 check "menu opens 4 below the icon (y $NY)" test "$NY" -eq $(( IY + IH + 4 ))
 # "Quit Lumora" is the last item.
 xdotool mousemove $(( NX + 40 )) $(( NY + NH - 14 )) click 1
-if wait_until 20 bash -c '! kill -0 "$0" 2>/dev/null' "$APP_PID"; then
-    wait "$APP_PID"
-    status=$?
-    check "lumora (under the virtual desk) exit status 0 (was $status)" test "$status" -eq 0
-else
-    fail "lumora still running 20 s after Quit"
-fi
+expect_exit_zero "Quit"
 
 step "the emulated monitors' log"
 if [[ -s $WORK/desk.jsonl ]]; then
@@ -215,7 +221,7 @@ if [[ -s $WORK/desk.jsonl ]]; then
     check "the newest brightness written to DP-1 is the kept one, $DRAGGED (was $last_brightness)" test "$last_brightness" == "$DRAGGED"
     drag_writes=$(sets card0-DP-1 0x10 | uniq | wc -l)
     echo "   distinct brightness values written to DP-1: $drag_writes"
-    check "no write ever went to another address" test "$(grep -c '"request":"set"' "$WORK/desk.jsonl")" -gt 0
+    check "the monitors were written at all" test "$(grep -c '"request":"set"' "$WORK/desk.jsonl")" -gt 0
 else
     fail "the virtual desk wrote no log"
 fi
@@ -243,13 +249,7 @@ if [[ -n ${UPDATE_PLUGIN:-} && -f $UPDATE_PLUGIN ]]; then
     xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
     check "menu shown again" wait_until 10 menu_shown
     xdotool key q
-    if wait_until 20 bash -c '! kill -0 "$0" 2>/dev/null' "$APP_PID"; then
-        wait "$APP_PID"
-        status=$?
-        check "q in the menu quits with status 0 (was $status)" test "$status" -eq 0
-    else
-        fail "lumora still running 20 s after q"
-    fi
+    expect_exit_zero "q in the menu"
     check "still exactly one controller made" test "$(grep -c '^create' "$WORK/update.log")" -eq 1
 else
     fail "no test update plugin given"

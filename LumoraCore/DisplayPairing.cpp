@@ -69,6 +69,31 @@ std::vector<Pair> pair(const std::vector<ExternalDisplayIdentity>& displays,
     return result;
 }
 
+std::vector<ChannelChoice> assignChannels(const std::vector<ExternalDisplay>& displays,
+                                          const std::vector<ServiceIdentity>& unownedChannels)
+{
+    std::vector<std::size_t> withoutChannel;
+    std::vector<ExternalDisplayIdentity> remainder;
+    for (std::size_t d = 0; d < displays.size(); ++d) {
+        if (!displays[d].ownChannel) {
+            withoutChannel.push_back(d);
+            remainder.push_back(displays[d].identity);
+        }
+    }
+    std::vector<std::optional<std::size_t>> unowned(displays.size());
+    for (const Pair& p : pair(remainder, unownedChannels))
+        unowned[withoutChannel[p.display]] = p.service;
+
+    std::vector<ChannelChoice> result;
+    for (std::size_t d = 0; d < displays.size(); ++d) {
+        if (displays[d].ownChannel)
+            result.push_back({d, std::nullopt});
+        else if (unowned[d])
+            result.push_back({d, unowned[d]});
+    }
+    return result;
+}
+
 std::string displayName(std::uint32_t id, const std::string& productName)
 {
     return productName.empty() ? "Display " + std::to_string(id) : productName;

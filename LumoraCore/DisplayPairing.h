@@ -1,9 +1,14 @@
 #pragma once
 // Pairs external displays with the DDC services found for them, by EDID identity. The platform supplies each
 // display's vendor, model and serial numbers and each service's identity; nothing here touches hardware.
+//
+// On Linux most displays need no pairing: a connector's own channel (its `ddc` link or DisplayPort AUX adapter)
+// is known and serves that display alone. Identity pairing decides only what is left: the displays without a
+// channel of their own against the channels that no connector owns (MST ports, NVIDIA's buses).
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +23,13 @@ struct ServiceIdentity {
     std::string edidUUID;
     std::string productName;
     std::int64_t serialNumber = 0;
+};
+
+// An external display, and whether its connector has a DDC channel of its own (usable or not: a connector's own
+// channel is never traded for another, even when it cannot be opened).
+struct ExternalDisplay {
+    ExternalDisplayIdentity identity;
+    bool ownChannel = false;
 };
 
 namespace DisplayPairing {
@@ -40,6 +52,19 @@ struct Pair {
 // The result is in display order.
 std::vector<Pair> pair(const std::vector<ExternalDisplayIdentity>& displays,
                        const std::vector<ServiceIdentity>& services);
+
+struct ChannelChoice {
+    std::size_t display;                      // index into the displays
+    std::optional<std::size_t> unownedChannel; // absent: the display's own channel; else an index into the channels
+    bool operator==(const ChannelChoice&) const = default;
+};
+
+// Which channel serves each display, in display order, leaving out displays that get none: every display with
+// its own channel takes it; the others are paired with `unownedChannels` (channels no connector owns, each with
+// the identity read from its EDID) by `pair`, so the one-to-one shortcut applies only when exactly one display
+// is without a channel and exactly one such channel exists.
+std::vector<ChannelChoice> assignChannels(const std::vector<ExternalDisplay>& displays,
+                                          const std::vector<ServiceIdentity>& unownedChannels);
 
 // The name shown for a display: its product name, or "Display " and the id when there is none.
 std::string displayName(std::uint32_t id, const std::string& productName);

@@ -70,4 +70,27 @@ EDIDIdentity parse(std::span<const std::uint8_t> blob)
     return identity;
 }
 
+std::optional<std::array<std::uint8_t, 128>> baseBlockInRotation(std::span<const std::uint8_t> rotated)
+{
+    const std::size_t size = rotated.size();
+    if (size < baseBlockSize)
+        return std::nullopt;
+    for (std::size_t start = 0; start < size; ++start) {
+        bool header = true;
+        for (std::size_t i = 0; i < fixedHeader.size() && header; ++i)
+            header = rotated[(start + i) % size] == fixedHeader[i];
+        if (!header)
+            continue;
+        std::array<std::uint8_t, baseBlockSize> block{};
+        unsigned sum = 0;
+        for (std::size_t i = 0; i < baseBlockSize; ++i) {
+            block[i] = rotated[(start + i) % size];
+            sum += block[i];
+        }
+        if (sum % 256 == 0)
+            return block;
+    }
+    return std::nullopt;
+}
+
 }  // namespace Lumora::EDID

@@ -1,5 +1,6 @@
 #include "LumoraCore/ProbeReport.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <limits>
 
@@ -36,6 +37,31 @@ std::string displayLine(std::uint32_t id, const std::string& name, bool external
 std::string setLine(int percent)
 {
     return "    set " + std::to_string(percent) + "%";
+}
+
+std::vector<std::string> notes(bool i2cDevLoaded, const std::vector<MissingMonitor>& missing)
+{
+    if (missing.empty())
+        return {};
+    if (!i2cDevLoaded)
+        return {"Note: i2c-dev is not loaded, so no external monitor can be reached; load it with "
+                "\"sudo modprobe i2c-dev\" (see \"Device access\" in Lumora's README)."};
+    std::vector<std::string> lines;
+    std::vector<std::string> deniedSeen;
+    for (const MissingMonitor& monitor : missing) {
+        if (monitor.deniedNodes.empty()) {
+            lines.push_back("Note: no DDC channel found for " + monitor.connector +
+                            " (connected); see \"Monitors that are not listed\" in Lumora's README.");
+            continue;
+        }
+        for (const std::string& node : monitor.deniedNodes) {
+            if (std::find(deniedSeen.begin(), deniedSeen.end(), node) != deniedSeen.end())
+                continue;
+            deniedSeen.push_back(node);
+            lines.push_back("Note: no permission to open " + node + "; see \"Device access\" in Lumora's README.");
+        }
+    }
+    return lines;
 }
 
 std::optional<int> parseSetValue(const char* value)

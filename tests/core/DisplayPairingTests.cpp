@@ -78,3 +78,38 @@ TEST(DisplayPairing, GreedyInDisplayOrderBestScoreEarlierServiceOnATie)
         EXPECT_EQ(DisplayPairing::pair(c.displays, c.services), c.expected);
     }
 }
+
+TEST(DisplayPairing, OwnChannelsServeTheirDisplaysAndOnlyTheRestArePairedByIdentity)
+{
+    using Choices = std::vector<DisplayPairing::ChannelChoice>;
+    const std::optional<std::size_t> own;
+    auto with = [](ExternalDisplayIdentity d) { return ExternalDisplay{d, true}; };
+    auto without = [](ExternalDisplayIdentity d) { return ExternalDisplay{d, false}; };
+    const ExternalDisplayIdentity lg{9, 0x1E6D, 0x5B09, 0};
+    const ServiceIdentity lgChannel = service("1E6D095B-0000");
+    const struct {
+        const char* what;
+        std::vector<ExternalDisplay> displays;
+        std::vector<ServiceIdentity> channels;
+        Choices expected;
+    } cases[] = {
+        {"identical monitors, the first without a channel: it does not take the second's",
+         {without(dell(5)), with(dell(7))}, {}, {{1, own}}},
+        {"own channels need no identity", {with(dell(5)), with({6, 0, 0, 0})}, {service("")}, {{0, own}, {1, own}}},
+        {"the one left over and the one unowned channel pair whatever their identities",
+         {with(dell(5)), without(dell(7))}, {lgChannel}, {{0, own}, {1, 0}}},
+        {"no shortcut with two left over", {without(dell(5)), without(lg)}, {service("")}, {}},
+        {"no shortcut with two unowned channels", {without(dell(5))}, {service(""), service("")}, {}},
+        {"MST monitors by identity, whatever the bus order",
+         {without(dell(5)), without(lg)}, {lgChannel, service(dellUUID)}, {{0, 1}, {1, 0}}},
+        {"identical MST monitors in order", {without(dell(5)), without(dell(7))},
+         {service(dellUUID), service(dellUUID)}, {{0, 0}, {1, 1}}},
+        {"a display with its own channel is no candidate for an unowned one",
+         {with(dell(5)), without(lg), without(dell(7))}, {service(dellUUID)}, {{0, own}, {2, 0}}},
+        {"nothing left over: unowned channels go unused", {with(lg)}, {lgChannel}, {{0, own}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(DisplayPairing::assignChannels(c.displays, c.channels), c.expected);
+    }
+}

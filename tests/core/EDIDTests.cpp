@@ -94,3 +94,82 @@ TEST(EDID, ShortOrHeaderlessBlobsGiveNothingAndAllOnesGiveTheirBytes)
     EXPECT_EQ(EDID::parse(ones),
               (EDIDIdentity{0xFFFF, 0xFFFF, 0xFFFFFFFF, "", "FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF"}));
 }
+
+namespace {
+
+// A base block with a right checksum.
+Bytes checked(Bytes b)
+{
+    unsigned sum = 0;
+    for (std::size_t i = 0; i < 127; ++i)
+        sum += b[i];
+    b[127] = static_cast<std::uint8_t>((256 - sum % 256) % 256);
+    return b;
+}
+
+// What two reads of 128 bytes return from a 256-byte EEPROM whose address stood at `at`.
+Bytes readFrom(const Bytes& eeprom, std::size_t at)
+{
+    Bytes out;
+    for (std::size_t i = 0; i < 256; ++i)
+        out.push_back(eeprom[(at + i) % eeprom.size()]);
+    return out;
+}
+
+}  // namespace
+
+TEST(EDID, TheBaseBlockIsFoundInWhateverRotationTheEEPROMAnswers)
+{
+    const Bytes base = checked(block({{108, 0xFC, "DELL U2720Q\n"}}));
+    Bytes erased = base;  // a 256-byte EEPROM holding one block, the rest erased
+    erased.insert(erased.end(), 128, 0xFF);
+    Bytes extended = base;  // a block and a CTA extension
+    Bytes cta = checked(Bytes(128, 0x00));
+    cta[0] = 0x02;
+    cta[1] = 0x03;
+    extended.insert(extended.end(), cta.begin(), cta.end());
+    Bytes fakeHeader = erased;  // the erased half holds a header whose block does not add up
+    std::copy(base.begin(), base.begin() + 8, fakeHeader.begin() + 140);
+    fakeHeader[150] = 0x42;
+
+    const struct {
+        const char* what;
+        Bytes eeprom;
+    } eeproms[] = {
+        {"256 bytes, second half erased", erased},
+        {"128 bytes, read round twice", base},
+        {"base block and extension", extended},
+        {"a header with a bad block before the real one", fakeHeader},
+    };
+    for (const auto& e : eeproms) {
+        for (std::size_t at : {0u, 1u, 3u, 56u, 127u, 128u, 141u, 200u, 255u}) {
+            SCOPED_TRACE(std::string(e.what) + ", address at " + std::to_string(at));
+            const auto found = EDID::baseBlockInRotation(readFrom(e.eeprom, at));
+            ASSERT_TRUE(found.has_value());
+            EXPECT_EQ(Bytes(found->begin(), found->end()), base);
+        }
+    }
+}
+
+TEST(EDID, NoBaseBlockInJunkABadChecksumOrTooFewBytes)
+{
+    const Bytes base = checked(block({}));
+    Bytes badSum = base;
+    badSum[127] ^= 0x01;
+    badSum.insert(badSum.end(), 128, 0xFF);
+    Bytes headerOnly(256, 0xFF);
+    std::copy(base.begin(), base.begin() + 8, headerOnly.begin() + 30);
+    const struct {
+        const char* what;
+        Bytes bytes;
+    } cases[] = {
+        {"bad checksum", readFrom(badSum, 77)},
+        {"a header and erased bytes", headerOnly},
+        {"all zeros", Bytes(256, 0x00)},
+        {"all ones", Bytes(256, 0xFF)},
+        {"127 bytes of a good block", Bytes(base.begin(), base.begin() + 127)},
+        {"nothing", {}},
+    };
+    for (const auto& c : cases)
+        EXPECT_FALSE(EDID::baseBlockInRotation(c.bytes).has_value()) << c.what;
+}

@@ -30,3 +30,32 @@ TEST(ProbeReport, SetValueIsASignedDecimalWithinSixtyFourBits)
         EXPECT_EQ(ProbeReport::parseSetValue(text), percent) << '"' << text << '"';
     EXPECT_EQ(ProbeReport::parseSetValue(nullptr), std::nullopt);
 }
+
+TEST(ProbeReport, NotesSayWhyEachMissingMonitorIsMissing)
+{
+    const std::string noChannel = "; see \"Monitors that are not listed\" in Lumora's README.";
+    const std::string readme = "; see \"Device access\" in Lumora's README.";
+    const std::string noModule = "Note: i2c-dev is not loaded, so no external monitor can be reached; load it with "
+                                 "\"sudo modprobe i2c-dev\" (see \"Device access\" in Lumora's README).";
+    using Missing = std::vector<ProbeReport::MissingMonitor>;
+    const struct {
+        const char* what;
+        bool i2cDev;
+        Missing missing;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {"nothing missing", true, {}, {}},
+        {"nothing missing, no module: nothing to explain", false, {}, {}},
+        {"no module says it once, for everyone", false, {{"card0-DP-1", {}}, {"card0-DP-2", {"/dev/i2c-6"}}}, {noModule}},
+        {"no channel", true, {{"card0-DP-3", {}}},
+         {"Note: no DDC channel found for card0-DP-3 (connected)" + noChannel}},
+        {"denied nodes, each once, in order, then the monitor without a channel", true,
+         {{"card0-DP-3", {"/dev/i2c-7", "/dev/i2c-8"}}, {"card0-DP-4", {"/dev/i2c-8"}}, {"card1-HDMI-A-1", {}}},
+         {"Note: no permission to open /dev/i2c-7" + readme, "Note: no permission to open /dev/i2c-8" + readme,
+          "Note: no DDC channel found for card1-HDMI-A-1 (connected)" + noChannel}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(ProbeReport::notes(c.i2cDev, c.missing), c.lines);
+    }
+}

@@ -1,5 +1,6 @@
 #include "Lumora/App/Probe.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -9,6 +10,7 @@
 #include "Lumora/DDC/DisplayEnumerator.h"
 #include "Lumora/DDC/DisplayServices.h"
 #include "Lumora/DDC/IOAVService.h"
+#include "Lumora/Platform/Linux/DisplayAdapters.h"
 #include "Lumora/Platform/Linux/DrmConnectors.h"
 #include "Lumora/Platform/Linux/I2CDevice.h"
 #include "LumoraCore/ProbeReport.h"
@@ -22,20 +24,46 @@ void printLine(const std::string& line)
     std::fputc('\n', stdout);
 }
 
-// The DDC channels of connected monitors that exist but that this user may not open: the most common reason
-// a monitor is missing from the list on a real desk.
-std::vector<std::string> deniedDisplayBuses()
+// Whether this user may not open a display adapter's node. Opened (and closed at once) only to find that out;
+// nothing is sent.
+bool denied(const std::string& node)
 {
-    std::vector<std::string> denied;
-    if (!IOAVService::isAvailable())
-        return denied;
-    for (const Platform::DrmConnector& connector : Platform::DrmConnectors::list()) {
-        if (!connector.connected || !connector.ddcDevicePath)
+    return Platform::I2CDevice::open(node) == nullptr && (errno == EACCES || errno == EPERM);
+}
+
+// The active external monitors that `displays` leaves out, each with the nodes of the channels it could have
+// been reached through that this user may not open: its connector's own, or, without one, those of the display
+// adapters no connector owns.
+std::vector<ProbeReport::MissingMonitor> missingMonitors(const std::vector<DisplayInfo>& displays)
+{
+    std::vector<ProbeReport::MissingMonitor> missing;
+    const std::vector<Platform::DrmConnector> connectors = Platform::DrmConnectors::list();
+    std::optional<std::vector<std::string>> deniedUnowned;
+    for (const Platform::DrmConnector& connector : connectors) {
+        if (!connector.active() || connector.builtIn)
             continue;
-        if (Platform::I2CDevice::open(*connector.ddcDevicePath) == nullptr && (errno == EACCES || errno == EPERM))
-            denied.push_back(*connector.ddcDevicePath);
+        if (std::any_of(displays.begin(), displays.end(),
+                        [&](const DisplayInfo& d) { return d.id == connector.displayID; }))
+            continue;
+        ProbeReport::MissingMonitor monitor{connector.name, {}};
+        if (IOAVService::isAvailable()) {
+            if (connector.ddcDevicePath) {
+                if (denied(*connector.ddcDevicePath))
+                    monitor.deniedNodes.push_back(*connector.ddcDevicePath);
+            } else {
+                if (!deniedUnowned) {
+                    deniedUnowned.emplace();
+                    for (const Platform::DisplayAdapter& adapter : Platform::DisplayAdapters::unowned(connectors)) {
+                        if (denied(adapter.devicePath))
+                            deniedUnowned->push_back(adapter.devicePath);
+                    }
+                }
+                monitor.deniedNodes = *deniedUnowned;
+            }
+        }
+        missing.push_back(std::move(monitor));
     }
-    return denied;
+    return missing;
 }
 
 }  // namespace
@@ -61,8 +89,9 @@ void Probe::run()
         }
     }
 
-    for (const std::string& node : deniedDisplayBuses())
-        printLine("Note: no permission to open " + node + "; see \"Device access\" in Lumora's README.");
+    // One line per reason a connected monitor is missing from the report.
+    for (const std::string& line : ProbeReport::notes(IOAVService::isAvailable(), missingMonitors(displays)))
+        printLine(line);
     std::fflush(stdout);
 }
 

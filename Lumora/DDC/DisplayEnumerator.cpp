@@ -1,13 +1,14 @@
 #include "Lumora/DDC/DisplayEnumerator.h"
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include "Lumora/DDC/DDCBackend.h"
 #include "Lumora/DDC/IOAVService.h"
 #include "Lumora/DDC/InternalBackend.h"
+#include "Lumora/Platform/Linux/DisplayAdapters.h"
 #include "Lumora/Platform/Linux/DrmConnectors.h"
+#include "Lumora/Platform/Linux/EdidEeprom.h"
 #include "LumoraCore/DisplayPairing.h"
 #include "LumoraCore/EDID.h"
 
@@ -16,59 +17,29 @@ namespace {
 
 using Platform::DrmConnector;
 
-// One entry of the hardware walk, in walk order: a framebuffer carries a display's identity; a service proxy is
-// the way to one display's I2C channel and takes the identity of the framebuffer met just before it.
-struct RegistryEntry {
-    enum class Kind { framebuffer, serviceProxy };
-    Kind kind;
-    ServiceIdentity identity;   // framebuffer
-    std::string location;       // service proxy: "External" for an external display's
-    std::string devicePath;     // service proxy: the i2c-dev node
-};
-
-// One external I2C service with the identity attached to it.
+// One I2C service with the identity attached to it.
 struct RegService {
     ServiceIdentity identity;
     IOAVServiceRef service;
 };
 
-// The Linux walk: per connector, in order, the framebuffer entry of every connected connector (its identity from
-// the EDID), then, for a connected external connector with a DDC adapter, its service proxy.
-std::vector<RegistryEntry> registryEntries(const std::vector<DrmConnector>& connectors)
+ServiceIdentity identityOf(const EDIDIdentity& edid)
 {
-    std::vector<RegistryEntry> entries;
-    for (const DrmConnector& connector : connectors) {
-        if (!connector.connected)
-            continue;
-        EDIDIdentity edid = EDID::parse(connector.edid);
-        entries.push_back({RegistryEntry::Kind::framebuffer,
-                           {edid.identityUUID, edid.productName, static_cast<std::int64_t>(edid.serial)},
-                           {},
-                           {}});
-        if (!connector.builtIn && connector.ddcDevicePath)
-            entries.push_back({RegistryEntry::Kind::serviceProxy, {}, "External", *connector.ddcDevicePath});
-    }
-    return entries;
+    return {edid.identityUUID, edid.productName, static_cast<std::int64_t>(edid.serial)};
 }
 
-std::vector<RegService> collectExternalServices(const std::vector<RegistryEntry>& entries)
+// The channels no connector owns, each with the identity of the monitor that answers on it, in walk order (by
+// card, then adapter number). A channel whose EDID cannot be read without writing has no monitor behind it and
+// is no candidate; neither is one whose service cannot be created.
+std::vector<RegService> collectUnownedServices(const std::vector<DrmConnector>& connectors, IOAVService::CreateFn create)
 {
     std::vector<RegService> result;
-    std::optional<ServiceIdentity> pending;  // absent: the empty identity
-    IOAVService::CreateFn create = IOAVService::createFn();
-    for (const RegistryEntry& entry : entries) {
-        if (entry.kind == RegistryEntry::Kind::framebuffer) {
-            // An identity that no proxy took is replaced.
-            pending = entry.identity;
+    for (const Platform::DisplayAdapter& adapter : Platform::DisplayAdapters::unowned(connectors)) {
+        std::optional<std::array<std::uint8_t, 128>> edid = Platform::EdidEeprom::readBaseBlock(adapter.devicePath);
+        if (!edid)
             continue;
-        }
-        // Internal proxies never consume an identity.
-        if (entry.location != "External")
-            continue;
-        IOAVServiceRef service = create ? create(entry.devicePath.c_str()) : nullptr;
-        if (service)
-            result.push_back({pending.value_or(ServiceIdentity{}), std::move(service)});
-        pending.reset();
+        if (IOAVServiceRef service = create(adapter.devicePath.c_str()))
+            result.push_back({identityOf(EDID::parse(*edid)), std::move(service)});
     }
     return result;
 }
@@ -79,24 +50,43 @@ DisplayInfo info(std::uint32_t id, const RegService& service)
             std::make_shared<DDCBackend>(service.service)};
 }
 
+// Each external display on its connector's own channel; the displays without one paired by identity with the
+// channels no connector owns, which are searched only when such a display exists. In the order of `externals`.
 std::vector<DisplayInfo> matchExternals(const std::vector<const DrmConnector*>& externals,
                                         const std::vector<DrmConnector>& connectors)
 {
-    // The walk runs on every call, even with no external display online.
-    std::vector<RegService> services = collectExternalServices(registryEntries(connectors));
+    IOAVService::CreateFn create = IOAVService::createFn();
+    if (!create)
+        return {};
 
-    std::vector<ExternalDisplayIdentity> displays;
+    std::vector<ExternalDisplay> displays;
+    std::vector<EDIDIdentity> edids;
+    bool anyWithoutChannel = false;
     for (const DrmConnector* connector : externals) {
         EDIDIdentity edid = EDID::parse(connector->edid);
-        displays.push_back({connector->displayID, edid.vendor, edid.model, edid.serial});
+        displays.push_back({{connector->displayID, edid.vendor, edid.model, edid.serial},
+                            connector->ddcDevicePath.has_value()});
+        edids.push_back(std::move(edid));
+        anyWithoutChannel = anyWithoutChannel || !connector->ddcDevicePath;
     }
+    std::vector<RegService> unowned;
+    if (anyWithoutChannel)
+        unowned = collectUnownedServices(connectors, create);
     std::vector<ServiceIdentity> identities;
-    for (const RegService& service : services)
+    for (const RegService& service : unowned)
         identities.push_back(service.identity);
 
     std::vector<DisplayInfo> result;
-    for (const DisplayPairing::Pair& pair : DisplayPairing::pair(displays, identities))
-        result.push_back(info(displays[pair.display].id, services[pair.service]));
+    for (const DisplayPairing::ChannelChoice& choice : DisplayPairing::assignChannels(displays, identities)) {
+        const std::uint32_t id = displays[choice.display].identity.id;
+        if (choice.unownedChannel) {
+            result.push_back(info(id, unowned[*choice.unownedChannel]));
+            continue;
+        }
+        // A connector's own channel that cannot be opened leaves its display out.
+        if (IOAVServiceRef service = create(externals[choice.display]->ddcDevicePath->c_str()))
+            result.push_back(info(id, {identityOf(edids[choice.display]), std::move(service)}));
+    }
     return result;
 }
 

@@ -1,7 +1,7 @@
 #include "Lumora/DDC/IOAVService.h"
 
+#include <atomic>
 #include <cerrno>
-#include <mutex>
 #include <vector>
 
 #include "Lumora/Platform/Linux/I2CDevice.h"
@@ -50,17 +50,21 @@ struct Binding {
     IOAVService::ReadFn read = nullptr;
 };
 
+constexpr Binding bound{&createService, &writeI2C, &readI2C};
+constexpr Binding absent{};
+
+// Once i2c-dev has been seen the entry points stay bound for the run. An absent answer is not kept: each lookup
+// looks again (one stat of /sys/class/i2c-dev), so a module loaded after start is found at the next refresh.
+// The flag only ever goes from false to true, so lookups racing on several threads at most look twice.
+std::atomic<bool> present{false};
+
 const Binding& binding()
 {
-    static std::once_flag once;
-    static Binding bound;
-    std::call_once(once, [] {
-        if (!Platform::I2CDevice::interfaceAvailable())
-            return;
-        bound.create = &createService;
-        bound.write = &writeI2C;
-        bound.read = &readI2C;
-    });
+    if (present.load(std::memory_order_acquire))
+        return bound;
+    if (!Platform::I2CDevice::interfaceAvailable())
+        return absent;
+    present.store(true, std::memory_order_release);
     return bound;
 }
 

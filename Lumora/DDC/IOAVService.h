@@ -3,7 +3,9 @@
 //
 // On Linux they stand on the kernel's i2c-dev interface: creating a service opens the monitor's /dev/i2c-N, a
 // write is one I2C_RDWR write message and a read one I2C_RDWR read message. The entry points are present exactly
-// when the kernel offers i2c-dev (/sys/class/i2c-dev exists) at first use; that answer is kept for the run.
+// when the kernel offers i2c-dev (/sys/class/i2c-dev exists). Once present they stay bound for the run; while
+// absent, every lookup checks again, so the tray application finds a module loaded after it started at its next
+// refresh. The write entry point writes to the DDC/CI address 0x37 only and refuses every other.
 
 #include <cstdint>
 #include <memory>
@@ -25,7 +27,7 @@ struct IOAVService {
     using ReadFn = std::int32_t (*)(const IOAVServiceRef& service, std::uint32_t chipAddress, std::uint32_t offset,
                                     std::uint8_t* buffer, std::uint32_t length);
 
-    // Each null when absent. Resolved once, on first use, safely under concurrent first use.
+    // Each null when absent. Safe to call from several threads at once.
     static CreateFn createFn();
     static WriteFn writeFn();
     static ReadFn readFn();

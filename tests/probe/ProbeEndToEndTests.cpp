@@ -210,10 +210,12 @@ TEST_F(ProbeOnDesk, PrintsWhatEachDeskHolds)
          "\u2022 [5] Display 5 (external/DDC) brightness=50%\n"
          "\u2022 [65543] Display 65543 (external/DDC) brightness=50%\n"
          "\u2022 [6] Built-in Display (internal) brightness=50%\n"},
-        {"without the kernel's i2c-dev only the panel is listed", withoutI2CDev, "10",
+        {"without the kernel's i2c-dev only the panel is listed, and a note says why", withoutI2CDev, "10",
          "Displays: 1  (IOAVService: false, DisplayServices: true)\n"
          "\u2022 [110] Built-in Display (internal) brightness=73%\n"
-         "    set 10%\n"},
+         "    set 10%\n"
+         "Note: i2c-dev is not loaded, so no external monitor can be reached; load it with \"sudo modprobe i2c-dev\" "
+         "(see \"Device access\" in Lumora's README).\n"},
         {"a panel without backlight is listed and written, but reads n/a",
          R"({"cards": [{"connectors": [
             {"name": "eDP-1", "connectorId": 40, "edid": {"vendor": "BOE", "model": 2}, "ddc": {"bus": 4}}]}]})",

@@ -135,18 +135,30 @@ bool isBuiltinConnectorName(std::string_view name) {
     return connector.starts_with("eDP") || connector.starts_with("LVDS") || connector.starts_with("DSI");
 }
 
-// The resolved directories of the built-in connectors.
-std::vector<std::string> builtinConnectorDirs() {
-    std::vector<std::string> dirs;
+struct BuiltinConnector {
+    std::string dir;  // resolved
+    bool active;      // status "connected" and enabled "enabled": the panel in use
+};
+
+std::string attributeText(const std::string& path) {
+    auto text = readAttribute(path);
+    return text ? std::string(trimmed(*text)) : std::string();
+}
+
+std::vector<BuiltinConnector> builtinConnectors() {
+    std::vector<BuiltinConnector> connectors;
     for (const std::string& name : directoryEntries(kDrmClass)) {
         if (!isBuiltinConnectorName(name)) {
             continue;
         }
-        if (auto dir = resolved(std::string(kDrmClass) + "/" + name)) {
-            dirs.push_back(*dir);
+        const std::string path = std::string(kDrmClass) + "/" + name;
+        if (auto dir = resolved(path)) {
+            const bool active =
+                attributeText(path + "/status") == "connected" && attributeText(path + "/enabled") == "enabled";
+            connectors.push_back({*dir, active});
         }
     }
-    return dirs;
+    return connectors;
 }
 
 bool liesUnder(const std::string& path, const std::string& dir) {
@@ -212,15 +224,17 @@ std::optional<BacklightDevice> findBacklight() {
         return BacklightDevice{name, std::string(kBacklightClass) + "/" + name};
     };
 
-    const std::vector<std::string> connectors = builtinConnectorDirs();
-    if (!connectors.empty()) {
+    // A hybrid laptop has a built-in connector on each GPU, and only one drives the panel: the backlight under
+    // the connected and enabled one first, then one under any built-in connector.
+    const std::vector<BuiltinConnector> connectors = builtinConnectors();
+    for (bool inUseOnly : {true, false}) {
         for (const std::string& name : names) {
             auto real = resolved(std::string(kBacklightClass) + "/" + name);
             if (!real) {
                 continue;
             }
-            for (const std::string& connector : connectors) {
-                if (liesUnder(*real, connector)) {
+            for (const BuiltinConnector& connector : connectors) {
+                if ((connector.active || !inUseOnly) && liesUnder(*real, connector.dir)) {
                     return deviceNamed(name);
                 }
             }

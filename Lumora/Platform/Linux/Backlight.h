@@ -1,9 +1,10 @@
 #pragma once
 // The built-in panel's backlight class device (/sys/class/backlight/<name>).
 //
-// Finding the device: the backlight that lives below a built-in DRM connector (/sys/class/drm/cardN-eDP-*,
-// -LVDS-*, -DSI-*) is the panel's own; without one, the best by `type`: firmware, then platform, then raw, then
-// anything else, ties broken by name order. Discovery walks sysfs each time it is called; callers that want one
+// Finding the device: the backlight that lives below the built-in DRM connector (/sys/class/drm/cardN-eDP-*,
+// -LVDS-*, -DSI-*) that is connected and enabled is the panel's own (a hybrid laptop has one such connector per
+// GPU, and only one drives the panel); then one below any built-in connector; without one, the best by `type`:
+// firmware, then platform, then raw, then anything else, ties broken by name order. Discovery walks sysfs each time it is called; callers that want one
 // answer for the run (DisplayServices) keep the first one.
 //
 // Reading: `brightness` and `max_brightness`, decimal. A missing, unparsable or zero maximum fails the read.

@@ -85,30 +85,41 @@ std::optional<std::string> adapterNode(const std::string& adapterName)
     return "/dev/" + adapterName;
 }
 
-std::optional<std::string> ddcDevicePath(const fs::path& connectorDir)
+struct ConnectorAdapters {
+    std::vector<std::string> owned;      // the `ddc` link's adapter, then the i2c-N children in number order
+    std::optional<std::string> channel;  // the connector's own DDC channel
+};
+
+// HDMI, DVI, VGA: the `ddc` link names the adapter that carries the display's DDC lines; a link that names no
+// adapter leaves the connector without a channel. DisplayPort: the AUX channel's adapter is a child of the
+// connector.
+ConnectorAdapters connectorAdapters(const fs::path& connectorDir)
 {
+    ConnectorAdapters adapters;
     std::error_code error;
-    // HDMI, DVI and VGA: the `ddc` link names the adapter that carries the display's DDC lines.
+    bool linked = false;
     fs::path link = fs::read_symlink(connectorDir / "ddc", error);
     if (!error) {
+        linked = true;
         fs::path target = link.is_absolute() ? link : (connectorDir / link);
-        if (std::optional<std::string> node = adapterNode(target.lexically_normal().filename().string())) {
-            if (fs::exists(target, error))
-                return node;
+        std::string name = target.lexically_normal().filename().string();
+        if (adapterNode(name) && fs::exists(target, error)) {
+            adapters.owned.push_back(name);
+            adapters.channel = name;
         }
-        return std::nullopt;
     }
-    // DisplayPort: the AUX channel's adapter is a child of the connector.
-    std::vector<std::string> children;
+    std::vector<std::pair<unsigned, std::string>> children;
     for (fs::directory_iterator it(connectorDir, error), end; !error && it != end; it.increment(error)) {
         std::string child = it->path().filename().string();
         if (adapterNode(child))
-            children.push_back(child);
+            children.emplace_back(*parseNumber<unsigned>(std::string_view(child).substr(4)), child);
     }
     std::sort(children.begin(), children.end());
-    if (children.empty())
-        return std::nullopt;
-    return adapterNode(children.front());
+    if (!linked && !children.empty())
+        adapters.channel = children.front().second;
+    for (auto& [number, child] : children)
+        adapters.owned.push_back(std::move(child));
+    return adapters;
 }
 
 // Kernels before connector_id was exported: a number from the card and the connector name, stable across runs.
@@ -156,8 +167,12 @@ std::vector<DrmConnector> DrmConnectors::list()
         std::optional<std::uint32_t> id = parseNumber<std::uint32_t>(readText(dir / "connector_id"));
         std::uint32_t perCard = (id && *id > 0 && *id <= 0xFFFF) ? *id : derivedConnectorID(connector.connectorName);
         connector.displayID = (static_cast<std::uint32_t>(connector.card) << 16) | perCard;
-        if (!connector.builtIn)
-            connector.ddcDevicePath = ddcDevicePath(dir);
+        ConnectorAdapters adapters = connectorAdapters(dir);
+        connector.ownedAdapters = std::move(adapters.owned);
+        if (adapters.channel) {
+            connector.ddcAdapter = adapters.channel;
+            connector.ddcDevicePath = adapterNode(*adapters.channel);
+        }
         connectors.push_back(std::move(connector));
     }
     std::sort(connectors.begin(), connectors.end(), [](const DrmConnector& a, const DrmConnector& b) {

@@ -1,6 +1,6 @@
 #pragma once
 // The DRM connectors of every card, read from sysfs: the Linux counterpart of the online display list, of
-// "is built in", of the identity numbers and of the way to each external monitor's DDC channel.
+// "is built in", of the identity numbers and of the way to each monitor's own DDC channel.
 
 #include <cstdint>
 #include <optional>
@@ -19,8 +19,12 @@ struct DrmConnector {
     bool enabled = false;       // enabled "enabled"
     bool builtIn = false;       // eDP, LVDS or DSI
     std::vector<std::uint8_t> edid;  // empty when the connector has none
-    // The i2c-dev node of the connector's DDC adapter: its `ddc` link, else its DisplayPort AUX child adapter.
+    // The connector's own DDC channel: the adapter its `ddc` link names, else its DisplayPort AUX child adapter
+    // ("i2c-5"), and that adapter's i2c-dev node ("/dev/i2c-5", which exists only while i2c-dev is loaded).
+    std::optional<std::string> ddcAdapter;
     std::optional<std::string> ddcDevicePath;
+    // Every adapter the connector owns: its `ddc` link's and its i2c-N children. No other display uses them.
+    std::vector<std::string> ownedAdapters;
 
     bool active() const { return connected && enabled; }
 };
@@ -28,7 +32,7 @@ struct DrmConnector {
 namespace DrmConnectors {
 
 // Every connector of every card, ordered by card, then by connector name. Unreadable attributes read as
-// absent: "disconnected", "disabled", no EDID, no DDC adapter.
+// absent: "disconnected", "disabled", no EDID, no DDC adapter. Nothing is opened but sysfs attributes.
 std::vector<DrmConnector> list();
 
 // Whether a connector name (without the card prefix) is a built-in panel's: eDP, LVDS or DSI.

@@ -173,3 +173,93 @@ TEST(DeskTest, UnplugIsSeenByALibudevMonitor)
 }
 
 } // namespace
+
+namespace {
+
+// card0 with an MST port (DP-3 on "DPMST" i2c-7 under the PCI device, its EEPROM's address left at 200 by the
+// last reader) and an amdgpu-like SMU bus under the same PCI device; the SMBus adapter under its own controller.
+DeskConfig mstDesk()
+{
+    return DeskConfig::fromJson(R"({"cards": [{"connectors": [
+        {"name": "DP-1", "status": "disconnected", "ddc": {"bus": 5}},
+        {"name": "DP-3", "edid": {"vendor": "DEL", "model": 41156, "name": "DELL P2419H"},
+         "ddc": {"bus": 7, "via": "pci", "eepromAddress": 200}, "monitor": {}}]}],
+      "otherBuses": [{"bus": 9, "name": "AMDGPU SMU 0", "card": 0}, {"bus": 0, "name": "SMBus I801 adapter at efa0"}]})");
+}
+
+} // namespace
+
+TEST(DeskTest, AdaptersThatNothingLinksSitUnderTheCardsPCIDevice)
+{
+    Desk desk(mstDesk(), kQuiet);
+    const std::string pci = "/sys/devices/pci0000:00/0000:00:02.0";
+    EXPECT_EQ(fs::canonical("/sys/class/drm/card0/device"), pci);
+    EXPECT_FALSE(fs::exists("/sys/class/drm/card0-DP-3/ddc"));
+    EXPECT_FALSE(fs::exists("/sys/class/drm/card0-DP-3/i2c-7"));
+    EXPECT_EQ(readText(pci + "/i2c-7/name"), "DPMST\n");
+    EXPECT_EQ(readText(pci + "/i2c-9/name"), "AMDGPU SMU 0\n");
+    EXPECT_TRUE(fs::is_directory(pci + "/i2c-7/i2c-dev/i2c-7"));
+    EXPECT_EQ(fs::canonical("/sys/class/i2c-dev/i2c-0"), "/sys/devices/pci0000:00/0000:00:1f.4/i2c-0/i2c-dev/i2c-0");
+    EXPECT_TRUE(fs::exists("/dev/i2c-9"));
+}
+
+TEST(DeskTest, TheEDIDEEPROMAnswersFromWhereTheLastReadStoppedAndAnMSTPortRefusesLongMessages)
+{
+    Desk desk(mstDesk(), kQuiet);
+    Bytes eeprom = VirtualDesk::EdidConfig{"DEL", 41156, 0, "DELL P2419H", std::nullopt}.bytes();
+    eeprom.insert(eeprom.end(), 128, 0xFF);  // a 256-byte EEPROM holding one block
+    auto from = [&](size_t at, size_t n) {
+        Bytes out;
+        for (size_t i = 0; i < n; ++i)
+            out.push_back(eeprom[(at + i) % 256]);
+        return out;
+    };
+    I2c fd(7);
+    EXPECT_EQ(fd.read(128, 0x50), from(200, 128));
+    EXPECT_EQ(fd.read(100, 0x50), from(72, 100)) << "on from where the last read stopped, wrapping at 256";
+    EXPECT_EQ(I2c(7).read(56, 0x50), from(172, 56)) << "the address belongs to the EEPROM, not to a descriptor";
+    EXPECT_EQ(fd.read(255, 0x50).size(), 255u);
+    Bytes tooLong(256);
+    EXPECT_EQ(fd.transfer(0x50, tooLong, true), EIO) << "an MST port carries at most 255 bytes a message";
+    EXPECT_EQ(desk.transactions().back().outcome, "EIO");
+    EXPECT_EQ(I2c(5).read(256, 0x50).size(), 0u) << "a disconnected port's EEPROM does not answer";
+    EXPECT_THAT(desk.violations(), testing::IsEmpty());
+
+    fd.write({0x10}, 0x50);  // an offset write moves the address, and is a violation all the same
+    EXPECT_EQ(fd.read(16, 0x50), from(0x10, 16));
+    EXPECT_THAT(desk.violations(), testing::ElementsAre(HasSubstr("wrote to address 0x50")));
+}
+
+TEST(DeskTest, OpensAreCountedPerBusAndI2cDevCanBeLoadedLater)
+{
+    auto config = mstDesk();
+    config.i2cDev = false;
+    Desk desk(config, kQuiet);
+    EXPECT_FALSE(fs::exists("/sys/class/i2c-dev"));
+    EXPECT_FALSE(fs::exists("/dev/i2c-7"));
+    udev* u = udev_new();
+    udev_monitor* mon = udev_monitor_new_from_netlink(u, "udev");
+    udev_monitor_filter_add_match_subsystem_devtype(mon, "i2c-dev", nullptr);
+    ASSERT_EQ(udev_monitor_enable_receiving(mon), 0);
+
+    desk.loadI2cDev();
+    EXPECT_TRUE(fs::is_directory("/sys/class/i2c-dev"));
+    EXPECT_EQ(readText("/sys/class/i2c-dev/i2c-7/name"), "DPMST\n");
+    pollfd p{udev_monitor_get_fd(mon), POLLIN, 0};
+    ASSERT_EQ(::poll(&p, 1, 5000), 1);
+    udev_device* dev = udev_monitor_receive_device(mon);
+    ASSERT_NE(dev, nullptr);
+    EXPECT_STREQ(udev_device_get_action(dev), "add");
+    udev_device_unref(dev);
+    udev_monitor_unref(mon);
+    udev_unref(u);
+
+    {
+        I2c a(7), b(7);
+        EXPECT_EQ(a.write(kGet), 0) << "the monitor answers on the node that appeared";
+        EXPECT_EQ(b.read(128, 0x50).size(), 128u);
+    }
+    I2c c(9);
+    EXPECT_TRUE(desk.waitFor([&] { return desk.opens(7) == 2 && desk.opens(9) == 1; }, 5s));
+    EXPECT_EQ(desk.opens(0), 0);
+}

@@ -112,6 +112,16 @@ std::string Desk::control(std::string_view line)
             }
             return "ok " + std::to_string(backlightBrightness(words[1]));
         }
+        if (cmd == "modprobe") {
+            if (words.size() != 2 || words[1] != "i2c-dev")
+                throw std::invalid_argument("usage: modprobe i2c-dev");
+            loadI2cDev();
+            return "ok";
+        }
+        if (cmd == "opens") {
+            need(2, 2);
+            return "ok " + std::to_string(opens(static_cast<int>(number(words[1]))));
+        }
         if (cmd == "violations") {
             need(1, 1);
             return "ok " + std::to_string(violations().size());

@@ -451,6 +451,42 @@ void Desk::setBacklightBrightness(std::string_view name, int value)
     impl->notifyLocked();
 }
 
+void Desk::loadI2cDev()
+{
+    std::string records;
+    std::vector<Bus*> nodes;
+    {
+        std::lock_guard lk(impl->mu);
+        if (impl->config.i2cDev)
+            return;
+        impl->config.i2cDev = true;
+        for (auto& [number, bus] : impl->buses) {
+            records += impl->i2cDevRecord(bus->adapterPath, number, bus->name);
+            nodes.push_back(bus.get());
+        }
+        impl->notifyLocked();
+    }
+    std::lock_guard tk(impl->testbedMu);
+    GError* error = nullptr;
+    // umockdev sends the "add" uevents of the new devices itself.
+    if (!records.empty() && !umockdev_testbed_add_from_string(impl->testbed, records.c_str(), &error)) {
+        std::string msg = error ? error->message : "unknown error";
+        g_clear_error(&error);
+        throw std::runtime_error("virtual desk: umockdev rejected the i2c-dev nodes: " + msg);
+    }
+    for (Bus* bus : nodes)
+        impl->attach(*bus);
+}
+
+int Desk::opens(int bus) const
+{
+    std::lock_guard lk(impl->mu);
+    auto it = impl->buses.find(bus);
+    if (it == impl->buses.end())
+        throw std::invalid_argument("virtual desk: no bus " + std::to_string(bus));
+    return it->second->opens;
+}
+
 int Desk::busNumber(std::string_view connector) const
 {
     std::lock_guard lk(impl->mu);

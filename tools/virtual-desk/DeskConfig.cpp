@@ -358,9 +358,12 @@ DeskConfig DeskConfig::fromJson(std::string_view text)
                                 ddc.via = DdcVia::Aux;
                             else if (via == "link")
                                 ddc.via = DdcVia::Link;
+                            else if (via == "pci")
+                                ddc.via = DdcVia::Pci;
                             else
-                                fail(dd.sub("via"), "expected \"link\" or \"aux\"");
+                                fail(dd.sub("via"), "expected \"link\", \"aux\" or \"pci\"");
                             ddc.name = dd.string("name", "");
+                            ddc.eepromAddress = static_cast<uint8_t>(dd.integer("eepromAddress", 0, 0, 255));
                             conn.ddc = ddc;
                         } else {
                             k.touch("ddc");
@@ -404,6 +407,8 @@ DeskConfig DeskConfig::fromJson(std::string_view text)
                 if (bus.bus < 0)
                     fail(b.sub("bus"), "required");
                 bus.name = b.string("name", bus.name);
+                if (b.has("card"))
+                    bus.card = static_cast<int>(b.integer("card", 0, 0, 63));
                 d.otherBuses.push_back(bus);
             }
         }
@@ -461,8 +466,11 @@ void DeskConfig::validate() const
                 fail(kpath + ".monitor.current", "above max; set faults.currentAboveMax to allow it");
         }
     }
-    for (size_t i = 0; i < otherBuses.size(); ++i)
+    for (size_t i = 0; i < otherBuses.size(); ++i) {
         useBus(otherBuses[i].bus, "otherBuses[" + std::to_string(i) + "].bus");
+        if (otherBuses[i].card && !cardIndexes.count(*otherBuses[i].card))
+            fail("otherBuses[" + std::to_string(i) + "].card", "no card" + std::to_string(*otherBuses[i].card));
+    }
     for (size_t i = 0; i < backlights.size(); ++i) {
         const auto& b = backlights[i];
         const std::string bpath = "backlights[" + std::to_string(i) + "]";
@@ -527,7 +535,7 @@ DeskConfig DeskConfig::defaultDesk()
     bl.connector = "card0-eDP-1";
     d.backlights.push_back(bl);
 
-    d.otherBuses.push_back(BusConfig{0, "SMBus I801 adapter at efa0"});
+    d.otherBuses.push_back(BusConfig{0, "SMBus I801 adapter at efa0", std::nullopt});
     return d;
 }
 

@@ -7,6 +7,7 @@
 // the wire, the monitor's answer) completes on the desk's own GLib thread through timed sources, so that no
 // handler ever sleeps and no device waits for another. Run-time control calls come from any thread. One mutex
 // guards all desk state; it is never held while calling into umockdev's client side.
+#include "tools/virtual-desk/EmulatedEdid.h"
 #include "tools/virtual-desk/EmulatedMonitor.h"
 #include "tools/virtual-desk/TransactionLog.h"
 #include "tools/virtual-desk/VirtualDesk.h"
@@ -90,6 +91,7 @@ struct Connector {
     std::optional<EmulatedMonitor> monitor;
     std::vector<std::unique_ptr<Transfer>> held; // Set VCP transfers waiting while the monitor is held
     std::vector<uint8_t> edid;
+    EmulatedEdid eeprom;     // the EDID EEPROM at 0x50 on its DDC bus
     int bus = -1;
 };
 
@@ -101,7 +103,7 @@ struct Bus {
     UMockdevIoctlBase* handler = nullptr;
     Desk::Impl* impl = nullptr;
     std::vector<int> inFlight; // descriptors whose transfers are on the wire (or held)
-    uint8_t edidOffset = 0;
+    int opens = 0;             // open() calls on /dev/i2c-N
     bool removed = false;      // its connector was removed: every transfer fails with ENODEV
 };
 
@@ -225,6 +227,7 @@ struct Desk::Impl {
     void build();
     std::string records();
     std::string i2cRecords(const std::string& adapter, int bus, const std::string& name) const;
+    std::string i2cDevRecord(const std::string& adapter, int bus, const std::string& name) const;
     std::string connectorRecords(const Connector& c) const;
     Connector& addConnectorObjects(const CardConfig& card, const ConnectorConfig& c);
     void attach(Bus& bus);
@@ -238,6 +241,8 @@ struct Desk::Impl {
     {
         std::lock_guard lk(mu);
         clientState(client, bus.number);
+        ++bus.opens;
+        notifyLocked();
     }
     void onVanished(Bus& bus, UMockdevIoctlClient* client)
     {

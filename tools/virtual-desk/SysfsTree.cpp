@@ -1,7 +1,10 @@
-// The desk's sysfs tree as umockdev records: PCI cards with their DRM connectors (status, enabled, connector_id,
-// EDID, the DDC adapter as a `ddc` link or a DisplayPort AUX child), i2c adapters with their i2c-dev nodes, other
-// buses, and backlights.
+// The desk's sysfs tree as umockdev records, laid out as the kernel lays it out: PCI cards (each DRM card with its
+// `device` link to the PCI device) with their DRM connectors (status, enabled, connector_id, EDID, the DDC adapter
+// as a `ddc` link, a DisplayPort AUX child, or an adapter under the PCI device that nothing links), i2c adapters
+// with their i2c-dev nodes, other buses (under the SMBus controller or a card's PCI device), and backlights.
 #include "tools/virtual-desk/DeskImpl.h"
+
+#include <algorithm>
 
 namespace VirtualDesk {
 
@@ -16,20 +19,26 @@ std::string defaultAdapterName(const ConnectorConfig& c, int bus)
 {
     if (c.ddc->via == DdcVia::Aux)
         return "AUX " + c.name;
+    if (c.ddc->via == DdcVia::Pci)
+        return "DPMST";
     return "gmbus " + c.name + " (i2c-" + std::to_string(bus) + ")";
 }
 
 } // namespace
 
+std::string Desk::Impl::i2cDevRecord(const std::string& adapter, int bus, const std::string& name) const
+{
+    const std::string n = std::to_string(bus);
+    return "P: " + adapter + "/i2c-dev/i2c-" + n + "\nN: i2c-" + n + "\nE: DEVNAME=/dev/i2c-" + n +
+           "\nE: SUBSYSTEM=i2c-dev\nE: MAJOR=89\nE: MINOR=" + n + "\n" + attr("dev", "89:" + n) +
+           attr("name", name) + "\n";
+}
+
 std::string Desk::Impl::i2cRecords(const std::string& adapter, int bus, const std::string& name) const
 {
     std::string r = "P: " + adapter + "\nE: SUBSYSTEM=i2c\n" + attr("name", name) + "\n";
-    if (config.i2cDev) {
-        const std::string n = std::to_string(bus);
-        r += "P: " + adapter + "/i2c-dev/i2c-" + n + "\nN: i2c-" + n + "\nE: DEVNAME=/dev/i2c-" + n +
-             "\nE: SUBSYSTEM=i2c-dev\nE: MAJOR=89\nE: MINOR=" + n + "\n" + attr("dev", "89:" + n) +
-             attr("name", name) + "\n";
-    }
+    if (config.i2cDev)
+        r += i2cDevRecord(adapter, bus, name);
     return r;
 }
 
@@ -71,7 +80,7 @@ std::string Desk::Impl::records()
              attr("class", "0x030000") + "\n";
         r += "P: " + cardPath + "\nN: dri/card" + n + "\nE: DEVNAME=/dev/dri/card" + n +
              "\nE: SUBSYSTEM=drm\nE: DEVTYPE=drm_minor\nE: MAJOR=226\nE: MINOR=" + n + "\n" +
-             attr("dev", "226:" + n) + "\n";
+             attr("dev", "226:" + n) + "L: device=../../../" + card.pciSlot + "\n\n";
         const std::string render = std::to_string(128 + card.index);
         r += "P: " + pci + "/drm/renderD" + render + "\nN: dri/renderD" + render + "\nE: DEVNAME=/dev/dri/renderD" +
              render + "\nE: SUBSYSTEM=drm\nE: DEVTYPE=drm_minor\nE: MAJOR=226\nE: MINOR=" + render + "\n" +
@@ -79,12 +88,11 @@ std::string Desk::Impl::records()
         for (const auto& c : card.connectors)
             r += connectorRecords(*connectors.at("card" + n + "-" + c.name));
     }
-    if (!config.otherBuses.empty()) {
-        const std::string smbus = "/devices/pci0000:00/0000:00:1f.4";
+    const std::string smbus = "/devices/pci0000:00/0000:00:1f.4";
+    if (std::any_of(config.otherBuses.begin(), config.otherBuses.end(), [](const BusConfig& b) { return !b.card; }))
         r += "P: " + smbus + "\nE: SUBSYSTEM=pci\nE: DRIVER=i801_smbus\n" + attr("class", "0x0c0500") + "\n";
-        for (const auto& b : config.otherBuses)
-            r += i2cRecords(smbus + "/i2c-" + std::to_string(b.bus), b.bus, b.name);
-    }
+    for (const auto& b : config.otherBuses)
+        r += i2cRecords(buses.at(b.bus)->adapterPath, b.bus, b.name);
     for (const auto& b : config.backlights) {
         std::string path = "/devices/virtual/backlight/" + b.name;
         if (!b.connector.empty())
@@ -114,8 +122,10 @@ Connector& Desk::Impl::addConnectorObjects(const CardConfig& card, const Connect
     if (c.ddc) {
         conn->bus = c.ddc->bus;
         conn->adapterDevpath = (c.ddc->via == DdcVia::Aux ? conn->devpath : pci) + "/i2c-" + std::to_string(c.ddc->bus);
+        conn->eeprom = EmulatedEdid(conn->edid, c.ddc->eepromAddress);
         auto bus = std::make_unique<Bus>();
         bus->number = c.ddc->bus;
+        bus->adapterPath = conn->adapterDevpath.substr(4);
         bus->name = c.ddc->name.empty() ? defaultAdapterName(c, c.ddc->bus) : c.ddc->name;
         bus->connector = conn.get();
         bus->impl = this;
@@ -136,6 +146,11 @@ void Desk::Impl::build()
         auto bus = std::make_unique<Bus>();
         bus->number = b.bus;
         bus->name = b.name;
+        std::string parent = "/devices/pci0000:00/0000:00:1f.4";
+        for (const auto& card : config.cards)
+            if (b.card && card.index == *b.card)
+                parent = "/devices/pci0000:00/" + card.pciSlot;
+        bus->adapterPath = parent + "/i2c-" + std::to_string(b.bus);
         bus->impl = this;
         buses[bus->number] = std::move(bus);
     }

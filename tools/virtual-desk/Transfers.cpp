@@ -101,6 +101,29 @@ void Desk::Impl::finishTransfer(Transfer* raw)
         b.inFlight.erase(pos);
     const int64_t end = now();
     int err = 0;
+    // A DisplayPort MST port carries at most 255 bytes a message: the kernel refuses a longer one with EIO before
+    // anything is sent.
+    const auto tooLong = std::find_if(t->msgs.begin(), t->msgs.end(), [&](const Msg& m) {
+        return b.name == "DPMST" && (m.read ? m.len : m.data.size()) > 255;
+    });
+    if (tooLong != t->msgs.end()) {
+        Transaction rec;
+        rec.startUs = t->startUs;
+        rec.endUs = end;
+        rec.bus = b.number;
+        rec.connector = b.connector ? b.connector->sysName : "";
+        rec.client = t->clientId;
+        rec.via = t->via;
+        rec.address = tooLong->addr;
+        rec.direction = tooLong->read ? Direction::Read : Direction::Write;
+        rec.outcome = errnoName(EIO);
+        rec.note = "longer than 255 bytes: an MST port refuses it";
+        log.push_back(std::move(rec));
+        notifyLocked();
+        lk.unlock();
+        complete(t->client, -1, EIO);
+        return;
+    }
     for (auto& msg : t->msgs) {
         Transaction rec;
         rec.startUs = t->startUs;
@@ -153,22 +176,17 @@ int Desk::Impl::deliver(Bus& b, Msg& msg, Transaction& rec, int64_t nowUs, int c
         return ENXIO;
     }
     if (msg.addr == kEdidAddress) {
-        if (c->edid.empty()) {
+        if (!c->eeprom.answers()) {
             rec.note = "no EDID";
             return ENXIO;
         }
         if (!msg.read) {
             rec.request = "offset";
-            if (!msg.data.empty())
-                b.edidOffset = msg.data[0];
+            c->eeprom.write(msg.data);
             return 0;
         }
         rec.request = "edid";
-        std::vector<uint8_t> out(msg.len);
-        for (size_t i = 0; i < msg.len; ++i)
-            out[i] = c->edid[(b.edidOffset + i) % c->edid.size()];
-        b.edidOffset = static_cast<uint8_t>(b.edidOffset + msg.len);
-        put(out);
+        put(c->eeprom.read(msg.len));
         return 0;
     }
     if (msg.addr != kDdcAddress || !m) {

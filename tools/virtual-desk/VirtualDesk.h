@@ -56,14 +56,17 @@ struct EdidConfig {
     std::vector<uint8_t> bytes() const; // the 128 bytes (or raw)
 };
 
-// How the connector reaches its DDC adapter: a `ddc` symlink (HDMI, DVI, VGA) or an `i2c-N` child directory of
-// the connector (DisplayPort AUX).
-enum class DdcVia { Link, Aux };
+// How the connector reaches its DDC adapter: a `ddc` symlink (HDMI, DVI, VGA), an `i2c-N` child directory of
+// the connector (DisplayPort AUX), or nothing that sysfs shows: the adapter sits under the card's PCI device and
+// no link names it (a DisplayPort MST port on Linux 6.1, "DPMST"; NVIDIA's proprietary driver).
+enum class DdcVia { Link, Aux, Pci };
 
 struct DdcConfig {
     int bus = -1;          // i2c bus number N of /dev/i2c-N
     DdcVia via = DdcVia::Link;
-    std::string name;      // the adapter's `name` attribute; a driver-like default when empty
+    std::string name;      // the adapter's `name` attribute; a driver-like default when empty. "DPMST" refuses
+                           // messages longer than 255 bytes (EIO), as the kernel's MST ports do
+    uint8_t eepromAddress = 0; // where the EDID EEPROM's current address stands when the desk starts
 };
 
 struct ConnectorConfig {
@@ -95,6 +98,9 @@ struct BacklightConfig {
 struct BusConfig {
     int bus = 0;
     std::string name = "SMBus I801 adapter";
+    // Under that card's PCI device (an amdgpu "AMDGPU SMU 0", an unused "NVIDIA i2c adapter 1 at 1:00.0");
+    // absent: under the SMBus controller (0000:00:1f.4).
+    std::optional<int> card;
 };
 
 struct DeskConfig {
@@ -186,7 +192,12 @@ public:
     int backlightMax(std::string_view name) const;
     void setBacklightBrightness(std::string_view name, int value);
 
+    // The kernel's i2c-dev module is loaded now: /sys/class/i2c-dev, the i2c-dev children and /dev/i2c-N appear
+    // ("add" uevents). Does nothing when it is loaded already.
+    void loadI2cDev();
+
     int busNumber(std::string_view connector) const; // -1 when the connector has no DDC adapter
+    int opens(int bus) const;                         // how many times /dev/i2c-N was opened so far
     std::vector<std::string> connectors() const;     // "card0-DP-1", ... in name order
 
     std::vector<Transaction> transactions() const;   // in order of completion

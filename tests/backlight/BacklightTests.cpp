@@ -35,7 +35,11 @@ const std::string kPci = "/devices/pci0000:00/0000:00:02.0/";
 const std::string kPanelConnector = kPci + "drm/card0/card0-eDP-1";
 const std::string kNoBus = "unix:path=/nonexistent/lumora-test-bus";
 
-std::string connector(const std::string& path) { return "P: " + path + "\nE: SUBSYSTEM=drm\n\n"; }
+std::string connector(const std::string& path, const std::string& status = "", const std::string& enabled = "")
+{
+    return "P: " + path + "\nE: SUBSYSTEM=drm\n" + (status.empty() ? "" : "A: status=" + status + "\n") +
+           (enabled.empty() ? "" : "A: enabled=" + enabled + "\n") + "\n";
+}
 
 // A backlight class device; an empty `type` leaves the attribute out.
 std::string backlight(const std::string& path, const std::string& type, const std::string& brightness = "5",
@@ -80,7 +84,7 @@ protected:
     std::unique_ptr<gchar, void (*)(gpointer)> root_{umockdev_testbed_get_root_dir(bed_), g_free};
 };
 
-TEST_F(Backlight, TheDeviceIsTheBuiltInConnectorsElseTheBestTypeThenTheFirstName)
+TEST_F(Backlight, TheDeviceIsThePanelInUsesElseAnyBuiltInConnectorsElseTheBestTypeThenTheFirstName)
 {
     auto below = [](const std::string& connectorName, const std::string& device) {
         const std::string path = kPci + "drm/card0/card0-" + connectorName;
@@ -90,6 +94,12 @@ TEST_F(Backlight, TheDeviceIsTheBuiltInConnectorsElseTheBestTypeThenTheFirstName
     const std::string aRaw = backlight(kPci + "a_raw", "raw"), cFw = backlight("/devices/LNXSYSTM:00/c_fw", "firmware");
     const std::string bPlatform = backlight("/devices/platform/b_platform", "platform");
     const std::string untyped = backlight("/devices/virtual/a_untyped", "") + backlight("/devices/virtual/b", "odd");
+    // A hybrid laptop's built-in connectors: card0 on the integrated GPU, card1 on the discrete one.
+    auto panel = [](int card, const std::string& status, const std::string& enabled, const std::string& device) {
+        const std::string path = (card == 0 ? kPci : std::string("/devices/pci0000:00/0000:01:00.0/")) + "drm/card" +
+                                 std::to_string(card) + "/card" + std::to_string(card) + "-eDP-1";
+        return connector(path, status, enabled) + backlight(path + "/" + device, "raw");
+    };
     const struct { const char* what; std::string records, expected; } cases[] = {
         {"below eDP, over firmware", below("eDP-1", "x_panel") + kAcpi, "x_panel"},
         {"below LVDS", below("LVDS-1", "zz_lvds") + kAcpi, "zz_lvds"},
@@ -104,6 +114,15 @@ TEST_F(Backlight, TheDeviceIsTheBuiltInConnectorsElseTheBestTypeThenTheFirstName
         {"equal types: first name", backlight("/devices/LNXSYSTM:00/LNXVIDEO:01/backlight/acpi_video1", "firmware") +
                                         kAcpi, "acpi_video0"},
         {"a panel connector alone", connector(kPanelConnector), ""},
+        {"hybrid: the panel in use, over an earlier name under a disconnected panel connector",
+         panel(0, "disconnected", "disabled", "a_intel") + panel(1, "connected", "enabled", "z_nvidia"), "z_nvidia"},
+        {"connected but disabled is not in use",
+         panel(0, "connected", "disabled", "a_intel") + panel(1, "connected", "enabled", "z_nvidia"), "z_nvidia"},
+        {"no panel in use: any panel connector's, first name",
+         panel(0, "disconnected", "disabled", "a_intel") + panel(1, "connected", "disabled", "z_nvidia"), "a_intel"},
+        {"the panel in use has none: another panel connector's over firmware",
+         connector(kPci + "drm/card0/card0-eDP-2", "connected", "enabled") +
+             panel(1, "disconnected", "disabled", "z_nvidia") + kAcpi, "z_nvidia"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);

@@ -9,7 +9,7 @@ packages=(
   qt6-base-dev qt6-svg-dev libqt6svg6
   libudev-dev libsystemd-dev libevdev-dev libxcb-xinput-dev libx11-dev
   umockdev libumockdev-dev libglib2.0-dev libglib2.0-bin nlohmann-json3-dev
-  dbus python3-dbusmock
+  dbus python3-dbusmock udev
   xvfb openbox trayer xdotool imagemagick x11-utils
 )
 

@@ -2,6 +2,8 @@
 // must be empty; with it, the numbers must be those of bytes 8-15, the UUID 36 characters of upper-case hex in
 // 8-4-4-4-12 groups, and the name at most 13 printable characters without a trailing blank. Inputs of 128 bytes
 // or more are parsed a second time with the header written in, so that the descriptor walk is exercised too.
+// The same bytes, taken as what an EEPROM answered in some rotation, must give either no base block or one that
+// starts with the header, adds up to 0 and lies in the bytes (wrapping) where the header was found.
 
 #include <cstddef>
 #include <cstdint>
@@ -51,9 +53,30 @@ void checkIdentity(const std::uint8_t* data, std::size_t size)
 
 }  // namespace
 
+void checkRotation(const std::uint8_t* data, std::size_t size)
+{
+    const auto block = Lumora::EDID::baseBlockInRotation(std::span<const std::uint8_t>(data, size));
+    if (!block)
+        return;
+    check(size >= 128 && std::memcmp(block->data(), header, sizeof header) == 0);
+    unsigned sum = 0;
+    for (std::uint8_t b : *block)
+        sum += b;
+    check(sum % 256 == 0);
+    bool somewhere = false;
+    for (std::size_t start = 0; start < size && !somewhere; ++start) {
+        bool same = true;
+        for (std::size_t i = 0; i < 128 && same; ++i)
+            same = data[(start + i) % size] == (*block)[i];
+        somewhere = same;
+    }
+    check(somewhere);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     checkIdentity(data, size);
+    checkRotation(data, size);
     if (size >= 128) {
         std::vector<std::uint8_t> withHeader(data, data + size);
         std::memcpy(withHeader.data(), header, sizeof header);

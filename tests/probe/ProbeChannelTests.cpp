@@ -6,6 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <filesystem>
 #include <map>
 
 #include "support/Subprocess.h"
@@ -163,6 +166,42 @@ TEST(ProbeChannels, EachMonitorOnItsOwnChannelAndNothingButDDCCIWritten)
             EXPECT_EQ(desk.backlightBrightness(name), value) << name;
         EXPECT_THAT(desk.violations(), ::testing::IsEmpty());
     }
+}
+
+TEST(ProbeChannels, PermissionNotesNameTheChannelsThisUserMayNotOpen)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "runs the probe as another user, which takes root";
+    // DP-1 has its own channel; DP-3 and DP-4 sit behind MST, so either DPMST adapter could be theirs; the
+    // disabled HDMI monitor is not missing, and the SMBus adapter is no display bus.
+    VirtualDesk::Desk desk(VirtualDesk::DeskConfig::fromJson(R"({"cards": [{"connectors": [
+        {"name": "DP-1", "edid": {"vendor": "DEL", "model": 1}, "ddc": {"bus": 5}, "monitor": {}},
+        {"name": "DP-3", "edid": {"vendor": "DEL", "model": 2}, "ddc": {"bus": 7, "via": "pci"}, "monitor": {}},
+        {"name": "DP-4", "edid": {"vendor": "DEL", "model": 3}, "ddc": {"bus": 8, "via": "pci"}, "monitor": {}},
+        {"name": "HDMI-A-1", "enabled": false, "ddc": {"bus": 3}, "monitor": {}}]}],
+      "otherBuses": [{"bus": 0, "name": "SMBus I801 adapter"}]})"),
+                           {"", false});
+    // The desk's nodes stand for pseudo-terminals that only root may open: as nobody, every open is refused as a
+    // real /dev/i2c-N without the udev rule's grant would be. Nobody may still read the desk's sysfs and reach the
+    // emulation's sockets.
+    namespace fs = std::filesystem;
+    fs::permissions(desk.rootDir(), fs::perms::others_read | fs::perms::others_exec, fs::perm_options::add);
+    for (const auto& entry : fs::recursive_directory_iterator(fs::path(desk.rootDir()) / "ioctl"))
+        fs::permissions(entry.path(), fs::perms::all, fs::perm_options::add);
+    Environment env{{"LUMORA_PROBE", "1"},
+                    {"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/lumora-test-bus"},
+                    {"DISPLAY", std::nullopt},
+                    {"WAYLAND_DISPLAY", std::nullopt}};
+    LumoraTest::ProcessResult run = LumoraTest::runProcess(
+        {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", LUMORA_BINARY}, env,
+        std::chrono::seconds(60));
+    ASSERT_EQ(run.exitStatus, 0) << run.err;
+    const std::string readme = "; see \"Device access\" in Lumora's README.\n";
+    EXPECT_EQ(run.out, "Displays: 0  (IOAVService: true, DisplayServices: false)\n"
+                       "Note: no permission to open /dev/i2c-5" + readme +
+                       "Note: no permission to open /dev/i2c-7" + readme +
+                       "Note: no permission to open /dev/i2c-8" + readme);
+    EXPECT_TRUE(desk.transactions().empty());
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-# The tray application's extra wiring: the bundled symbol images, the X11/XInput2 client library for the
-# outside-click watcher and the compositor check, the update plugin's location and header.
+# The tray application's extra wiring: the bundled symbol images and translations, the X11/XInput2 client library
+# for the outside-click watcher and the compositor check, the update plugin's location and header.
 
 pkg_check_modules(LUMORA_XCB REQUIRED IMPORTED_TARGET xcb xcb-xinput)
 target_link_libraries(LumoraApp PUBLIC PkgConfig::LUMORA_XCB)
@@ -11,6 +11,20 @@ qt_add_resources(LumoraApp lumora_symbols
   PREFIX /symbols
   BASE resources/symbols
   FILES ${LUMORA_SYMBOL_FILES})
+
+# Translations: the catalogues under translations/ are compiled and bundled as :/i18n/lumora_<language>.qm
+# (registered from Translations.cpp). `cmake --build BUILD --target update_translations` refreshes the catalogues
+# from the sources.
+find_package(Qt6 REQUIRED COMPONENTS LinguistTools)
+file(GLOB LUMORA_TS_FILES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/translations/lumora_*.ts)
+qt_add_translations(LumoraApp
+  TS_FILES ${LUMORA_TS_FILES}
+  QM_FILES_OUTPUT_VARIABLE LUMORA_QM_FILES
+  LUPDATE_OPTIONS -no-obsolete -locations none)
+qt_add_resources(LumoraApp lumora_translations
+  PREFIX /i18n
+  BASE ${CMAKE_CURRENT_BINARY_DIR}
+  FILES ${LUMORA_QM_FILES})
 
 # The update plugin lives in the application's private library directory, found from the executable's own path.
 file(RELATIVE_PATH private_libdir ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR}/lumora)

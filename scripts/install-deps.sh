@@ -10,7 +10,8 @@ packages=(
   libudev-dev libsystemd-dev libevdev-dev libxcb-xinput-dev libx11-dev
   umockdev libumockdev-dev libglib2.0-dev libglib2.0-bin nlohmann-json3-dev
   dbus python3-dbusmock udev
-  xvfb openbox trayer xdotool imagemagick x11-utils
+  qt6-l10n-tools qt6-tools-dev qt6-translations-l10n
+  xvfb openbox trayer xdotool imagemagick x11-utils python3-gi qt6ct
 )
 
 missing=()

@@ -5,16 +5,19 @@
 #include <QDialog>
 #include <QKeyEvent>
 #include <QMenu>
-#include <QMessageBox>
 #include <QScreen>
 
 #include <cstdio>
 
 #include "Lumora/App/PopoverPanel.h"
+#include "Lumora/App/Translations.h"
 #include "Lumora/Platform/Linux/Desktop/Compositor.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayChangeMonitor.h"
+#include "Lumora/Platform/Linux/Desktop/DisplayServer.h"
 #include "Lumora/Platform/Linux/Desktop/OutsideClickWatcher.h"
 #include "Lumora/Platform/Linux/Desktop/SingleInstance.h"
+#include "Lumora/Platform/Linux/Desktop/TrayWatcher.h"
+#include "Lumora/UI/AboutBox.h"
 #include "Lumora/UI/PopoverView.h"
 #include "Lumora/UI/Symbols.h"
 
@@ -25,8 +28,31 @@
 namespace Lumora {
 namespace {
 
-const QString tooltip = QStringLiteral("Lumora \u2014 external monitor brightness");
 constexpr int menuGap = 4;
+// How far the pointer may move between the press on a StatusNotifier item and the activation that follows it.
+constexpr int clickSlop = 8;
+
+// Messages at start, before (or without) a QApplication: translated from Lumora's catalogue directly.
+constexpr const char* messageContext = "Lumora::AppDelegate";
+const char* const noSession = QT_TRANSLATE_NOOP(
+    "Lumora::AppDelegate",
+    "lumora: no desktop session here (neither DISPLAY nor WAYLAND_DISPLAY is set), so there is no tray to sit in.\n"
+    "The probe works anywhere: LUMORA_PROBE=1 lumora");
+const char* const unreachable = QT_TRANSLATE_NOOP(
+    "Lumora::AppDelegate",
+    "lumora: cannot reach the display server at %1=%2: it is not running, or it does not let Lumora in.");
+const char* const alreadyRunning = QT_TRANSLATE_NOOP(
+    "Lumora::AppDelegate", "lumora: Lumora is already running in this session; its panel opens from its tray icon.");
+const char* const noTray = QT_TRANSLATE_NOOP(
+    "Lumora::AppDelegate",
+    "lumora: this desktop has no system tray, so Lumora shows its panel as a window. Start Lumora again to reopen it.");
+
+void say(const QString& message)
+{
+    const QByteArray line = message.toUtf8() + '\n';
+    std::fputs(line.constData(), stderr);
+    std::fflush(stderr);
+}
 
 // The status menu: "q" (and the desktop's usual Ctrl+Q) quits while it is open.
 class StatusMenu : public QMenu {
@@ -48,21 +74,42 @@ protected:
     }
 };
 
-// The tray and the panel belong to the X11 desktop: under XWayland too, where positioning a panel and seeing
-// clicks elsewhere work as on X11. An explicit QT_QPA_PLATFORM is left alone.
-void preferX11()
+// Chooses the window system before Qt does, and makes sure it answers: Qt aborts when it cannot connect. The tray
+// and the panel belong to the X11 desktop, under XWayland too, where positioning a panel and seeing clicks
+// elsewhere work as on X11; a DISPLAY left over beside a live Wayland session gives way to Wayland. An explicit
+// QT_QPA_PLATFORM is left alone, except that xcb is checked as well. Returns the message when nothing answers.
+std::optional<QString> chooseDisplayServer()
 {
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && !qEnvironmentVariableIsEmpty("DISPLAY")) {
-        qputenv("QT_QPA_PLATFORM", "xcb");
+    const QByteArray platform = qgetenv("QT_QPA_PLATFORM");
+    const bool chosen = !platform.isEmpty();
+    if (chosen && !platform.startsWith("xcb")) {
+        return std::nullopt;
     }
+    const DisplayServer::Reachability server = DisplayServer::check();
+    if (server.kind == DisplayServer::Kind::none || (chosen && qEnvironmentVariableIsEmpty("DISPLAY"))) {
+        return Translations::text(messageContext, noSession);
+    }
+    if (!server.reachable || (chosen && server.kind != DisplayServer::Kind::x11)) {
+        const bool x11 = server.kind == DisplayServer::Kind::x11 || chosen;
+        return Translations::text(messageContext, unreachable)
+            .arg(QLatin1String(x11 ? "DISPLAY" : "WAYLAND_DISPLAY"),
+                 x11 ? qEnvironmentVariable("DISPLAY") : QString::fromStdString(server.address));
+    }
+    if (!chosen) {
+        qputenv("QT_QPA_PLATFORM", server.kind == DisplayServer::Kind::x11 ? "xcb" : "wayland");
+    }
+    return std::nullopt;
+}
+
+QScreen* screenAt(const QRect& anchor)
+{
+    QScreen* screen = QGuiApplication::screenAt(anchor.center());
+    return screen != nullptr ? screen : QGuiApplication::primaryScreen();
 }
 
 QRect screenFor(const QRect& anchor)
 {
-    QScreen* screen = QGuiApplication::screenAt(anchor.center());
-    if (screen == nullptr) {
-        screen = QGuiApplication::primaryScreen();
-    }
+    QScreen* screen = screenAt(anchor);
     return screen != nullptr ? screen->geometry() : QRect();
 }
 
@@ -75,34 +122,49 @@ AppDelegate::~AppDelegate()
     // The watchers go before the panel and the tray item they refer to.
     dismissMonitor_.reset();
     displayChanges_.reset();
+    trayWatcher_.reset();
+    sessionBus_.reset();
     delete about_.data();
 }
 
 int AppDelegate::runApplication(int argc, char** argv)
 {
-    // Without a display server there is no tray to sit in (Qt would abort trying to reach one).
-    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
-        qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
-        std::fputs("lumora: no desktop session here (neither DISPLAY nor WAYLAND_DISPLAY is set), so there is no tray "
-                   "to sit in.\nThe probe works anywhere: LUMORA_PROBE=1 lumora\n",
-                   stderr);
+    if (const std::optional<QString> problem = chooseDisplayServer()) {
+        say(*problem);
         return 1;
     }
     if (!SingleInstance::acquire()) {
-        return 0;  // another Lumora serves this session
+        // Another Lumora serves this session: it shows its panel, and this one is done.
+        QCoreApplication asking(argc, argv);
+        if (!SessionBus::showRunningPanel()) {
+            say(Translations::text(messageContext, alreadyRunning));
+        }
+        return 0;
     }
-    preferX11();
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Lumora"));
     QApplication::setApplicationVersion(QStringLiteral(LUMORA_VERSION));
     QApplication::setDesktopFileName(QStringLiteral("lumora"));
     // A tray application: closing a window never ends it, only Quit does.
     QApplication::setQuitOnLastWindowClosed(false);
+    Translations::install(app);
 
     AppDelegate delegate;
+    if (delegate.serveSessionBus() == SessionBus::Claim::takenByAnother) {
+        // A Lumora whose lock lives elsewhere serves this session's bus: it shows its panel instead.
+        SessionBus::showRunningPanel();
+        return 0;
+    }
     delegate.applicationDidFinishLaunching();
     QApplication::exec();
     return 0;
+}
+
+SessionBus::Claim AppDelegate::serveSessionBus()
+{
+    SessionBus::Claim outcome = SessionBus::Claim::noBus;
+    sessionBus_ = SessionBus::claim({[this] { showPanel(); }}, outcome);
+    return outcome;
 }
 
 void AppDelegate::applicationDidFinishLaunching()
@@ -111,13 +173,15 @@ void AppDelegate::applicationDidFinishLaunching()
     configurePanel();
     controller_.refresh();
     registerForDisplayChanges();
+    trayWatcher_ = std::make_unique<TrayWatcher>([this] { followTray(false); });
+    followTray(true);
 }
 
 void AppDelegate::configureStatusItem()
 {
     statusItem_ = std::make_unique<QSystemTrayIcon>();
-    statusItem_->setIcon(Symbols::trayIcon());
-    statusItem_->setToolTip(tooltip);
+    statusItem_->setIcon(Symbols::trayIcon(QGuiApplication::palette()));
+    statusItem_->setToolTip(tr("Lumora \u2014 external monitor brightness"));
     connect(statusItem_.get(), &QSystemTrayIcon::activated, this,
             [this](QSystemTrayIcon::ActivationReason reason) { statusItemClicked(reason); });
     statusItem_->show();
@@ -126,6 +190,12 @@ void AppDelegate::configureStatusItem()
 void AppDelegate::configurePanel()
 {
     panel_ = std::make_unique<PopoverPanel>(new PopoverView(controller_));
+    connect(panel_.get(), &PopoverPanel::dismissRequested, this, [this] { hide(); });
+    connect(panel_.get(), &PopoverPanel::appearanceChanged, this, [this] {
+        if (statusItem_ != nullptr) {
+            statusItem_->setIcon(Symbols::trayIcon(QGuiApplication::palette()));
+        }
+    });
 }
 
 void AppDelegate::registerForDisplayChanges()
@@ -137,11 +207,38 @@ void AppDelegate::registerForDisplayChanges()
     });
 }
 
+// Without a tray the panel becomes the window (opened at start, said once); with one it floats under the icon,
+// which Qt docks by itself when the tray appears.
+void AppDelegate::followTray(bool starting)
+{
+    const bool windowed = !QSystemTrayIcon::isSystemTrayAvailable();
+    if (windowed == windowed_ && !starting) {
+        return;
+    }
+    if (windowed != windowed_) {
+        hide();
+        windowed_ = windowed;
+        panel_->setWindowed(windowed_);
+    }
+    if (windowed_ && !saidNoTray_) {
+        saidNoTray_ = true;
+        say(tr(noTray));
+    }
+    if (windowed_ && starting) {
+        showWindow();
+    }
+}
+
 void AppDelegate::statusItemClicked(QSystemTrayIcon::ActivationReason reason)
 {
     if (reason == QSystemTrayIcon::Context) {
         showMenu();
         return;
+    }
+    const std::optional<QPoint> pressed = hiddenByPressAt_;
+    hiddenByPressAt_.reset();
+    if (pressed && (QCursor::pos() - *pressed).manhattanLength() <= clickSlop) {
+        return;  // the press of this very click already hid the panel
     }
     // A second click within the double-click interval arrives as DoubleClick: it is a click like any other.
     toggle();
@@ -149,19 +246,39 @@ void AppDelegate::statusItemClicked(QSystemTrayIcon::ActivationReason reason)
 
 void AppDelegate::toggle()
 {
-    if (panel_ != nullptr && panel_->isVisible()) {
+    if (panel_ != nullptr && panel_->isVisible() && !windowed_) {
         hide();
     } else {
-        show();
+        showPanel();
     }
+}
+
+void AppDelegate::showPanel()
+{
+    if (panel_ == nullptr) {
+        return;
+    }
+    if (windowed_) {
+        showWindow();
+    } else if (!panel_->isVisible()) {
+        show();
+    } else {
+        panel_->raise();
+        panel_->takeFocus();
+    }
+}
+
+bool AppDelegate::statusItemHasGeometry() const
+{
+    const QRect geometry = statusItem_ != nullptr ? statusItem_->geometry() : QRect();
+    return geometry.isValid() && !geometry.isEmpty();
 }
 
 QRect AppDelegate::statusItemAnchor() const
 {
     // A StatusNotifier host gives no geometry for the item: the cursor, which just clicked it, stands in.
-    const QRect geometry = statusItem_ != nullptr ? statusItem_->geometry() : QRect();
-    if (geometry.isValid() && !geometry.isEmpty()) {
-        return geometry;
+    if (statusItemHasGeometry()) {
+        return statusItem_->geometry();
     }
     return {QCursor::pos(), QSize(0, 0)};
 }
@@ -171,23 +288,49 @@ void AppDelegate::show()
     if (statusItem_ == nullptr || panel_ == nullptr || panel_->contentView() == nullptr) {
         return;
     }
+    hiddenByPressAt_.reset();
     controller_.refresh();
-    panel_->fitContent();
     const QRect anchor = statusItemAnchor();
-    panel_->placeAt(anchor, screenFor(anchor));
+    QScreen* screen = screenAt(anchor);
+    panel_->placeAt(anchor, screenFor(anchor), screen != nullptr ? screen->availableGeometry() : QRect());
     panel_->setComposited(Compositor::isRunning());
     panel_->show();
     panel_->raise();
+    panel_->takeFocus();
     dismissMonitor_ = OutsideClickWatcher::install([this](QPoint position) { return isOwnWindowAt(position); },
-                                                   [this] { hide(); });
+                                                   [this](QPoint position) { outsidePress(position); });
+}
+
+void AppDelegate::showWindow()
+{
+    controller_.refresh();
+    QScreen* screen = panel_->isVisible() && panel_->screen() != nullptr ? panel_->screen()
+                                                                       : QGuiApplication::primaryScreen();
+    if (screen != nullptr) {
+        panel_->limitTo(screen->availableGeometry());
+    }
+    panel_->show();
+    panel_->raise();
+    panel_->activateWindow();
 }
 
 void AppDelegate::hide()
 {
     if (panel_ != nullptr) {
+        if (panel_->isVisible()) {
+            panel_->giveFocusBack();
+        }
         panel_->hide();
     }
     dismissMonitor_.reset();
+}
+
+void AppDelegate::outsidePress(QPoint position)
+{
+    if (!statusItemHasGeometry()) {
+        hiddenByPressAt_ = position;
+    }
+    hide();
 }
 
 bool AppDelegate::isOwnWindowAt(QPoint position) const
@@ -195,7 +338,7 @@ bool AppDelegate::isOwnWindowAt(QPoint position) const
     if (panel_ != nullptr && panel_->isVisible() && panel_->frameGeometry().contains(position)) {
         return true;
     }
-    if (statusItem_ != nullptr && statusItem_->geometry().contains(position)) {
+    if (statusItemHasGeometry() && statusItem_->geometry().contains(position)) {
         return true;
     }
     for (const QWidget* window : QApplication::topLevelWidgets()) {
@@ -214,11 +357,11 @@ void AppDelegate::showMenu()
     }
     auto* menu = new StatusMenu;
     menu->setAttribute(Qt::WA_DeleteOnClose);
-    QAction* about = menu->addAction(QStringLiteral("About Lumora"));
-    QAction* updates = menu->addAction(QStringLiteral("Check for Updates\u2026"));
+    QAction* about = menu->addAction(tr("About Lumora"));
+    QAction* updates = menu->addAction(tr("Check for Updates\u2026"));
     updates->setEnabled(updater_.isAvailable());
     menu->addSeparator();
-    QAction* quitItem = menu->addAction(QStringLiteral("Quit Lumora"));
+    QAction* quitItem = menu->addAction(tr("Quit Lumora"));
     quitItem->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
     quitItem->setShortcutVisibleInContextMenu(true);
     menu->quitAction = quitItem;
@@ -240,10 +383,7 @@ void AppDelegate::showMenu()
 void AppDelegate::showAbout()
 {
     if (about_ == nullptr) {
-        about_ = new QMessageBox(QMessageBox::NoIcon, QStringLiteral("About Lumora"),
-                                 QStringLiteral("Lumora %1").arg(QStringLiteral(LUMORA_VERSION)), QMessageBox::Ok);
-        about_->setInformativeText(QStringLiteral("Brightness and standby for every display on the desk."));
-        about_->setIconPixmap(Symbols::trayIcon().pixmap(48, 48));
+        about_ = new AboutBox(QStringLiteral(LUMORA_VERSION));
         about_->setAttribute(Qt::WA_DeleteOnClose);
         about_->setModal(false);
     }

@@ -2,6 +2,10 @@
 // The tray application's root: it owns the display controller and the updater for the whole run, puts the sun into
 // the system tray, opens and closes the floating panel on a left click, pops up the status menu on a right click,
 // and refreshes the displays whenever one is added, removed, enabled or disabled.
+//
+// On a desktop without a tray the panel is an ordinary window instead, opened at start and again whenever Lumora is
+// started a second time; when a tray appears the icon docks and the panel floats under it again. A second start on
+// any desktop reaches the running Lumora over the session bus and shows its panel.
 
 #include <QObject>
 #include <QPoint>
@@ -9,17 +13,19 @@
 #include <QSystemTrayIcon>
 
 #include <memory>
+#include <optional>
 
 #include "Lumora/App/DisplayController.h"
+#include "Lumora/Platform/Linux/Desktop/SessionBus.h"
 #include "Lumora/Updater/Updater.h"
-
-class QMessageBox;
 
 namespace Lumora {
 
+class AboutBox;
 class DisplayChangeMonitor;
 class OutsideClickWatcher;
 class PopoverPanel;
+class TrayWatcher;
 
 class AppDelegate : public QObject {
     Q_OBJECT
@@ -29,28 +35,37 @@ public:
     ~AppDelegate() override;
 
     // The application start: one instance per session, a tray-only QApplication, one delegate, the event loop.
-    // Returns the exit status (0 after Quit; 0 at once when another instance runs; 1 at once when there is no
-    // display server to show a tray on).
+    // Returns the exit status (0 after Quit; 0 at once when another instance runs, which is asked to show its
+    // panel; 1 at once when there is no display server to show anything on).
     static int runApplication(int argc, char** argv);
+
+    // Serves the session bus interface; another Lumora may own it already.
+    SessionBus::Claim serveSessionBus();
 
     // Builds the tray item and the panel, refreshes the displays and starts watching for display changes.
     void applicationDidFinishLaunching();
 
     // Shows the panel when it is hidden, hides it when it is shown.
     void toggle();
+    // Shows the panel, or brings it forward when it is shown: under the tray item, or as the window.
+    void showPanel();
 
 private:
     void configureStatusItem();
     void configurePanel();
     void registerForDisplayChanges();
+    void followTray(bool starting);
     void statusItemClicked(QSystemTrayIcon::ActivationReason reason);
     void show();
+    void showWindow();
     void hide();
+    void outsidePress(QPoint position);
     void showMenu();
     void showAbout();
     void checkForUpdates();
     void quit();
     bool isOwnWindowAt(QPoint position) const;
+    bool statusItemHasGeometry() const;
     QRect statusItemAnchor() const;
 
     DisplayController controller_;
@@ -59,7 +74,14 @@ private:
     std::unique_ptr<PopoverPanel> panel_;
     std::unique_ptr<OutsideClickWatcher> dismissMonitor_;
     std::unique_ptr<DisplayChangeMonitor> displayChanges_;
-    QPointer<QMessageBox> about_;
+    std::unique_ptr<TrayWatcher> trayWatcher_;
+    std::unique_ptr<SessionBus> sessionBus_;
+    QPointer<AboutBox> about_;
+    bool windowed_ = false;     // no tray: the panel is an ordinary window
+    bool saidNoTray_ = false;
+    // Where a press outside hid the panel while the tray item has no geometry: that press may have been the click
+    // on the item itself, whose activation then follows and must not open the panel again.
+    std::optional<QPoint> hiddenByPressAt_;
 };
 
 }  // namespace Lumora

@@ -22,4 +22,16 @@ QPoint origin(const QRect& anchor, const QSize& panel, const QRect& screen)
     return {x, y};
 }
 
+int maximumHeight(const QRect& anchor, const QRect& screen, const QRect& available)
+{
+    const int anchorTop = anchor.y();
+    const int anchorBottom = anchor.y() + std::max(anchor.height(), 0);
+    const double anchorMidY = (anchorTop + anchorBottom) * 0.5;
+    const double screenMidY = screen.y() + screen.height() * 0.5;
+    const int availableBottom = available.y() + available.height();
+    const int room = anchorMidY < screenMidY ? availableBottom - gap - (anchorBottom + gap)
+                                             : anchorTop - gap - (available.y() + gap);
+    return std::max(room, 1);
+}
+
 }  // namespace Lumora::PanelPlacement

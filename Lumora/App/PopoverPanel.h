@@ -1,11 +1,20 @@
 #pragma once
-// The floating panel that opens from the tray item: a frameless, always-on-top tool window that the window
-// manager leaves alone (no task-bar entry, not in the Alt+Tab cycle, not activated when shown). It sizes itself
-// to its content and stays anchored where it was placed: its top edge when it opens below the tray item, its
-// bottom edge when it opens above. Without a compositor its rounded corners are cut with a mask.
+// The panel that opens from the tray item: a frameless, always-on-top tool window that the window manager leaves
+// alone (no task-bar entry, not in the Alt+Tab cycle, not activated by the window manager). It sizes itself to its
+// content, never taller than its screen leaves room for, and stays anchored where it was placed: its top edge when
+// it opens below the tray item, its bottom edge when it opens above. Without a compositor its rounded corners are
+// cut with a mask. It takes the keyboard focus when shown or clicked, shows its tooltips although it is never the
+// active window in the window manager's eyes, and Escape dismisses it.
+//
+// On a desktop without a tray the same panel is an ordinary small window titled "Lumora" instead, which the user
+// moves and closes as any other.
 
 #include <QRect>
 #include <QWidget>
+
+#include "Lumora/Platform/Linux/Desktop/InputFocus.h"
+
+class QWindow;
 
 namespace Lumora {
 
@@ -17,15 +26,36 @@ public:
 
     QWidget* contentView() const { return content_; }
 
-    // Places the panel for an anchor (the tray item's geometry, or an empty rectangle at the cursor) on a screen.
-    void placeAt(const QRect& anchor, const QRect& screen);
+    // Floating under the tray item (false, the start) or an ordinary window (true). Hides the panel.
+    void setWindowed(bool windowed);
+    bool isWindowed() const { return windowed_; }
+
+    // Places the panel for an anchor (the tray item's geometry, or an empty rectangle at the cursor) on a screen
+    // (`screen` its whole geometry, `available` the part panels and docks leave free).
+    void placeAt(const QRect& anchor, const QRect& screen, const QRect& available);
+    // As an ordinary window: no taller than `available` leaves room for with the window's frame.
+    void limitTo(const QRect& available);
     // Follows the content's size now (the layout does it on its own otherwise, at the next event-loop turn).
     void fitContent();
     // Cuts the corners with a mask, or leaves them to the compositor's blending.
     void setComposited(bool composited);
 
+    // Takes the keyboard focus (shown panel), and gives it back to the window that had it (before hiding).
+    void takeFocus();
+    void giveFocusBack();
+
+signals:
+    // Escape was pressed in the panel.
+    void dismissRequested();
+    // The desktop's palette or style changed (also while the panel is hidden).
+    void appearanceChanged();
+
 protected:
+    void changeEvent(QEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
+    void showEvent(QShowEvent* event) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
     void reposition();
@@ -36,6 +66,9 @@ private:
     QRect screen_;
     bool placed_ = false;
     bool composited_ = false;
+    bool windowed_ = false;
+    QWindow* watchedWindow_ = nullptr;
+    InputFocus focus_;
 };
 
 }  // namespace Lumora

@@ -3,9 +3,7 @@
 #include <QEvent>
 #include <QHBoxLayout>
 #include <QLabel>
-#include <QProxyStyle>
 #include <QSignalBlocker>
-#include <QSlider>
 #include <QToolButton>
 #include <QVBoxLayout>
 
@@ -13,6 +11,7 @@
 #include <cmath>
 
 #include "Lumora/App/DisplayController.h"
+#include "Lumora/UI/BrightnessSlider.h"
 #include "Lumora/UI/ElidedLabel.h"
 #include "Lumora/UI/Style.h"
 #include "Lumora/UI/Symbols.h"
@@ -20,19 +19,7 @@
 namespace Lumora {
 namespace {
 
-// A press anywhere on the groove puts the handle there and starts a drag, as on the desktops' own sliders.
-class JumpingSliderStyle : public QProxyStyle {
-public:
-    using QProxyStyle::QProxyStyle;
-    int styleHint(StyleHint hint, const QStyleOption* option, const QWidget* widget,
-                  QStyleHintReturn* returnData) const override
-    {
-        if (hint == QStyle::SH_Slider_AbsoluteSetButtons) {
-            return Qt::LeftButton;
-        }
-        return QProxyStyle::styleHint(hint, option, widget, returnData);
-    }
-};
+static_assert(DisplayRow::sliderSteps == BrightnessSlider::steps);
 
 int sliderPosition(double brightness)
 {
@@ -40,10 +27,9 @@ int sliderPosition(double brightness)
     return static_cast<int>(std::lround(clamped * DisplayRow::sliderSteps));
 }
 
-QLabel* symbolLabel(const QString& tooltip, QWidget* parent)
+QLabel* symbolLabel(QWidget* parent)
 {
     auto* label = new QLabel(parent);
-    label->setToolTip(tooltip);
     label->setFixedSize(Style::symbolSize, Style::symbolSize);
     return label;
 }
@@ -68,32 +54,28 @@ DisplayRow::DisplayRow(const DisplaySnapshot& display, DisplayController& contro
     power_ = new QToolButton(this);
     power_->setObjectName(QStringLiteral("powerButton"));
     power_->setAutoRaise(true);
-    power_->setFocusPolicy(Qt::NoFocus);
+    power_->setFocusPolicy(Qt::StrongFocus);
     power_->setIconSize(QSize(Style::symbolSize, Style::symbolSize));
     firstLine->addWidget(power_, 0, Qt::AlignVCenter);
     column->addLayout(firstLine);
 
     auto* secondLine = new QHBoxLayout;
     secondLine->setSpacing(8);
-    dimmer_ = symbolLabel(QStringLiteral("Dimmer"), this);
+    dimmer_ = symbolLabel(this);
     dimmer_->setObjectName(QStringLiteral("dimmerSymbol"));
     dimmer_->setProperty("symbol", QStringLiteral("sun.min"));
-    slider_ = new QSlider(Qt::Horizontal, this);
-    slider_->setObjectName(QStringLiteral("brightnessSlider"));
-    slider_->setToolTip(QStringLiteral("Brightness"));
-    slider_->setRange(0, sliderSteps);
-    slider_->setSingleStep(sliderSteps / 100);
-    slider_->setPageStep(sliderSteps / 16);
-    auto* sliderStyle = new JumpingSliderStyle;
-    sliderStyle->setParent(slider_);
-    slider_->setStyle(sliderStyle);
-    brighter_ = symbolLabel(QStringLiteral("Brighter"), this);
+    dimmer_->setToolTip(tr("Dimmer"));
+    slider_ = new BrightnessSlider(this);
+    slider_->setToolTip(tr("Brightness"));
+    brighter_ = symbolLabel(this);
     brighter_->setObjectName(QStringLiteral("brighterSymbol"));
     brighter_->setProperty("symbol", QStringLiteral("sun.max"));
+    brighter_->setToolTip(tr("Brighter"));
     secondLine->addWidget(dimmer_, 0, Qt::AlignVCenter);
     secondLine->addWidget(slider_, 1, Qt::AlignVCenter);
     secondLine->addWidget(brighter_, 0, Qt::AlignVCenter);
     column->addLayout(secondLine);
+    setTabOrder(power_, slider_);
 
     // Every value the slider takes, while dragged, clicked or keyed, is a brightness request; positions set
     // from the model are not (they are set with the signals blocked).
@@ -107,17 +89,32 @@ DisplayRow::DisplayRow(const DisplaySnapshot& display, DisplayController& contro
     showSymbols();
     showPower();
     showBrightness();
+    showNames();
 }
 
 void DisplayRow::update(const DisplaySnapshot& display)
 {
     const bool powerChanged = display.isOn != display_.isOn || display.canPowerOff != display_.canPowerOff;
+    const bool renamed = display.name != display_.name;
     display_ = display;
     static_cast<ElidedLabel*>(name_)->setFullText(QString::fromStdString(display_.name));
     if (powerChanged) {
         showPower();
     }
+    if (powerChanged || renamed) {
+        showNames();
+    }
     showBrightness();
+}
+
+QList<QWidget*> DisplayRow::focusChain() const
+{
+    QList<QWidget*> chain;
+    if (display_.canPowerOff) {
+        chain.append(power_);
+    }
+    chain.append(slider_);
+    return chain;
 }
 
 void DisplayRow::changeEvent(QEvent* event)
@@ -135,8 +132,7 @@ void DisplayRow::showPower()
     const QString symbol = display_.isOn ? QStringLiteral("power") : QStringLiteral("powersleep");
     power_->setProperty("symbol", symbol);
     power_->setIcon(Symbols::icon(symbol, palette().color(QPalette::ButtonText)));
-    power_->setToolTip(display_.isOn ? QStringLiteral("Turn display off (DDC standby)")
-                                     : QStringLiteral("Turn display on"));
+    power_->setToolTip(display_.isOn ? tr("Turn display off (DDC standby)") : tr("Turn display on"));
 }
 
 void DisplayRow::showBrightness()
@@ -156,6 +152,19 @@ void DisplayRow::showSymbols()
     const QSize size(Style::symbolSize, Style::symbolSize);
     dimmer_->setPixmap(Symbols::icon(QStringLiteral("sun.min"), tint).pixmap(size, devicePixelRatioF()));
     brighter_->setPixmap(Symbols::icon(QStringLiteral("sun.max"), tint).pixmap(size, devicePixelRatioF()));
+}
+
+// What a screen reader says for each control: the display it acts on, and what it does.
+void DisplayRow::showNames()
+{
+    const QString name = QString::fromStdString(display_.name);
+    name_->setAccessibleName(name);
+    slider_->setAccessibleName(tr("Brightness of %1").arg(name));
+    slider_->setAccessibleDescription(tr("Brightness"));
+    power_->setAccessibleName(display_.isOn ? tr("Turn %1 off").arg(name) : tr("Turn %1 on").arg(name));
+    power_->setAccessibleDescription(power_->toolTip());
+    dimmer_->setAccessibleName(tr("Dimmer"));
+    brighter_->setAccessibleName(tr("Brighter"));
 }
 
 }  // namespace Lumora

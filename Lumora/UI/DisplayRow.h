@@ -1,18 +1,19 @@
 #pragma once
 // One display in the panel: its name, a power button for an external monitor, and a brightness slider between a
 // dim and a bright sun. The row shows a copy of its display's snapshot and sends every action to the controller;
-// it keeps its identity (and a slider drag in progress) while that display's values change.
+// it keeps its identity (and a slider drag in progress) while that display's values change. Its controls take the
+// keyboard focus in order (power button, slider) and carry names for screen readers.
 
 #include <QWidget>
 
 #include "Lumora/App/DisplaySnapshot.h"
 
 class QLabel;
-class QSlider;
 class QToolButton;
 
 namespace Lumora {
 
+class BrightnessSlider;
 class DisplayController;
 
 class DisplayRow : public QWidget {
@@ -27,6 +28,9 @@ public:
     // Shows new values of the same display. While the user holds the slider, its position is left alone.
     void update(const DisplaySnapshot& display);
 
+    // The row's controls that take the keyboard focus, in Tab order.
+    QList<QWidget*> focusChain() const;
+
 protected:
     void changeEvent(QEvent* event) override;
 
@@ -34,13 +38,14 @@ private:
     void showPower();
     void showBrightness();
     void showSymbols();
+    void showNames();
 
     DisplaySnapshot display_;
     DisplayController& controller_;
     QLabel* name_ = nullptr;
     QToolButton* power_ = nullptr;
     QLabel* dimmer_ = nullptr;
-    QSlider* slider_ = nullptr;
+    BrightnessSlider* slider_ = nullptr;
     QLabel* brighter_ = nullptr;
 };
 

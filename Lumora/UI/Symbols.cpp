@@ -2,6 +2,7 @@
 
 #include <QGuiApplication>
 #include <QPainter>
+#include <QPalette>
 #include <QPixmap>
 #include <QStringList>
 
@@ -66,12 +67,12 @@ bool groupInTheme(const Symbol& symbol)
     return true;
 }
 
-QIcon bundled(const QString& name, const QColor& tint)
+// The drawing in one colour: every pixel keeps its coverage and takes the tint, as the desktops draw symbolic
+// icons in the text colour of their surroundings.
+QIcon tinted(const QIcon& drawing, const QColor& tint)
 {
-    initSymbolResources();
-    const QIcon drawing(QStringLiteral(":/symbols/%1.svg").arg(name));
     const qreal ratio = qGuiApp != nullptr ? qGuiApp->devicePixelRatio() : 1.0;
-    QIcon tinted;
+    QIcon result;
     for (int side : {16, 20, 22, 24, 32, 48, 64}) {
         const QSize pixels(qRound(side * ratio), qRound(side * ratio));
         QPixmap pixmap = drawing.pixmap(pixels);
@@ -83,9 +84,9 @@ QIcon bundled(const QString& name, const QColor& tint)
         painter.fillRect(pixmap.rect(), tint);
         painter.end();
         pixmap.setDevicePixelRatio(ratio);
-        tinted.addPixmap(pixmap);
+        result.addPixmap(pixmap);
     }
-    return tinted;
+    return result;
 }
 
 }  // namespace
@@ -97,15 +98,22 @@ QIcon icon(const QString& name, const QColor& tint)
         return {};
     }
     if (groupInTheme(*symbol)) {
-        return QIcon::fromTheme(themeName(*symbol));
+        // A symbolic theme icon is a shape meant to be drawn in the colour of its surroundings; a full-colour
+        // one is shown as the theme drew it.
+        const QString name = themeName(*symbol);
+        const QIcon themed = QIcon::fromTheme(name);
+        return name.endsWith(QLatin1String("-symbolic")) ? tinted(themed, tint) : themed;
     }
-    return bundled(name, tint);
+    initSymbolResources();
+    return tinted(QIcon(QStringLiteral(":/symbols/%1.svg").arg(name)), tint);
 }
 
-QIcon trayIcon()
+QIcon trayIcon(const QPalette& palette)
 {
-    // Amber reads on the light and the dark panels of common desktops.
-    return icon(QStringLiteral("sun.max"), QColor(0xF2, 0xA9, 0x00));
+    // Amber reads on the light and the dark panels of common desktops; a deeper one on a light desktop, a
+    // brighter one on a dark desktop.
+    const bool dark = palette.color(QPalette::Window).lightnessF() < 0.5;
+    return icon(QStringLiteral("sun.max"), dark ? QColor(0xFF, 0xC1, 0x2E) : QColor(0xE0, 0x98, 0x00));
 }
 
 }  // namespace Lumora::Symbols

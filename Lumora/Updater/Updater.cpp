@@ -1,6 +1,9 @@
 #include "Lumora/Updater/Updater.h"
 
 #include <dlfcn.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -11,7 +14,48 @@
 
 namespace Lumora {
 
-Updater::Updater() : Updater(privateLibraryDirectory()) {}
+namespace {
+
+std::string trustedPrivateLibraryDirectory()
+{
+    const std::string directory = Updater::privateLibraryDirectory();
+    if (directory.empty() || !Updater::isTrustedLocation(directory + "/" LUMORA_UPDATE_PLUGIN_FILE)) {
+        return {};
+    }
+    return directory;
+}
+
+bool ownedByRootAndClosed(const struct stat& status)
+{
+    const bool sticky = S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0;
+    return status.st_uid == 0 && (sticky || (status.st_mode & (S_IWGRP | S_IWOTH)) == 0);
+}
+
+}  // namespace
+
+Updater::Updater() : Updater(trustedPrivateLibraryDirectory()) {}
+
+bool Updater::isTrustedLocation(const std::string& path)
+{
+    std::array<char, PATH_MAX> resolved{};
+    if (::realpath(path.c_str(), resolved.data()) == nullptr) {
+        return false;
+    }
+    std::string walk(resolved.data());
+    struct stat status {};
+    if (::stat(walk.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || !ownedByRootAndClosed(status)) {
+        return false;
+    }
+    // Every directory above it, up to the root.
+    while (walk.size() > 1) {
+        const auto slash = walk.rfind('/');
+        walk = slash == 0 ? std::string("/") : walk.substr(0, slash);
+        if (::stat(walk.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || !ownedByRootAndClosed(status)) {
+            return false;
+        }
+    }
+    return true;
+}
 
 Updater::Updater(const std::string& libraryDirectory)
 {

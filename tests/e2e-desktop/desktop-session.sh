@@ -64,11 +64,12 @@ wait_until()
 
 session_track() { SESSION_PIDS+=("$1"); }
 
-# session_start WORKDIR [WIDTHxHEIGHT]: starts Xvfb on a free display, openbox and trayer (a tray at the top
-# right); exports DISPLAY. Fails when any piece does not come up in time.
+# session_start WORKDIR [WIDTHxHEIGHT [notray]]: starts Xvfb on a free display, openbox and trayer (a tray at the
+# top right; none with "notray", see session_start_tray); exports DISPLAY. Fails when any piece does not come up
+# in time.
 session_start()
 {
-    local work=$1 size=${2:-1280x800}
+    local work=$1 size=${2:-1280x800} tray=${3:-tray}
     mkdir -p "$work"
     rm -f "$work/displayfd"
     Xvfb -displayfd 3 -screen 0 "${size}x24" -nolisten tcp -noreset 3>"$work/displayfd" >"$work/xvfb.log" 2>&1 &
@@ -90,13 +91,36 @@ session_start()
         return 1
     fi
 
+    if [[ $tray == tray ]]; then
+        session_start_tray "$work"
+    fi
+}
+
+# session_start_tray WORKDIR: trayer, an XEmbed system tray at the top right of the screen.
+session_start_tray()
+{
     trayer --edge top --align right --widthtype request --height 24 --SetDockType true --SetPartialStrut true \
-        --transparent false --expand false >"$work/trayer.log" 2>&1 &
+        --transparent false --expand false >"$1/trayer.log" 2>&1 &
     session_track $!
     if ! wait_until 10 session_has_tray; then
         echo "session: trayer did not start" >&2
         return 1
     fi
+}
+
+# session_bus WORKDIR: a private session bus (dbus-daemon), exported as DBUS_SESSION_BUS_ADDRESS. No
+# StatusNotifier host is on it unless a test starts one.
+session_bus()
+{
+    rm -f "$1/bus-address"
+    dbus-daemon --session --nofork --nopidfile --print-address=3 3>"$1/bus-address" >"$1/dbus.log" 2>&1 &
+    session_track $!
+    if ! wait_until 10 test -s "$1/bus-address"; then
+        echo "session: the session bus did not start" >&2
+        return 1
+    fi
+    export DBUS_SESSION_BUS_ADDRESS
+    DBUS_SESSION_BUS_ADDRESS=$(head -1 "$1/bus-address")
 }
 
 session_has_wm() { xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q 'window id'; }
@@ -154,6 +178,31 @@ tray_icon()
 }
 icon_docked() { tray_icon >/dev/null; }
 
+# lumora_window_named TITLE [managed]: the id of Lumora's viewable top-level window with that exact title
+# (_NET_WM_NAME); with "managed", only a window the window manager manages (the icon docked in a tray is titled
+# Lumora too).
+lumora_window_named()
+{
+    local id
+    for id in $(xdotool search --onlyvisible --classname '^lumora$' 2>/dev/null); do
+        xprop -id "$id" _NET_WM_NAME 2>/dev/null | grep -qxF "_NET_WM_NAME(UTF8_STRING) = \"$1\"" || continue
+        if [[ ${2:-} == managed ]] && ! xprop -id "$id" WM_STATE 2>/dev/null | grep -q 'window state: Normal'; then
+            continue
+        fi
+        echo "$id"
+        return 0
+    done
+    return 1
+}
+
+# window_geometry ID: "x y width height" of a window, its position on the screen.
+window_geometry()
+{
+    xwininfo -id "$1" 2>/dev/null |
+        awk '/Absolute upper-left X/ {x=$4} /Absolute upper-left Y/ {y=$4} /^ *Width:/ {w=$2} /^ *Height:/ {h=$2}
+             END {if (w == "") exit 1; print x, y, w, h}'
+}
+
 # panel_geometry: "x y width height" of the shown panel (Lumora's viewable 300-wide window).
 panel_geometry()
 {
@@ -162,10 +211,27 @@ panel_geometry()
 panel_shown() { panel_geometry >/dev/null; }
 panel_hidden() { ! panel_shown; }
 
-# menu_geometry: "x y width height" of a shown Lumora window that is neither the panel nor the icon.
+# menu_geometry: "x y width height" of a shown Lumora window that is neither the panel nor the icon, nor a tooltip.
 menu_geometry()
 {
-    lumora_windows | awk '$4 != 300 && $4 > 60 && $6 == 1 {print $2, $3, $4, $5; found=1; exit} END {exit !found}'
+    local id x y w h v
+    while read -r id x y w h v; do
+        (( w != 300 && w > 60 && v == 1 )) || continue
+        xprop -id "$id" _NET_WM_WINDOW_TYPE 2>/dev/null | grep -q TOOLTIP && continue
+        echo "$x $y $w $h"
+        return 0
+    done < <(lumora_windows)
+    return 1
+}
+
+# tooltip_shown: a viewable Lumora window of the tooltip type is on screen.
+tooltip_shown()
+{
+    local id
+    for id in $(xdotool search --onlyvisible --classname '^lumora$' 2>/dev/null); do
+        xprop -id "$id" _NET_WM_WINDOW_TYPE 2>/dev/null | grep -q _NET_WM_WINDOW_TYPE_TOOLTIP && return 0
+    done
+    return 1
 }
 menu_shown() { menu_geometry >/dev/null; }
 

@@ -3,10 +3,11 @@
 # real tray (Xvfb + openbox + trayer), driven with xdotool like a person would, checked through the window
 # system, the pixels of screenshots, the emulated monitors' state and their transaction log.
 #
-#   run.sh LUMORA VIRTUAL_DESK ARTIFACT_DIR [UPDATE_PLUGIN PRIVATE_LIBDIR]
+#   run.sh LUMORA VIRTUAL_DESK ARTIFACT_DIR UPDATE_PLUGIN PRIVATE_LIBDIR MAP_LOG
 #
 # UPDATE_PLUGIN is a test update plugin and PRIVATE_LIBDIR the private library directory relative to the
-# executable's directory; with them a copy of lumora is also run with the plugin installed beside it.
+# executable's directory: a copy of lumora is also run with the plugin installed beside it, in a directory only
+# root can change (loaded) and in one others may write to (not loaded). MAP_LOG is the map-log tool.
 # Exit status: 0 passed, 1 failed, 77 skipped (no Xvfb on this machine). Screenshots stay in ARTIFACT_DIR.
 set -uo pipefail
 
@@ -15,93 +16,41 @@ VIRTUAL_DESK=$2
 ARTIFACTS=$3
 UPDATE_PLUGIN=${4:-}
 PRIVATE_LIBDIR=${5:-}
+MAP_LOG=${6:-}
 HERE=$(cd "$(dirname "$0")" && pwd)
-
-if ! command -v Xvfb >/dev/null 2>&1; then
-    echo "SKIP: Xvfb is not installed"
-    exit 77
-fi
-for tool in openbox trayer xdotool xwininfo xprop import xmessage; do
-    command -v "$tool" >/dev/null 2>&1 || { echo "FAIL: $tool is missing (scripts/install-deps.sh installs it)"; exit 1; }
-done
 
 # shellcheck source=desktop-session.sh
 source "$HERE/desktop-session.sh"
+# shellcheck source=checks.sh
+source "$HERE/checks.sh"
 
-rm -rf "$ARTIFACTS"
-mkdir -p "$ARTIFACTS"
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/lumora-e2e.XXXXXX")
-FAILURES=0
-APP_PID=""
-
-cleanup()
-{
-    session_stop
-    cp "$WORK"/*.log "$ARTIFACTS/" 2>/dev/null || true
-    rm -rf "$WORK"
-}
-trap cleanup EXIT
-
-session_environment "$WORK"
-
-# expect_exit_zero WHAT: the application ends within 20 s of WHAT, with status 0.
-expect_exit_zero()
-{
-    if wait_until 20 bash -c '! kill -0 "$0" 2>/dev/null' "$APP_PID"; then
-        wait "$APP_PID"
-        local status=$?
-        check "$1 ends lumora with exit status 0 (was $status)" test "$status" -eq 0
-    else
-        fail "lumora still running 20 s after $1"
-    fi
-}
-
-step() { echo "== $*"; }
-pass() { echo "   ok: $*"; }
-fail() { echo "   FAIL: $*"; FAILURES=$((FAILURES + 1)); }
-check() { local what=$1; shift; if "$@"; then pass "$what"; else fail "$what"; fi; }
-shot() { screenshot "$ARTIFACTS/$1.png" && echo "   screenshot: $ARTIFACTS/$1.png"; }
-desk() { "$VIRTUAL_DESK" --send "$WORK/control" "$@"; }
-desk_value() { desk "$@" | awk '$1 == "ok" {print $2}'; }
-equals() { [[ "$("${@:2}")" == "$1" ]]; }
-finish()
-{
-    echo
-    if (( FAILURES == 0 )); then echo "1 passed, 0 failed"; exit 0; fi
-    echo "0 passed, 1 failed ($FAILURES checks failed)"
-    exit 1
-}
-abort() { fail "$*"; shot "zz-abort"; finish; }
-
-step "desktop: Xvfb, openbox, trayer"
-if ! session_start "$WORK" 1280x800; then
-    # Once more from scratch, keeping the first attempt's logs: a desktop that does not come up is about this
-    # machine, not about Lumora, but a second failure is reported.
-    mkdir -p "$ARTIFACTS/first-attempt"
-    cp "$WORK"/*.log "$ARTIFACTS/first-attempt/" 2>/dev/null
-    session_stop
-    session_start "$WORK" 1280x800 || abort "the virtual desktop did not start"
-fi
-pass "display $DISPLAY"
+step "desktop: Xvfb, openbox, trayer, a session bus"
+start_desktop
+session_bus "$WORK" || abort "no session bus"
 
 step "start lumora on the virtual desk (default desk: DP-1 and HDMI-A-1 monitors, eDP-1 panel)"
 start=$(now_ms)
-"$VIRTUAL_DESK" --control "$WORK/control" --log "$WORK/desk.jsonl" -- "$LUMORA" >"$WORK/lumora.log" 2>&1 &
-APP_PID=$!
-session_track "$APP_PID"
+start_lumora "$WORK/lumora.log"
 wait_until 20 icon_docked || abort "the sun never docked in the tray"
 echo "   docked after $(( $(now_ms) - start )) ms"
 read -r IX IY IW IH < <(tray_icon)
 pass "icon at ${IX},${IY} ${IW}x${IH}"
 shot 01-docked
 
-step "a second lumora leaves the first alone and exits quietly"
+step "a second lumora asks the first to show its panel (session bus) and exits quietly"
 second_out=$(timeout -k 2 20 "$LUMORA" 2>&1)
 second_status=$?
 check "second instance exit status 0 (was $second_status)" test "$second_status" -eq 0
-check "second instance printed nothing" test -z "$second_out"
+check "second instance printed nothing (printed: $second_out)" test -z "$second_out"
+check "the first one shows its panel" wait_until 10 panel_shown
 check "the first one is still docked" icon_docked
-check "the first one is still running" kill -0 "$APP_PID"
+check "the first one is still running" running "$APP_PID"
+read -r PX PY PW PH < <(panel_geometry)
+check "the panel opens under the icon (y $PY, icon bottom $(( IY + IH )))" test "$PY" -eq $(( IY + IH + 6 ))
+PANEL_ID=$(lumora_windows | awk '$4 == 300 && $6 == 1 {print $1; exit}')
+check "the panel has the keyboard focus" wait_until 10 equals "$PANEL_ID" xdotool getwindowfocus
+xdotool key Escape
+check "Escape hides it" wait_until 10 panel_hidden
 
 step "left click on the icon opens the panel under it"
 xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1
@@ -186,6 +135,60 @@ check "panel hidden by the click in the other window" wait_until 10 panel_hidden
 check "the other window got its click" wait_until 10 grep -q clicked "$WORK/xmessage.out"
 shot 10-dismissed
 
+step "keyboard: the panel takes the focus, Tab reaches the first slider, arrows and Page keys step it, Escape gives the focus back"
+xmessage -geometry +80+400 "focused application" >"$WORK/xmessage2.out" 2>&1 &
+session_track $!
+wait_until 10 bash -c 'xdotool search --onlyvisible --name "^xmessage$" >/dev/null' || fail "xmessage did not appear"
+OTHER=$(xdotool search --onlyvisible --name '^xmessage$' | head -1)
+xdotool windowactivate --sync "$OTHER" 2>/dev/null
+check "the other application has the focus" wait_until 10 equals "$OTHER" xdotool getwindowfocus
+xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1
+wait_until 10 panel_shown || abort "no panel for the keyboard"
+PANEL_ID=$(lumora_windows | awk '$4 == 300 && $6 == 1 {print $1; exit}')
+check "the panel has the keyboard focus" wait_until 10 equals "$PANEL_ID" xdotool getwindowfocus
+xdotool mousemove 640 700
+# The first control of the first row (DP-1's power button) has the focus; Tab moves on to its slider.
+KEYED=$(desk_value brightness card0-DP-1)
+xdotool key Tab
+for n in 1 2 3; do
+    xdotool key Right
+    check "Right $n: DP-1 at $(( KEYED + n ))" wait_until 10 equals $(( KEYED + n )) desk_value brightness card0-DP-1
+done
+xdotool key Page_Down
+# A sixteenth down from KEYED + 3 percent, as the slider rounds it.
+PAGED=$(awk -v v="$KEYED" 'BEGIN { printf "%d", (v + 3) - 6.25 + 0.5 }')
+check "Page Down: DP-1 a sixteenth lower, at $PAGED" wait_until 10 equals "$PAGED" desk_value brightness card0-DP-1
+check "HDMI-A-1 untouched by the keys" equals 70 desk_value brightness card0-HDMI-A-1
+shot 10b-keyboard
+xdotool key Escape
+check "Escape hides the panel" wait_until 10 panel_hidden
+check "the focus is back on the other application" wait_until 10 equals "$OTHER" xdotool getwindowfocus
+
+step "tooltips show although the panel is never the active window"
+xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1
+wait_until 10 panel_shown || abort "no panel for the tooltip"
+read -r PX PY PW PH < <(panel_geometry)
+mapfile -t ROWS < <(screenshot "$WORK/tip.png"; slider_rows "$WORK/tip.png" "$PX" "$PY" "$PH")
+xdotool windowactivate --sync "$OTHER" 2>/dev/null
+wait_until 10 equals "$OTHER" xdotool getwindowfocus
+# Over the first slider's groove, right of its handle. A hand never rests quite still: a tooltip waits for the
+# pointer to stop, and a pointer that came to rest while the panel was losing the focus gets one more nudge.
+hover_tooltip()
+{
+    local x=$1 y=$2 nudge
+    for nudge in 0 1 0 1 0; do
+        xdotool mousemove $(( x + nudge )) "$y"
+        wait_until 2 tooltip_shown && return 0
+    done
+    return 1
+}
+check "a tooltip window appears over the slider" hover_tooltip $(( PX + 240 )) "${ROWS[0]:-$(( PY + 80 ))}"
+shot 10c-tooltip
+xdotool mousemove 640 700
+xdotool click 1
+check "closed by a click elsewhere" wait_until 10 panel_hidden
+sleep 0.6   # beyond the double-click interval
+
 step "the icon toggles: open, and a second click closes"
 xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1
 check "opens" wait_until 10 panel_shown
@@ -199,6 +202,22 @@ check "a double click counts as a click (three quick clicks leave it open)" wait
 sleep 0.6
 xdotool click 1
 check "closes again" wait_until 10 panel_hidden
+
+step "About Lumora from the menu: its whole title shows"
+xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+wait_until 10 menu_shown || abort "no menu"
+read -r NX NY NW NH < <(menu_geometry)
+# "About Lumora" is the first item.
+xdotool mousemove $(( NX + 40 )) $(( NY + 12 )) click 1
+about_shown() { lumora_window_named "About Lumora" >/dev/null; }
+check "a window titled About Lumora" wait_until 10 about_shown
+ABOUT=$(lumora_window_named "About Lumora")
+read -r _ _ AW _ < <(window_geometry "$ABOUT")
+check "About is wide enough for its title (width $AW)" test "${AW:-0}" -ge 380
+shot 10d-about
+xdotool windowactivate --sync "$ABOUT" key Escape 2>/dev/null
+about_gone() { ! lumora_window_named "About Lumora" >/dev/null; }
+check "About closes" wait_until 10 about_gone
 
 step "right click: the status menu; Quit ends lumora with status 0"
 xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
@@ -218,7 +237,7 @@ if [[ -s $WORK/desk.jsonl ]]; then
     mapfile -t power_sets < <(sets card0-DP-1 0xD6 | uniq)
     check "DP-1 got D6 04 then D6 01 (got ${power_sets[*]})" test "${power_sets[*]}" == "4 1"
     last_brightness=$(sets card0-DP-1 0x10 | tail -1)
-    check "the newest brightness written to DP-1 is the kept one, $DRAGGED (was $last_brightness)" test "$last_brightness" == "$DRAGGED"
+    check "the newest brightness written to DP-1 is the last one keyed, $PAGED (was $last_brightness)" test "$last_brightness" == "$PAGED"
     drag_writes=$(sets card0-DP-1 0x10 | uniq | wc -l)
     echo "   distinct brightness values written to DP-1: $drag_writes"
     check "the monitors were written at all" test "$(grep -c '"request":"set"' "$WORK/desk.jsonl")" -gt 0
@@ -227,30 +246,50 @@ else
 fi
 check "the virtual desk saw no violation" bash -c '! grep -qi violation "$0"' "$WORK/lumora.log"
 
-step "with an update plugin in the private library directory: Check for Updates reaches it; q quits"
+step "an update plugin in a private library directory only root can change: Check for Updates reaches it; q quits"
 if [[ -n ${UPDATE_PLUGIN:-} && -f $UPDATE_PLUGIN ]]; then
     mkdir -p "$WORK/install/bin" "$WORK/install/bin/$PRIVATE_LIBDIR"
     cp "$LUMORA" "$WORK/install/bin/lumora"
     cp "$UPDATE_PLUGIN" "$WORK/install/bin/$PRIVATE_LIBDIR/liblumora-update.so"
+    chmod 755 "$WORK/install/bin/$PRIVATE_LIBDIR"
+    chmod 644 "$WORK/install/bin/$PRIVATE_LIBDIR/liblumora-update.so"
     export LUMORA_TEST_UPDATE_LOG="$WORK/update.log"
-    "$VIRTUAL_DESK" -- "$WORK/install/bin/lumora" >"$WORK/lumora-with-plugin.log" 2>&1 &
-    APP_PID=$!
-    session_track "$APP_PID"
-    wait_until 20 icon_docked || abort "the sun never docked (with the plugin)"
-    check "the plugin made its controller at start, started, without delegates" wait_until 10 grep -qx "create 1 0" "$WORK/update.log"
-    read -r IX IY IW IH < <(tray_icon)
+    start_with_plugin()
+    {
+        "$VIRTUAL_DESK" -- "$WORK/install/bin/lumora" >"$WORK/lumora-with-plugin.log" 2>&1 &
+        APP_PID=$!
+        session_track "$APP_PID"
+        wait_until 20 icon_docked || abort "the sun never docked (with the plugin)"
+        read -r IX IY IW IH < <(tray_icon)
+    }
+    if (( EUID == 0 )); then
+        start_with_plugin
+        check "the plugin made its controller at start, started, without delegates" wait_until 10 grep -qx "create 1 0" "$WORK/update.log"
+        xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+        check "menu shown" wait_until 10 menu_shown
+        shot 12-menu-with-updater
+        read -r NX NY NW NH < <(menu_geometry)
+        # "Check for Updates…" is the second item: its text is dark now, grey when disabled (11-menu.png).
+        xdotool mousemove $(( NX + 40 )) $(( NY + 32 )) click 1
+        check "Check for Updates reached the plugin once" wait_until 10 bash -c '[[ $(grep -cx "check 0" "$0") == 1 ]]' "$WORK/update.log"
+        xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+        check "menu shown again" wait_until 10 menu_shown
+        xdotool key q
+        expect_exit_zero "q in the menu"
+        check "still exactly one controller made" test "$(grep -c '^create' "$WORK/update.log")" -eq 1
+    else
+        echo "   note: not root here, so no directory of this run is root's: the loading case is left out"
+    fi
+
+    step "the same plugin in a directory others may write to is not loaded"
+    rm -f "$WORK/update.log"
+    chmod 777 "$WORK/install/bin/$PRIVATE_LIBDIR"
+    start_with_plugin
+    check "no controller made" test ! -s "$WORK/update.log"
     xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
     check "menu shown" wait_until 10 menu_shown
-    shot 12-menu-with-updater
-    read -r NX NY NW NH < <(menu_geometry)
-    # "Check for Updates…" is the second item: its text is dark now, grey when disabled (11-menu.png).
-    xdotool mousemove $(( NX + 40 )) $(( NY + 32 )) click 1
-    check "Check for Updates reached the plugin once" wait_until 10 bash -c '[[ $(grep -cx "check 0" "$0") == 1 ]]' "$WORK/update.log"
-    xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
-    check "menu shown again" wait_until 10 menu_shown
     xdotool key q
     expect_exit_zero "q in the menu"
-    check "still exactly one controller made" test "$(grep -c '^create' "$WORK/update.log")" -eq 1
 else
     fail "no test update plugin given"
 fi

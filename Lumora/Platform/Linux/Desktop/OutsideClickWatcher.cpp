@@ -9,6 +9,7 @@
 #include <xcb/xinput.h>
 
 #include <cstdlib>
+#include <optional>
 
 namespace Lumora {
 namespace {
@@ -19,7 +20,7 @@ constexpr std::uint32_t rightButton = 3;
 }  // namespace
 
 std::unique_ptr<OutsideClickWatcher> OutsideClickWatcher::install(std::function<bool(QPoint)> isOwn,
-                                                                  std::function<void()> onOutsideClick)
+                                                                  std::function<void(QPoint)> onOutsideClick)
 {
     if (QGuiApplication::platformName() != QLatin1String("xcb")) {
         return nullptr;
@@ -68,7 +69,7 @@ std::unique_ptr<OutsideClickWatcher> OutsideClickWatcher::install(std::function<
 }
 
 OutsideClickWatcher::OutsideClickWatcher(xcb_connection_t* connection, std::uint8_t opcode,
-                                         std::function<bool(QPoint)> isOwn, std::function<void()> onOutsideClick)
+                                         std::function<bool(QPoint)> isOwn, std::function<void(QPoint)> onOutsideClick)
     : connection_(connection), opcode_(opcode), isOwn_(std::move(isOwn)), onOutsideClick_(std::move(onOutsideClick))
 {
     notifier_ = new QSocketNotifier(xcb_get_file_descriptor(connection_), QSocketNotifier::Read, this);
@@ -84,14 +85,17 @@ OutsideClickWatcher::~OutsideClickWatcher()
 
 void OutsideClickWatcher::readEvents()
 {
-    bool outside = false;
+    std::optional<QPoint> outside;
     while (xcb_generic_event_t* event = xcb_poll_for_event(connection_)) {
         if ((event->response_type & 0x7F) == XCB_GE_GENERIC) {
             auto* generic = reinterpret_cast<xcb_ge_generic_event_t*>(event);
             if (generic->extension == opcode_ && generic->event_type == XCB_INPUT_RAW_BUTTON_PRESS) {
                 auto* press = reinterpret_cast<xcb_input_raw_button_press_event_t*>(event);
-                if (press->detail == leftButton || press->detail == rightButton) {
-                    outside = outside || !isOwn_(QCursor::pos());
+                if ((press->detail == leftButton || press->detail == rightButton) && !outside) {
+                    const QPoint position = QCursor::pos();
+                    if (!isOwn_(position)) {
+                        outside = position;
+                    }
                 }
             }
         }
@@ -103,7 +107,7 @@ void OutsideClickWatcher::readEvents()
     if (outside) {
         // The handler may well destroy this watcher, so it runs from the event loop, not inside the notifier's
         // signal; it is dropped if the watcher is gone by then.
-        QTimer::singleShot(0, this, [this] { onOutsideClick_(); });
+        QTimer::singleShot(0, this, [this, position = *outside] { onOutsideClick_(position); });
     }
 }
 

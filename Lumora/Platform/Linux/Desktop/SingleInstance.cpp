@@ -2,13 +2,40 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <string>
 
 namespace Lumora::SingleInstance {
+namespace {
+
+bool isPrivateDirectory(const std::string& path)
+{
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) {
+        return false;
+    }
+    return S_ISDIR(status.st_mode) && status.st_uid == ::getuid() && (status.st_mode & 077) == 0;
+}
+
+}  // namespace
+
+std::optional<std::string> lockPath(const char* runtimeDirectory, const std::string& fallbackParent)
+{
+    if (runtimeDirectory != nullptr && runtimeDirectory[0] == '/') {
+        return std::string(runtimeDirectory) + "/lumora.lock";
+    }
+    const std::string directory = fallbackParent + "/lumora-" + std::to_string(::getuid());
+    if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+        return std::nullopt;
+    }
+    if (!isPrivateDirectory(directory)) {
+        return std::nullopt;
+    }
+    return directory + "/lumora.lock";
+}
 
 bool acquire()
 {
@@ -16,11 +43,11 @@ bool acquire()
     if (held >= 0) {
         return true;
     }
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    const std::string path = runtime != nullptr && runtime[0] == '/'
-                                 ? std::string(runtime) + "/lumora.lock"
-                                 : "/tmp/lumora-" + std::to_string(::getuid()) + ".lock";
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    const std::optional<std::string> path = lockPath(std::getenv("XDG_RUNTIME_DIR"));
+    if (!path) {
+        return true;
+    }
+    const int fd = ::open(path->c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) {
         return true;
     }

@@ -1,0 +1,73 @@
+#include "Lumora/Platform/Linux/Desktop/InputFocus.h"
+
+#include <QGuiApplication>
+#include <QWidget>
+#include <QtGui/qguiapplication_platform.h>
+
+#include <xcb/xcb.h>
+
+#include <cstdlib>
+
+namespace Lumora {
+namespace {
+
+xcb_connection_t* x11()
+{
+    if (qGuiApp == nullptr || QGuiApplication::platformName() != QLatin1String("xcb")) {
+        return nullptr;
+    }
+    auto* native = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
+    return native != nullptr ? native->connection() : nullptr;
+}
+
+std::optional<xcb_window_t> focusedWindow(xcb_connection_t* connection)
+{
+    xcb_get_input_focus_reply_t* reply = xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr);
+    if (reply == nullptr) {
+        return std::nullopt;
+    }
+    const xcb_window_t focus = reply->focus;
+    std::free(reply);
+    return focus;
+}
+
+// A window that has gone, or is no longer viewable, refuses the focus: the error is taken here rather than left to
+// the toolkit's error log.
+void focus(xcb_connection_t* connection, xcb_window_t window)
+{
+    std::free(xcb_request_check(
+        connection, xcb_set_input_focus_checked(connection, XCB_INPUT_FOCUS_PARENT, window, XCB_CURRENT_TIME)));
+}
+
+}  // namespace
+
+void InputFocus::take(QWidget& window)
+{
+    xcb_connection_t* connection = x11();
+    if (connection == nullptr) {
+        window.activateWindow();
+        return;
+    }
+    const auto own = static_cast<xcb_window_t>(window.winId());
+    const std::optional<xcb_window_t> before = focusedWindow(connection);
+    if (before && *before != own) {
+        previous_ = *before;
+    }
+    focus(connection, own);
+}
+
+void InputFocus::giveBack(QWidget& window)
+{
+    const std::optional<std::uint32_t> previous = previous_;
+    previous_.reset();
+    xcb_connection_t* connection = x11();
+    if (connection == nullptr || !previous || !window.testAttribute(Qt::WA_WState_Created)) {
+        return;
+    }
+    if (focusedWindow(connection) != static_cast<xcb_window_t>(window.winId())) {
+        return;  // the user has focused something else meanwhile
+    }
+    focus(connection, *previous);
+}
+
+}  // namespace Lumora

@@ -1,0 +1,25 @@
+#pragma once
+// Keyboard focus for a window the window manager leaves alone. The floating panel bypasses the window manager, so
+// nobody ever focuses it: on X11 it takes the input focus itself when it is shown or clicked, and hands it back to
+// the window that had it when it goes (unless the user has put the focus elsewhere meanwhile). Elsewhere the
+// window is simply activated.
+
+#include <cstdint>
+#include <optional>
+
+class QWidget;
+
+namespace Lumora {
+
+class InputFocus {
+public:
+    // Gives `window` (shown, top-level) the keyboard focus, remembering the window that had it before.
+    void take(QWidget& window);
+    // While `window` still has the focus, gives it back to the window remembered by take(). Call before hiding.
+    void giveBack(QWidget& window);
+
+private:
+    std::optional<std::uint32_t> previous_;
+};
+
+}  // namespace Lumora

@@ -1,0 +1,125 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="de_DE">
+<context>
+    <name>Lumora::AboutBox</name>
+    <message>
+        <source>About Lumora</source>
+        <translation>Über Lumora</translation>
+    </message>
+    <message>
+        <source>Lumora</source>
+        <translation>Lumora</translation>
+    </message>
+    <message>
+        <source>Lumora %1</source>
+        <translation>Lumora %1</translation>
+    </message>
+    <message>
+        <source>Brightness and standby for every display on the desk.</source>
+        <translation>Helligkeit und Standby für jeden Bildschirm auf dem Schreibtisch.</translation>
+    </message>
+</context>
+<context>
+    <name>Lumora::AppDelegate</name>
+    <message>
+        <source>lumora: no desktop session here (neither DISPLAY nor WAYLAND_DISPLAY is set), so there is no tray to sit in.
+The probe works anywhere: LUMORA_PROBE=1 lumora</source>
+        <translation>lumora: Hier läuft keine Desktop-Sitzung (weder DISPLAY noch WAYLAND_DISPLAY ist gesetzt), also gibt es keinen Infobereich für Lumora.
+Die Abfrage funktioniert überall: LUMORA_PROBE=1 lumora</translation>
+    </message>
+    <message>
+        <source>lumora: cannot reach the display server at %1=%2: it is not running, or it does not let Lumora in.</source>
+        <translation>lumora: Der Anzeigeserver unter %1=%2 ist nicht erreichbar: Er läuft nicht, oder er lässt Lumora nicht zu.</translation>
+    </message>
+    <message>
+        <source>lumora: Lumora is already running in this session; its panel opens from its tray icon.</source>
+        <translation>lumora: Lumora läuft in dieser Sitzung bereits; sein Bedienfeld öffnet sich über sein Symbol im Infobereich.</translation>
+    </message>
+    <message>
+        <source>lumora: this desktop has no system tray, so Lumora shows its panel as a window. Start Lumora again to reopen it.</source>
+        <translation>lumora: Diese Arbeitsumgebung hat keinen Infobereich, daher zeigt Lumora sein Bedienfeld als Fenster. Starten Sie Lumora erneut, um es wieder zu öffnen.</translation>
+    </message>
+    <message>
+        <source>Lumora — external monitor brightness</source>
+        <translation>Lumora — Helligkeit externer Monitore</translation>
+    </message>
+    <message>
+        <source>About Lumora</source>
+        <translation>Über Lumora</translation>
+    </message>
+    <message>
+        <source>Check for Updates…</source>
+        <translation>Nach Aktualisierungen suchen…</translation>
+    </message>
+    <message>
+        <source>Quit Lumora</source>
+        <translation>Lumora beenden</translation>
+    </message>
+</context>
+<context>
+    <name>Lumora::DisplayRow</name>
+    <message>
+        <source>Dimmer</source>
+        <translation>Dunkler</translation>
+    </message>
+    <message>
+        <source>Brightness</source>
+        <translation>Helligkeit</translation>
+    </message>
+    <message>
+        <source>Brighter</source>
+        <translation>Heller</translation>
+    </message>
+    <message>
+        <source>Turn display off (DDC standby)</source>
+        <translation>Bildschirm ausschalten (DDC-Standby)</translation>
+    </message>
+    <message>
+        <source>Turn display on</source>
+        <translation>Bildschirm einschalten</translation>
+    </message>
+    <message>
+        <source>Brightness of %1</source>
+        <translation>Helligkeit von %1</translation>
+    </message>
+    <message>
+        <source>Turn %1 off</source>
+        <translation>%1 ausschalten</translation>
+    </message>
+    <message>
+        <source>Turn %1 on</source>
+        <translation>%1 einschalten</translation>
+    </message>
+</context>
+<context>
+    <name>Lumora::PopoverPanel</name>
+    <message>
+        <source>Lumora</source>
+        <translation>Lumora</translation>
+    </message>
+</context>
+<context>
+    <name>Lumora::PopoverView</name>
+    <message>
+        <source>Lumora</source>
+        <translation>Lumora</translation>
+    </message>
+    <message>
+        <source>No external DDC displays found.</source>
+        <translation>Keine externen DDC-Bildschirme gefunden.</translation>
+    </message>
+    <message>
+        <source>Refresh displays</source>
+        <translation>Bildschirme neu einlesen</translation>
+    </message>
+    <message>
+        <source>Quit</source>
+        <translation>Beenden</translation>
+    </message>
+    <message>
+        <source>Quit Lumora</source>
+        <translation>Lumora beenden</translation>
+    </message>
+</context>
+</TS>

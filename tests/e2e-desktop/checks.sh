@@ -1,0 +1,95 @@
+# The end-to-end scenarios' shared frame: a work directory, checks that count failures, screenshots kept as
+# artefacts, the virtual desk's control, and the closing line ctest reads. Sourced after desktop-session.sh by
+# each scenario script, which sets LUMORA, VIRTUAL_DESK and ARTIFACTS first.
+#
+# Every scenario prints "1 passed, 0 failed" or "0 passed, 1 failed (...)" last and exits 0 or 1; 77 when the
+# machine has no Xvfb.
+
+if ! command -v Xvfb >/dev/null 2>&1; then
+    echo "SKIP: Xvfb is not installed"
+    exit 77
+fi
+for tool in openbox trayer xdotool xwininfo xprop import xmessage dbus-daemon; do
+    command -v "$tool" >/dev/null 2>&1 || { echo "FAIL: $tool is missing (scripts/install-deps.sh installs it)"; exit 1; }
+done
+
+rm -rf "$ARTIFACTS"
+mkdir -p "$ARTIFACTS"
+WORK=$(mktemp -d "${TMPDIR:-/tmp}/lumora-e2e.XXXXXX")
+FAILURES=0
+APP_PID=""
+
+cleanup()
+{
+    session_stop
+    cp "$WORK"/*.log "$ARTIFACTS/" 2>/dev/null || true
+    rm -rf "$WORK"
+}
+trap cleanup EXIT
+
+session_environment "$WORK"
+
+step() { echo "== $*"; }
+pass() { echo "   ok: $*"; }
+fail() { echo "   FAIL: $*"; FAILURES=$((FAILURES + 1)); }
+check() { local what=$1; shift; if "$@"; then pass "$what"; else fail "$what"; fi; }
+shot() { screenshot "$ARTIFACTS/$1.png" && echo "   screenshot: $ARTIFACTS/$1.png"; }
+desk() { "$VIRTUAL_DESK" --send "$WORK/control" "$@"; }
+desk_value() { desk "$@" | awk '$1 == "ok" {print $2}'; }
+equals() { [[ "$("${@:2}")" == "$1" ]]; }
+running() { kill -0 "$1" 2>/dev/null; }
+finish()
+{
+    echo
+    if (( FAILURES == 0 )); then echo "1 passed, 0 failed"; exit 0; fi
+    echo "0 passed, 1 failed ($FAILURES checks failed)"
+    exit 1
+}
+abort() { fail "$*"; shot "zz-abort"; finish; }
+
+# start_desktop [notray]: the virtual desktop, tried twice: one that does not come up is about this machine, not
+# about Lumora, but a second failure is reported.
+start_desktop()
+{
+    if ! session_start "$WORK" 1280x800 "${1:-tray}"; then
+        mkdir -p "$ARTIFACTS/first-attempt"
+        cp "$WORK"/*.log "$ARTIFACTS/first-attempt/" 2>/dev/null
+        session_stop
+        session_start "$WORK" 1280x800 "${1:-tray}" || abort "the virtual desktop did not start"
+    fi
+    pass "display $DISPLAY"
+}
+
+# start_lumora LOG [DESK_FILE]: lumora on the virtual desk (its default desk, or the one in DESK_FILE), in the
+# background as APP_PID, with the desk's control socket and transaction log in WORK.
+start_lumora()
+{
+    local log=$1 desk_args=()
+    [[ -n ${2:-} ]] && desk_args=(--desk "$2")
+    rm -f "$WORK/control"
+    "$VIRTUAL_DESK" "${desk_args[@]}" --control "$WORK/control" --log "$WORK/desk.jsonl" -- "$LUMORA" >"$log" 2>&1 &
+    APP_PID=$!
+    session_track "$APP_PID"
+}
+
+# expect_exit_zero WHAT: the application ends within 20 s of WHAT, with status 0.
+expect_exit_zero()
+{
+    if wait_until 20 bash -c '! kill -0 "$0" 2>/dev/null' "$APP_PID"; then
+        wait "$APP_PID"
+        local status=$?
+        check "$1 ends lumora with exit status 0 (was $status)" test "$status" -eq 0
+    else
+        fail "lumora still running 20 s after $1"
+    fi
+}
+
+# map_log_start: the map-log tool (MAP_LOG) writing to WORK/maps.log, listening before this returns.
+map_log_start()
+{
+    "$MAP_LOG" >"$WORK/maps.log" 2>&1 &
+    session_track $!
+    wait_until 10 grep -q ready "$WORK/maps.log" || abort "map-log did not start"
+}
+# map_events KIND ID: how many times the window was mapped (KIND map) or unmapped (unmap) so far.
+map_events() { grep -c "^$1 $(printf '0x%x' "$2")\$" "$WORK/maps.log"; }

@@ -1,0 +1,86 @@
+#!/usr/bin/env bash
+# End to end on a desktop without a system tray (stock GNOME without the AppIndicator extension, played by Xvfb +
+# openbox and a session bus): the panel opens as an ordinary window titled "Lumora", which the user closes and
+# reopens by starting Lumora again; a second start without a bus leaves the first alone; when a tray appears later
+# the icon docks, the window goes and the panel floats under the icon again.
+#
+#   trayless.sh LUMORA VIRTUAL_DESK ARTIFACT_DIR
+#
+# Exit status: 0 passed, 1 failed, 77 skipped (no Xvfb). Screenshots stay in ARTIFACT_DIR.
+set -uo pipefail
+
+LUMORA=$1
+VIRTUAL_DESK=$2
+ARTIFACTS=$3
+HERE=$(cd "$(dirname "$0")" && pwd)
+
+# shellcheck source=desktop-session.sh
+source "$HERE/desktop-session.sh"
+# shellcheck source=checks.sh
+source "$HERE/checks.sh"
+
+step "desktop without a tray: Xvfb, openbox, a session bus"
+start_desktop notray
+session_bus "$WORK" || abort "no session bus"
+
+managed() { xprop -id "$1" WM_STATE 2>/dev/null | grep -q 'window state: Normal'; }
+# The window titled Lumora that the window manager manages (the icon docked in a tray is titled Lumora too).
+lumora_window() { lumora_window_named Lumora managed; }
+no_lumora_window() { ! lumora_window >/dev/null; }
+window_back() { lumora_window >/dev/null; }
+said_no_tray() { grep -c 'no system tray' "$WORK/lumora.log"; }
+
+step "lumora opens its panel as a window titled Lumora, and says why on stderr"
+start_lumora "$WORK/lumora.log"
+wait_until 20 lumora_window >/dev/null || abort "no window titled Lumora"
+WIN=$(lumora_window)
+title_bar() { xprop -id "$1" _NET_FRAME_EXTENTS 2>/dev/null | awk -F'[=,]' '{ exit !($4 + 0 > 0) }'; }
+check "an ordinary window: the window manager gives it a title bar" title_bar "$WIN"
+read -r WX WY WW WH < <(window_geometry "$WIN")
+count_rows() { screenshot "$WORK/rows.png"; read -r WX WY WW WH < <(window_geometry "$WIN"); [[ $(slider_rows "$WORK/rows.png" "$WX" "$WY" "$WH" | wc -l) -eq $1 ]]; }
+check "it shows the three displays" wait_until 10 count_rows 3
+shot 01-window
+check "stderr says there is no tray, once ($(said_no_tray))" equals 1 said_no_tray
+
+step "closing the window leaves lumora running; starting lumora again reopens it"
+xdotool windowactivate --sync "$WIN" key alt+F4 2>/dev/null
+check "the window closes" wait_until 10 no_lumora_window
+check "lumora is still running" running "$APP_PID"
+second_out=$(timeout -k 2 20 "$LUMORA" 2>&1)
+second_status=$?
+check "the second start exits with status 0 (was $second_status)" test "$second_status" -eq 0
+check "the second start printed nothing (printed: $second_out)" test -z "$second_out"
+check "the window is back" wait_until 10 window_back
+shot 02-reopened
+check "still said once ($(said_no_tray))" equals 1 said_no_tray
+
+step "without a session bus a second start still finds the first (the lock) and exits at once, saying so"
+third_out=$(DBUS_SESSION_BUS_ADDRESS="unix:path=$WORK/no-bus" timeout -k 2 20 "$LUMORA" 2>&1)
+third_status=$?
+check "exit status 0 (was $third_status)" test "$third_status" -eq 0
+check "one line saying Lumora runs already (printed: $third_out)" bash -c '[[ $(wc -l <<<"$0") -eq 1 && $0 == *"already running"* ]]' "$third_out"
+check "the first one is still running" running "$APP_PID"
+
+step "a tray appears: the icon docks, the window goes, the panel floats under the icon"
+session_start_tray "$WORK" || abort "trayer did not start"
+check "the sun docks in the new tray" wait_until 20 icon_docked
+check "the window titled Lumora is gone" wait_until 10 no_lumora_window
+read -r IX IY IW IH < <(tray_icon)
+xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1
+check "a click on the icon opens the panel" wait_until 10 panel_shown
+read -r PX PY PW PH < <(panel_geometry)
+check "under the icon (y $PY, icon bottom $(( IY + IH )))" test "$PY" -eq $(( IY + IH + 6 ))
+PANEL_ID=$(lumora_windows | awk '$4 == 300 && $6 == 1 {print $1; exit}')
+check "floating again: not managed by the window manager" bash -c '! xprop -id "$0" WM_STATE 2>/dev/null | grep -q Normal' "$PANEL_ID"
+shot 03-tray-arrived
+sleep 0.6   # beyond the double-click interval
+xdotool click 1
+check "a second click closes it" wait_until 10 panel_hidden
+
+step "Quit from the tray menu"
+xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+check "menu shown" wait_until 10 menu_shown
+xdotool key q
+expect_exit_zero "q in the menu"
+
+finish

@@ -32,3 +32,37 @@ TEST(PanelPlacement, Origins)
         EXPECT_EQ(Lumora::PanelPlacement::origin(c.anchor, c.panel, c.screen), c.origin);
     }
 }
+
+// The tallest panel that still ends inside the free part of the screen, a gap short of its edge, on the side of
+// the item it opens on: the room below an item on a top panel, above one on a bottom panel.
+TEST(PanelPlacement, MaximumHeightKeepsThePanelInsideTheFreePartOfItsScreen)
+{
+    struct Case {
+        const char* what;
+        QRect anchor;
+        QRect screen;
+        QRect available;
+        int height;
+    };
+    const QRect small(0, 0, 1280, 800);
+    const Case cases[] = {
+        {"top tray, strut of 24", {1257, 1, 22, 22}, small, {0, 24, 1280, 776}, 800 - 6 - (23 + 6)},
+        {"bottom panel of 40", {1200, 765, 24, 24}, small, {0, 0, 1280, 760}, 765 - 6 - 6},
+        {"cursor near the top, no panels", {600, 12, 0, 0}, small, small, 800 - 6 - 18},
+        {"cursor near the bottom, a top bar", {600, 700, 0, 0}, small, {0, 32, 1280, 768}, 700 - 6 - 32 - 6},
+        {"second screen below the first", {2000, 1090, 20, 20}, {1920, 1080, 1280, 1024}, {1920, 1080, 1280, 1024},
+         2104 - 6 - 1116},
+        {"no room at all below", {0, 380, 10, 10}, small, {0, 0, 1280, 392}, 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const int height = Lumora::PanelPlacement::maximumHeight(c.anchor, c.screen, c.available);
+        EXPECT_EQ(height, c.height);
+        // Where origin() puts a panel of that height, all of it is inside the free area.
+        const QPoint at = Lumora::PanelPlacement::origin(c.anchor, {300, height}, c.screen);
+        if (height > 1) {
+            EXPECT_GE(at.y(), c.available.top());
+            EXPECT_LE(at.y() + height, c.available.y() + c.available.height());
+        }
+    }
+}

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "Lumora/Updater/Updater.h"
@@ -37,4 +38,57 @@ TEST(Updater, OneStartedControllerAndEachCheckForwardedOnlyWithACompletePlugin)
     }
     std::filesystem::remove(log);
     ::unsetenv("LUMORA_TEST_UPDATE_LOG");
+}
+
+// Where a plugin may be loaded from: only places nobody but root can change.
+TEST(Updater, APluginIsTrustedOnlyWhereNobodyButRootCanChangeIt)
+{
+    if (::getuid() != 0) {
+        GTEST_SKIP() << "needs root to make directories owned by root and by others";
+    }
+    namespace fs = std::filesystem;
+    const fs::path root = fs::temp_directory_path() / ("lumora-trust-" + std::to_string(::getpid()));
+    struct Case {
+        const char* what;
+        mode_t directory;  // the plugin's directory (its parent is 0755)
+        mode_t file;
+        bool ownedByOther;
+        bool trusted;
+    };
+    const Case cases[] = {
+        {"root's, closed", 0755, 0644, false, true},
+        {"file writable by the group", 0755, 0664, false, false},
+        {"file writable by everybody", 0755, 0646, false, false},
+        {"directory writable by the group", 0775, 0644, false, false},
+        {"directory writable by everybody", 0777, 0644, false, false},
+        {"directory writable by everybody, sticky", 01777, 0644, false, true},
+        {"file owned by someone else", 0755, 0644, true, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        fs::remove_all(root);
+        fs::create_directories(root / "lib");
+        ::chmod(root.c_str(), 0755);
+        ::chmod((root / "lib").c_str(), c.directory);
+        const fs::path plugin = root / "lib" / "liblumora-update.so";
+        std::ofstream(plugin.string()) << "x";
+        ::chmod(plugin.c_str(), c.file);
+        if (c.ownedByOther) {
+            ASSERT_EQ(::chown(plugin.c_str(), 65534, 65534), 0);
+        }
+        EXPECT_EQ(Lumora::Updater::isTrustedLocation(plugin.string()), c.trusted);
+    }
+    // Links are followed to what they name: a link in a closed directory to a file in an open one is not trusted.
+    fs::remove_all(root);
+    fs::create_directories(root / "closed");
+    fs::create_directories(root / "open");
+    ::chmod(root.c_str(), 0755);
+    ::chmod((root / "closed").c_str(), 0755);
+    ::chmod((root / "open").c_str(), 0777);
+    std::ofstream((root / "open" / "liblumora-update.so").string()) << "x";
+    ::chmod((root / "open" / "liblumora-update.so").c_str(), 0644);
+    fs::create_symlink(root / "open" / "liblumora-update.so", root / "closed" / "liblumora-update.so");
+    EXPECT_FALSE(Lumora::Updater::isTrustedLocation((root / "closed" / "liblumora-update.so").string()));
+    EXPECT_FALSE(Lumora::Updater::isTrustedLocation((root / "closed" / "missing.so").string()));
+    fs::remove_all(root);
 }

@@ -1,0 +1,70 @@
+// Where the single-instance lock lives: the session's runtime directory, else a private directory of the user's
+// own that nobody else can have prepared.
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "Lumora/Platform/Linux/Desktop/SingleInstance.h"
+
+namespace fs = std::filesystem;
+using Lumora::SingleInstance::lockPath;
+
+TEST(SingleInstance, LockInTheRuntimeDirectoryElseInAPrivateDirectoryOfTheUsersOwn)
+{
+    const fs::path parent = fs::temp_directory_path() / ("lumora-lock-test-" + std::to_string(::getpid()));
+    const std::string uid = std::to_string(::getuid());
+    const fs::path own = parent / ("lumora-" + uid);
+
+    struct Case {
+        const char* what;
+        const char* runtime;
+        std::function<void()> prepare;  // what is at <parent>/lumora-<uid> beforehand
+        bool usable;                    // a lock path under <parent>/lumora-<uid>
+    };
+    const Case cases[] = {
+        {"nothing there: made 0700", nullptr, [] {}, true},
+        {"a relative runtime directory counts as none", "run/user", [] {}, true},
+        {"there already, 0700", nullptr, [&] { fs::create_directory(own); ::chmod(own.c_str(), 0700); }, true},
+        {"open to the group", nullptr, [&] { fs::create_directory(own); ::chmod(own.c_str(), 0770); }, false},
+        {"open to everybody", nullptr, [&] { fs::create_directory(own); ::chmod(own.c_str(), 0777); }, false},
+        {"a symbolic link to a private directory", nullptr,
+         [&] {
+             fs::create_directory(parent / "elsewhere");
+             ::chmod((parent / "elsewhere").c_str(), 0700);
+             fs::create_directory_symlink(parent / "elsewhere", own);
+         },
+         false},
+        {"a file", nullptr, [&] { std::ofstream(own.string()) << "x"; }, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        fs::remove_all(parent);
+        fs::create_directories(parent);
+        c.prepare();
+        const auto path = lockPath(c.runtime, parent.string());
+        EXPECT_EQ(path.has_value(), c.usable);
+        if (c.usable) {
+            EXPECT_EQ(*path, (own / "lumora.lock").string());
+            struct stat status {};
+            ASSERT_EQ(::lstat(own.c_str(), &status), 0);
+            EXPECT_TRUE(S_ISDIR(status.st_mode));
+            EXPECT_EQ(status.st_mode & 0777, 0700U);
+        }
+    }
+    if (::getuid() == 0) {
+        // Someone else's directory, however private.
+        fs::remove_all(parent);
+        fs::create_directories(own);
+        ::chmod(own.c_str(), 0700);
+        ASSERT_EQ(::chown(own.c_str(), 65534, 65534), 0);
+        EXPECT_FALSE(lockPath(nullptr, parent.string()).has_value());
+    }
+    EXPECT_EQ(lockPath("/run/user/1000", parent.string()), std::optional<std::string>("/run/user/1000/lumora.lock"));
+    fs::remove_all(parent);
+}

@@ -26,6 +26,8 @@ std::string Desk::control(std::string_view line)
         return v;
     };
     try {
+        if (auto reply = inputControl(*this, words, line))
+            return *reply;
         if (cmd == "unplug" || cmd == "plug" || cmd == "hold" || cmd == "release") {
             need(2, 2);
             if (cmd == "unplug")

@@ -138,6 +138,8 @@ Desk::Desk(const DeskConfig& config, DeskOptions options) : impl(std::make_uniqu
         impl->ctx = g_main_context_new();
         impl->loop = g_main_loop_new(impl->ctx, FALSE);
         impl->build();
+        impl->input = std::make_unique<InputDesk>(*impl);
+        impl->input->build();
 
         impl->inotifyFd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
         if (impl->inotifyFd >= 0) {
@@ -159,6 +161,8 @@ Desk::Desk(const DeskConfig& config, DeskOptions options) : impl(std::make_uniqu
             g_main_context_pop_thread_default(ctx);
         });
     } catch (...) {
+        if (impl->input)
+            impl->input->detachAll();
         if (impl->testbed) {
             for (auto& [n, b] : impl->buses)
                 impl->detach(*b);
@@ -209,6 +213,7 @@ Desk::~Desk()
     }
     impl->scheduled.clear();
 
+    impl->input->detachAll();
     for (auto& [n, b] : impl->buses)
         impl->detach(*b);
     for (auto& b : impl->retiredBuses)
@@ -222,9 +227,16 @@ Desk::~Desk()
         ::close(impl->inotifyFd);
 
     if (!impl->options.logPath.empty()) {
-        std::ofstream out(impl->options.logPath, std::ios::trunc);
+        // Transactions and input records, in order of time.
+        std::vector<std::pair<int64_t, std::string>> lines;
         for (const auto& t : impl->log)
-            out << toJsonLine(t) << "\n";
+            lines.emplace_back(t.startUs, toJsonLine(t));
+        for (const auto& r : impl->input->records)
+            lines.emplace_back(r.us, toJsonLine(r));
+        std::stable_sort(lines.begin(), lines.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+        std::ofstream out(impl->options.logPath, std::ios::trunc);
+        for (const auto& [us, line] : lines)
+            out << line << "\n";
         if (!out)
             std::cerr << "virtual desk: cannot write the log to " << impl->options.logPath << "\n";
     }

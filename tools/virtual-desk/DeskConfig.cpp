@@ -1,6 +1,8 @@
 // The desk description: JSON desk files, the default desk, EDID generation and consistency checks.
 #include "tools/virtual-desk/VirtualDesk.h"
 
+#include "tools/virtual-desk/KeyboardConfig.h"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -412,6 +414,10 @@ DeskConfig DeskConfig::fromJson(std::string_view text)
                 d.otherBuses.push_back(bus);
             }
         }
+        if (o.has("keyboards"))
+            d.keyboards = parseKeyboards(o.at("keyboards"), "keyboards");
+        if (o.has("uinput"))
+            d.uinput = parseUinput(o.at("uinput"), "uinput");
     }
     d.validate();
     return d;
@@ -485,6 +491,7 @@ void DeskConfig::validate() const
     }
     if (byteTimeUs < 0)
         fail("byteTimeUs", "must not be negative");
+    validateKeyboards(*this);
 }
 
 DeskConfig DeskConfig::defaultDesk()
@@ -536,6 +543,7 @@ DeskConfig DeskConfig::defaultDesk()
     d.backlights.push_back(bl);
 
     d.otherBuses.push_back(BusConfig{0, "SMBus I801 adapter at efa0", std::nullopt});
+    addDefaultKeyboards(d);
     return d;
 }
 

@@ -9,6 +9,7 @@
 // guards all desk state; it is never held while calling into umockdev's client side.
 #include "tools/virtual-desk/EmulatedEdid.h"
 #include "tools/virtual-desk/EmulatedMonitor.h"
+#include "tools/virtual-desk/InputDesk.h"
 #include "tools/virtual-desk/TransactionLog.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 
@@ -139,7 +140,9 @@ struct Desk::Impl {
     std::map<std::string, Backlight> backlights;
     bool stopping = false;
 
-    std::mutex testbedMu; // umockdev test bed changes (attributes, uevents)
+    std::mutex testbedMu; // umockdev test bed changes (attributes, uevents); may be taken while holding `mu`
+
+    std::unique_ptr<InputDesk> input; // keyboards, uinput and their clones (InputDesk.h)
 
     GMainContext* ctx = nullptr;
     GMainLoop* loop = nullptr;

@@ -103,12 +103,32 @@ struct BusConfig {
     std::optional<int> card;
 };
 
+// A keyboard: an evdev input device with its /dev/input/eventN node. `kind` gives its capabilities and where it sits
+// in sysfs (README.md, "Keyboards"): "laptop" (the built-in i8042 keyboard, with KEY_BRIGHTNESSDOWN/UP), "plain"
+// (an external USB keyboard's main interface, no brightness keys), "consumer" (a USB consumer-control interface:
+// media keys and KEY_BRIGHTNESSDOWN/UP), "videoBus" (the ACPI "Video Bus": the brightness and video keys).
+struct KeyboardConfig {
+    std::string name;                      // the device name, as EVIOCGNAME and sysfs `name` show it
+    std::string kind = "plain";
+    int event = -1;                        // N of /dev/input/eventN; -1: the lowest free number
+    std::string mode = "0660";             // the node's permission bits; the session user may read the node when
+                                           // the group or other bits allow reading ("0600" denies it)
+    std::optional<std::vector<int>> keys;  // replaces the kind's key codes
+};
+
+// /dev/uinput. The session user may write it when the group or other bits allow writing ("0600" denies it).
+struct UinputConfig {
+    std::string mode = "0660";
+};
+
 struct DeskConfig {
     std::vector<CardConfig> cards;
     std::vector<BacklightConfig> backlights;
     std::vector<BusConfig> otherBuses;
     bool i2cDev = true;     // false: no /sys/class/i2c-dev and no /dev/i2c-* ("the module is not loaded")
     int byteTimeUs = 100;   // time on the wire per byte (address byte included)
+    std::vector<KeyboardConfig> keyboards;
+    std::optional<UinputConfig> uinput = UinputConfig{}; // none: no /dev/uinput
 
     // The desk file (JSON; see README.md). Throws std::runtime_error naming the offending field.
     static DeskConfig fromJson(std::string_view json);
@@ -142,6 +162,16 @@ struct Transaction {
 };
 
 std::string toJsonLine(const Transaction&); // one line of the log, without the newline
+
+// One input event as the desk recorded it (a write to a uinput clone).
+struct InputEvent {
+    int64_t us = 0;      // the desk's clock, as Transaction::startUs
+    uint16_t type = 0;   // EV_KEY, EV_MSC, EV_SYN ...
+    uint16_t code = 0;
+    int32_t value = 0;
+    std::string device;  // the clone's node, "/dev/input/event4"
+    bool operator==(const InputEvent&) const = default;
+};
 
 struct DeskOptions {
     std::string logPath;          // when set, the transactions are written there (JSON lines) when the desk ends
@@ -212,6 +242,35 @@ public:
     // One line of the control language (unplug, plug, hold, release, fault, brightness, backlight, violations;
     // see README.md). Returns "ok", "ok <value>" or "error: <message>"; never throws.
     std::string control(std::string_view line);
+
+    // ---- Keyboards and /dev/uinput (README.md, "Keyboards") ----
+    // `device` names a keyboard or a uinput clone: "event0", "/dev/input/event0", or a keyboard's name. Unknown
+    // devices throw std::invalid_argument.
+
+    // A key as the hardware sends it: one frame of MSC_SCAN (when the device has it), EV_KEY and SYN_REPORT, passed
+    // through the input core's rules (a press of a key already down, or a release of a key already up, loses its
+    // EV_KEY) and delivered to the grabbing descriptor, else to every open one. value: 1 down, 2 repeat, 0 up.
+    // Throws std::invalid_argument when the device lacks the key.
+    void pressKey(std::string_view device, int code, int value);
+    // A keyboard is plugged in ("add" uevents); returns its node, "/dev/input/event4".
+    std::string addKeyboard(const KeyboardConfig& keyboard);
+    // The keyboard goes away: "remove" uevents; open descriptors see POLLHUP and ENODEV.
+    void removeKeyboard(std::string_view device);
+    std::vector<std::string> keyboards() const;          // "/dev/input/event0", ... of the keyboards now present
+    bool grabbed(std::string_view device) const;          // a descriptor holds EVIOCGRAB on it
+    int openCount(std::string_view device) const;         // descriptors open on its node now
+    std::vector<std::string> clones() const;             // "/dev/input/eventN" of the live uinput devices
+    std::vector<InputEvent> forwarded() const;           // every event written to any uinput clone, in order
+    std::vector<InputEvent> forwarded(std::string_view clone) const;
+    // Keys down on the device now. A clone that is gone answers with the keys it had down when it was destroyed
+    // (the kernel then releases them itself; the record is there to check that nothing was left held).
+    std::vector<int> heldKeys(std::string_view device) const;
+    // Access to "/dev/input/eventN" (reading) or "/dev/uinput" (writing) for the session user: "0600" denies it,
+    // "0660" grants it. open() and access() then fail with EACCES, also for root; watchers get IN_ATTRIB.
+    void setAccess(std::string_view node, const std::string& mode);
+    // The next delivery to each descriptor open on the device starts with SYN_DROPPED, as after a queue overflow:
+    // what it had not read is lost.
+    void overflow(std::string_view device);
 
     std::string rootDir() const; // the test bed's directory (its sys/ is what /sys shows), for debugging
     int64_t nowUs() const;       // the desk's clock, as in Transaction::startUs

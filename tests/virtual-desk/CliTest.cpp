@@ -45,4 +45,21 @@ TEST(CliTest, ExitStatusesAndTheControlSocket)
     std::filesystem::remove_all(dir);
 }
 
+TEST(CliTest, KeysFromTheControlSocketAreLogged)
+{
+    char tmpl[] = "/tmp/virtual-desk-cli-XXXXXX";
+    ASSERT_NE(::mkdtemp(tmpl), nullptr);
+    const std::string dir = tmpl, bin = VIRTUAL_DESK_BIN, sock = dir + "/control";
+    const std::string send = bin + " --send " + sock + " ";
+    const int status = std::system(("timeout -k 5 60 " + bin + " --log " + dir + "/log --control " + sock + " -- sh -c '" +
+                                    send + "key event0 KEY_BRIGHTNESSUP 1 && " + send + "heldkeys event0 && " + send +
+                                    "key event2 KEY_BRIGHTNESSUP 1' >" + dir + "/out 2>&1").c_str());
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 1) << "the last command fails: event2 has no such key";
+    EXPECT_EQ(readText(dir + "/out"), "ok\nok 225\nerror: /dev/input/event2 (Logitech USB Keyboard) has no key "
+                                      "KEY_BRIGHTNESSUP\n");
+    EXPECT_THAT(readText(dir + "/log"), HasSubstr(R"("kind":"input",)"));
+    EXPECT_THAT(readText(dir + "/log"), HasSubstr(R"("device":"/dev/input/event0","what":"key","type":"EV_KEY","code":"KEY_BRIGHTNESSUP","value":1})"));
+    std::filesystem::remove_all(dir);
+}
+
 } // namespace

@@ -235,12 +235,13 @@ public:
     std::vector<std::string> violations() const;     // empty on a clean run
 
     // Waits until predicate() holds, re-checking it whenever the desk records something (a transaction, a
-    // held request, a backlight write, a state change). The predicate may call any Desk getter.
+    // held request, a backlight write, a state change; a key, a grab, a descriptor opened or closed, a clone created
+    // or destroyed). The predicate may call any Desk getter.
     // Returns false when the timeout passed first.
     bool waitFor(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) const;
 
     // One line of the control language (unplug, plug, hold, release, fault, brightness, backlight, violations;
-    // see README.md). Returns "ok", "ok <value>" or "error: <message>"; never throws.
+    // key, keyboard, access, grabbed, forwarded, heldkeys, overflow; see README.md). Returns "ok", "ok <value>" or "error: <message>"; never throws.
     std::string control(std::string_view line);
 
     // ---- Keyboards and /dev/uinput (README.md, "Keyboards") ----

@@ -13,13 +13,17 @@
 
 #include <umockdev.h>
 
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace VirtualDesk {
@@ -88,6 +92,12 @@ struct InputDesk {
     std::map<std::string, int> usbPorts;                // a USB keyboard's name -> its port
     std::map<std::string, int> kindCount;               // keyboards of other kinds so far
     int leaving = 0;                                    // devices retired and not yet out of the test bed
+    std::thread jobThread;
+    std::mutex jobsMu;
+    std::condition_variable jobsCv;
+    std::deque<std::function<void()>> jobs;
+    int jobsQueued = 0;                                 // queued or running
+    bool jobsStopped = false;
     int nextInput = 3;                                  // inputK numbers only grow, as the kernel's
     int nextClient = 1;
     std::vector<std::pair<const InputDevice*, InputEvent>> forwardedLog; // every write to a clone, with the clone
@@ -95,7 +105,11 @@ struct InputDesk {
 
     // ---- building and tearing down (Desk.cpp calls these) ----
     void build();     // /dev/input, /sys/class/input, /dev/uinput and the configured keyboards
-    void detachAll(); // handlers off the test bed, ptys hung up
+    void detachAll(); // pending sysfs work done, handlers off the test bed, ptys hung up
+
+    // Sysfs work for clones (their entries and uevents) runs on a thread of its own: it takes a while on a busy disk,
+    // and neither umockdev's worker (every device's calls) nor the desk thread (the i2c transfers) may wait for it.
+    void later(std::function<void()> job);
 
     // ---- devices (InputDevices.cpp); callers hold impl.mu unless said otherwise ----
     int freeEventNumber() const;

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
 #include <stdexcept>
 
@@ -41,9 +42,44 @@ std::string toJsonLine(const InputRecord& r)
     return j.dump();
 }
 
+void InputDesk::later(std::function<void()> job)
+{
+    {
+        std::lock_guard lk(jobsMu);
+        if (!jobsStopped) {
+            jobs.push_back(std::move(job));
+            ++jobsQueued;
+            jobsCv.notify_all();
+            return;
+        }
+    }
+    job(); // the desk is going: no thread any more
+}
+
 void InputDesk::build()
 {
     namespace fs = std::filesystem;
+    jobThread = std::thread([this] {
+        for (;;) {
+            std::function<void()> job;
+            {
+                std::unique_lock lk(jobsMu);
+                jobsCv.wait(lk, [&] { return jobsStopped || !jobs.empty(); });
+                if (jobs.empty())
+                    return;
+                job = std::move(jobs.front());
+                jobs.pop_front();
+            }
+            try {
+                job();
+            } catch (const std::exception& e) {
+                std::fprintf(stderr, "virtual desk: %s\n", e.what());
+            }
+            std::lock_guard lk(jobsMu);
+            --jobsQueued;
+            jobsCv.notify_all();
+        }
+    });
     // /dev/input exists also without devices (udev keeps by-path and by-id there), so that it can be watched.
     fs::create_directories(impl.root + "/dev/input/by-path");
     fs::create_directories(impl.sysDir + "/class/input");

@@ -179,6 +179,15 @@ void InputDesk::attach(const std::string& node)
 
 void InputDesk::detachAll()
 {
+    if (jobThread.joinable()) {
+        {
+            std::unique_lock lk(jobsMu);
+            jobsCv.wait_for(lk, std::chrono::seconds(5), [&] { return jobsQueued == 0; });
+            jobsStopped = true;
+            jobsCv.notify_all();
+        }
+        jobThread.join();
+    }
     std::map<UMockdevIoctlClient*, InputClient> gone;
     {
         std::unique_lock lk(impl.mu);
@@ -199,6 +208,7 @@ void InputDesk::detachAll()
         g_object_unref(h);
     }
     handlers.clear();
+    std::lock_guard lk(impl.mu);
     for (auto& d : devices)
         d->pty.reset();
     uinputNode.reset();
@@ -277,7 +287,7 @@ void InputDesk::onDisconnected(UMockdevIoctlClient* client)
     }
     g_object_unref(client);
     if (destroy)
-        unpublish(*destroy);
+        later([this, destroy] { unpublish(*destroy); });
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -506,11 +516,21 @@ void InputDesk::uinputIoctl(UMockdevIoctlClient* client, unsigned long req, UMoc
             result(EINVAL);
         }
     }
-    // The clone's sysfs entries and uevents are in place before UI_DEV_CREATE returns, as the kernel's are.
-    if (created)
-        publish(*created);
-    if (destroyed)
-        unpublish(*destroyed);
+    if (created || destroyed) {
+        // The clone's sysfs entries and uevents are in place (or gone) before the ioctl returns, as the kernel's.
+        g_object_ref(client);
+        later([this, client, created, destroyed, res, err, buf] {
+            if (created)
+                publish(*created);
+            if (destroyed)
+                unpublish(*destroyed);
+            complete(client, res, err);
+            if (buf)
+                g_object_unref(buf);
+            g_object_unref(client);
+        });
+        return;
+    }
     complete(client, res, err);
     if (buf)
         g_object_unref(buf);

@@ -202,12 +202,14 @@ void InputDesk::detachAll()
     }
     for (auto& [client, c] : gone)
         g_object_unref(client);
-    std::lock_guard tk(impl.testbedMu);
-    for (auto& [node, h] : handlers) {
-        umockdev_testbed_detach_ioctl(impl.testbed, node.c_str(), nullptr);
-        g_object_unref(h);
+    {
+        std::lock_guard tk(impl.testbedMu);
+        for (auto& [node, h] : handlers) {
+            umockdev_testbed_detach_ioctl(impl.testbed, node.c_str(), nullptr);
+            g_object_unref(h);
+        }
+        handlers.clear();
     }
-    handlers.clear();
     std::lock_guard lk(impl.mu);
     for (auto& d : devices)
         d->pty.reset();
@@ -239,8 +241,15 @@ void InputDesk::onConnected(const std::string& node, UMockdevIoctlClient* client
         g_source_set_callback(
             sweeper,
             [](gpointer self) -> gboolean {
-                static_cast<InputDesk*>(self)->sweep();
-                return G_SOURCE_CONTINUE;
+                auto* desk = static_cast<InputDesk*>(self);
+                desk->sweep();
+                // Quiet again once no descriptor is open.
+                std::lock_guard lk(desk->impl.mu);
+                if (!desk->clients.empty() || !desk->sweeper)
+                    return G_SOURCE_CONTINUE;
+                g_source_unref(desk->sweeper);
+                desk->sweeper = nullptr;
+                return G_SOURCE_REMOVE;
             },
             this, nullptr);
         g_source_attach(sweeper, g_main_context_get_thread_default());

@@ -144,7 +144,8 @@ int AppDelegate::runApplication(int argc, char** argv)
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Lumora"));
     QApplication::setApplicationVersion(QStringLiteral(LUMORA_VERSION));
-    QApplication::setDesktopFileName(QStringLiteral("lumora"));
+    // The installed desktop entry's name: desktops match the windows and the tray item to it (and its icon).
+    QApplication::setDesktopFileName(QLatin1String(DisplayController::applicationIdentifier));
     // A tray application: closing a window never ends it, only Quit does.
     QApplication::setQuitOnLastWindowClosed(false);
     Translations::install(app);

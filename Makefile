@@ -9,7 +9,7 @@ TSAN    := build/tsan
 FUZZ    := build/fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: all deps release run test tsan fuzz bench demo demo-probe install clean
+.PHONY: all deps release run test tsan fuzz bench demo demo-probe install deb clean
 
 all: release
 
@@ -67,6 +67,10 @@ demo-probe: release
 
 install: release
 	$(CMAKE) --install $(RELEASE)
+
+# The Debian packages (lumora, lumora-dev, lumora-dbgsym) in build/deb/, built with dpkg-buildpackage.
+deb: deps
+	JOBS=$(JOBS) bash scripts/build-deb.sh
 
 clean:
 	rm -rf build

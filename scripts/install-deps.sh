@@ -12,6 +12,7 @@ packages=(
   dbus python3-dbusmock udev
   qt6-l10n-tools qt6-tools-dev qt6-translations-l10n
   xvfb openbox trayer xdotool imagemagick x11-utils python3-gi qt6ct
+  dpkg-dev debhelper fakeroot lintian appstream desktop-file-utils man-db
 )
 
 missing=()

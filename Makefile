@@ -9,7 +9,7 @@ TSAN    := build/tsan
 FUZZ    := build/fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: all deps release run test tsan fuzz bench demo demo-probe install deb clean
+.PHONY: all deps release run test tsan fuzz bench demo demo-probe install deb check-package clean
 
 all: release
 
@@ -71,6 +71,11 @@ install: release
 # The Debian packages (lumora, lumora-dev, lumora-dbgsym) in build/deb/, built with dpkg-buildpackage.
 deb: deps
 	JOBS=$(JOBS) bash scripts/build-deb.sh
+
+# Builds the package, validates it, installs it on this machine, probes the virtual desk with it and removes it
+# (root; needs the virtual desk of `make test`).
+check-package: deps
+	bash scripts/check-package.sh
 
 clean:
 	rm -rf build

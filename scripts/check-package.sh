@@ -1,0 +1,170 @@
+#!/usr/bin/env bash
+# The Debian package as a user gets it: builds it (`make deb`), runs lintian, desktop-file-validate and appstreamcli
+# on it, installs it with apt-get on this machine, runs the installed /usr/bin/lumora probe on the virtual desk,
+# checks every file is where the desktop (and man, udev, systemd) looks for it, removes it and checks that only
+# its configuration is left, then purges it.
+#
+# Needs root (it installs and removes a package) and a virtual desk already built: build/release's or build/asan's
+# (`make test` builds the latter), or VIRTUAL_DESK=path. Not for a machine where Lumora is installed otherwise:
+# the package replaces that install and is purged at the end.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+
+fail() { echo "check-package: FAILED: $*" >&2; exit 1; }
+step() { echo "== $* ($(( SECONDS - started )) s)"; }
+started=$SECONDS
+
+[ "$(id -u)" -eq 0 ] || fail "needs root: it installs and removes the package"
+
+desk=${VIRTUAL_DESK:-}
+if [ -z "$desk" ]; then
+  for candidate in build/release/tools/virtual-desk/virtual-desk build/asan/tools/virtual-desk/virtual-desk; do
+    if [ -x "$candidate" ]; then desk=$root/$candidate; break; fi
+  done
+fi
+if [ -z "$desk" ] || [ ! -x "$desk" ]; then fail "no virtual desk built (run make test, or set VIRTUAL_DESK)"; fi
+
+# One package check at a time on a machine: the install and removal would trip over each other's.
+exec 9>/run/lock/lumora-check-package.lock
+flock -w 1800 9 || fail "another package check holds /run/lock/lumora-check-package.lock"
+
+apt_get() { DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 -o Dpkg::Use-Pty=0 -y -q "$@"; }
+installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q ' installed$'; }
+# The packages dpkg still knows (installed, or removed with their configuration kept).
+known() {
+  local package
+  for package in lumora lumora-dev; do
+    dpkg-query -W -f='${Status}\n' "$package" 2>/dev/null | grep -qv 'not-installed$' && echo "$package"
+  done
+  return 0
+}
+
+# Whatever happens below, the machine is left without the package.
+cleanup() {
+  local packages
+  packages=$(known)
+  if [ -n "$packages" ]; then
+    # shellcheck disable=SC2086
+    apt_get purge $packages >/dev/null 2>&1 || true
+  fi
+}
+trap cleanup EXIT
+
+step "building the package"
+make deb
+cd build/deb
+debs=(lumora_*.deb lumora-dev_*.deb)
+for deb in "${debs[@]}"; do [ -f "$deb" ] || fail "make deb did not build $deb"; done
+ls -l ./*.deb ./*.ddeb 2>/dev/null || true
+
+step "lintian"
+# Info and pedantic tags are shown for the record; errors and warnings fail the check.
+lintian --info --display-info --pedantic --fail-on error,warning lumora_*.dsc lumora_*.changes
+
+step "desktop-file-validate and appstreamcli on the package's tree"
+# The tree the package was made from (its files only): the metainfo, the menu entry and the icon as one
+# component, as the AppStream generator of an archive puts them together.
+tree=lumora/debian/lumora
+desktop-file-validate "$tree"/usr/share/applications/*.desktop "$tree"/etc/xdg/autostart/*.desktop
+appstreamcli validate-tree --no-net "$tree"
+
+step "installing with apt-get"
+# The Recommends (logind, udev, kmod) are what a desktop has already; this checks the package's own files.
+apt_get install --no-install-recommends "${debs[@]/#/./}"
+installed lumora || fail "lumora is not installed"
+installed lumora-dev || fail "lumora-dev is not installed"
+[ "$(command -v lumora)" = /usr/bin/lumora ] || fail "lumora on PATH is $(command -v lumora), not /usr/bin/lumora"
+
+step "the installed probe on the virtual desk"
+probe=$(LUMORA_PROBE=1 timeout 60 "$desk" -- /usr/bin/lumora) || fail "the probe on the virtual desk failed"
+echo "$probe"
+# The default desk: two DDC/CI monitors and the laptop panel (tools/virtual-desk/README.md).
+expected=(
+  "Displays: 3  (IOAVService: true, DisplayServices: true)"
+  "• [103] DELL U2720Q (external/DDC) brightness=50%"
+  "• [110] LG HDR 4K (external/DDC) brightness=70%"
+  "• [95] Built-in Display (internal) brightness=50%"
+)
+for line in "${expected[@]}"; do
+  grep -qxF -- "$line" <<<"$probe" || fail "the probe did not print: $line"
+done
+
+step "files where the desktop looks for them"
+# The places the freedesktop specifications and the system tools read, with their default search paths.
+find_in() {  # find_in DIRS RELATIVE-PATH: the first DIRS entry (colon-separated) holding it
+  local dir
+  IFS=: read -ra dirs <<<"$1"
+  for dir in "${dirs[@]}"; do
+    if [ -e "$dir/$2" ]; then echo "$dir/$2"; return 0; fi
+  done
+  return 1
+}
+desktop_key() { sed -n "s/^$2=//p" "$1" | head -n 1; }
+data_dirs=${XDG_DATA_DIRS:-/usr/local/share:/usr/share}
+config_dirs=${XDG_CONFIG_DIRS:-/etc/xdg}
+
+entry=$(find_in "$data_dirs" applications/org.lumora.Lumora.desktop) || fail "no application-menu entry"
+desktop-file-validate "$entry"
+[ "$(command -v "$(desktop_key "$entry" Exec)")" = /usr/bin/lumora ] || fail "$entry does not start /usr/bin/lumora"
+echo "menu entry: $entry"
+
+icon_name=$(desktop_key "$entry" Icon)
+icon=$(find_in "$data_dirs" "icons/hicolor/scalable/apps/$icon_name.svg") || fail "no hicolor icon named $icon_name"
+hicolor_index=$(find_in "$data_dirs" icons/hicolor/index.theme) || fail "no hicolor theme to hold the icon"
+grep -q '^\[scalable/apps\]' "$hicolor_index" || fail "$hicolor_index has no scalable/apps directory"
+python3 -c 'import sys, xml.etree.ElementTree as et; assert et.parse(sys.argv[1]).getroot().tag.endswith("svg")' \
+  "$icon" || fail "$icon is not an SVG drawing"
+echo "icon: $icon"
+
+autostart=$(find_in "$config_dirs" autostart/org.lumora.Lumora.desktop) || fail "no autostart entry"
+desktop-file-validate "$autostart"
+[ "$(command -v "$(desktop_key "$autostart" Exec)")" = /usr/bin/lumora ] || fail "$autostart does not start lumora"
+echo "autostart: $autostart"
+
+metainfo=$(find_in "$data_dirs" metainfo/org.lumora.Lumora.metainfo.xml) || fail "no AppStream metainfo"
+appstreamcli validate --no-net "$metainfo"
+grep -qF '<launchable type="desktop-id">org.lumora.Lumora.desktop</launchable>' "$metainfo" ||
+  fail "$metainfo does not launch the menu entry"
+echo "metainfo: $metainfo"
+
+manual=$(man -w lumora) || fail "man cannot find lumora(1)"
+man_text=$(MANWIDTH=100 man lumora 2>/dev/null)
+for word in LUMORA_PROBE LUMORA_PROBE_SET "DEVICE ACCESS" "THE TRAY APPLICATION"; do
+  grep -qF -- "$word" <<<"$man_text" || fail "lumora(1) does not cover $word"
+done
+echo "manual: $manual"
+
+[ -f /usr/lib/udev/rules.d/60-lumora-i2c.rules ] || fail "no udev rule in /usr/lib/udev/rules.d"
+cmp -s /usr/lib/udev/rules.d/60-lumora-i2c.rules "$root/data/60-lumora-i2c.rules" || fail "the udev rule differs"
+grep -qx 'i2c-dev' /usr/lib/modules-load.d/lumora-i2c-dev.conf || fail "no modules-load file naming i2c-dev"
+echo "udev rule, modules-load file: /usr/lib/udev/rules.d/60-lumora-i2c.rules, /usr/lib/modules-load.d/lumora-i2c-dev.conf"
+
+header=$(find_in /usr/include lumora/LumoraUpdatePlugin.h) || fail "no update plugin header"
+echo '#include <lumora/LumoraUpdatePlugin.h>' | cc -x c -fsyntax-only -Wall -Werror - || fail "$header does not compile"
+echo "plugin header: $header"
+
+step "removing with apt-get"
+files=$(dpkg-query -L lumora lumora-dev)
+conffiles=$(dpkg-query -W -f='${Conffiles}\n' lumora | awk 'NF { print $1 }')
+apt_get remove lumora lumora-dev
+for package in lumora lumora-dev; do
+  ! installed "$package" || fail "$package is still installed"
+done
+left=()
+while IFS= read -r path; do
+  if [ -z "$path" ] || [ -d "$path" ] || { [ ! -e "$path" ] && [ ! -L "$path" ]; }; then continue; fi
+  grep -qxF -- "$path" <<<"$conffiles" || left+=("$path")
+done <<<"$files"
+[ ${#left[@]} -eq 0 ] || fail "left after removal, not configuration: ${left[*]}"
+echo "left after removal (configuration): $(tr '\n' ' ' <<<"$conffiles")"
+
+step "purging"
+[ "$(known)" = lumora ] || fail "after removal dpkg should know lumora (its configuration) only, not: $(known)"
+apt_get purge lumora
+while IFS= read -r path; do
+  [ -z "$path" ] || [ ! -e "$path" ] || fail "left after purge: $path"
+done <<<"$conffiles"
+[ -z "$(known)" ] || fail "dpkg still knows $(known) after the purge"
+
+step "the package checks passed"

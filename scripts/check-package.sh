@@ -61,6 +61,7 @@ ls -l ./*.deb ./*.ddeb 2>/dev/null || true
 step "lintian"
 # Info and pedantic tags are shown for the record; errors and warnings fail the check.
 lintian --info --display-info --pedantic --fail-on error,warning lumora_*.dsc lumora_*.changes
+echo "lintian: no errors or warnings (any info or pedantic tags are listed above)"
 
 step "desktop-file-validate and appstreamcli on the package's tree"
 # The tree the package was made from (its files only): the metainfo, the menu entry and the icon as one

@@ -102,8 +102,9 @@ session_start_tray()
     trayer --edge top --align right --widthtype request --height 24 --SetDockType true --SetPartialStrut true \
         --transparent false --expand false >"$1/trayer.log" 2>&1 &
     session_track $!
-    if ! wait_until 10 session_has_tray; then
-        echo "session: trayer did not start" >&2
+    if ! wait_until 20 session_has_tray; then
+        echo "session: trayer did not start; its log:" >&2
+        sed 's/^/    trayer: /' "$1/trayer.log" >&2
         return 1
     fi
 }

@@ -18,11 +18,16 @@ mkdir /run/rules /run/none
 cp "$rule" /run/rules/
 touch /run/null
 mount --bind /dev/null /run/null
+# The desk's test bed may live in /dev/shm: keep it in sight across the scratch /dev.
+mkdir /run/shm
+mount --bind /dev/shm /run/shm
 mount --bind /run/none /usr/lib/udev/rules.d
 mount --bind /run/rules /etc/udev/rules.d
 mount -t tmpfs lumora-udev-test /dev
 touch /dev/null
 mount --bind /run/null /dev/null
+mkdir /dev/shm
+mount --bind /run/shm /dev/shm
 for devpath in "$@"; do
     echo "== $devpath"
     LD_PRELOAD=$LUMORA_UDEV_PRELOAD udevadm test --action=add "$devpath" 2>/dev/null

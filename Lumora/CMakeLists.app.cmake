@@ -1,5 +1,6 @@
-# The tray application's extra wiring: the bundled symbol images and translations, the X11/XInput2 client library
-# for the outside-click watcher and the compositor check, the update plugin's location and header.
+# The tray application's extra wiring: the bundled symbol images, the session bus interface's description and the
+# translations, the X11/XInput2 client library for the outside-click watcher and the compositor check, the update
+# plugin's location and header.
 
 pkg_check_modules(LUMORA_XCB REQUIRED IMPORTED_TARGET xcb xcb-xinput)
 target_link_libraries(LumoraApp PUBLIC PkgConfig::LUMORA_XCB)
@@ -11,6 +12,12 @@ qt_add_resources(LumoraApp lumora_symbols
   PREFIX /symbols
   BASE resources/symbols
   FILES ${LUMORA_SYMBOL_FILES})
+
+# The session bus interface's introspection file, served as installed (registered from SessionBusInterface.cpp).
+qt_add_resources(LumoraApp lumora_session_bus
+  PREFIX /dbus
+  BASE ${PROJECT_SOURCE_DIR}/data
+  FILES ${PROJECT_SOURCE_DIR}/data/org.lumora.Lumora1.xml)
 
 # Translations: the catalogues under translations/ are compiled and bundled as :/i18n/lumora_<language>.qm
 # (registered from Translations.cpp). `cmake --build BUILD --target update_translations` refreshes the catalogues

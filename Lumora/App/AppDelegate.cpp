@@ -163,8 +163,18 @@ int AppDelegate::runApplication(int argc, char** argv)
 
 SessionBus::Claim AppDelegate::serveSessionBus()
 {
+    SessionBusActions actions;
+    actions.showPanel = [this] { showPanel(); };
+    actions.displays = [this]() -> const std::vector<DisplaySnapshot>& { return controller_.displays(); };
+    actions.setBrightness = [this](std::uint32_t id, double fraction) { controller_.setBrightness(id, fraction); };
+    actions.step = [this](std::uint32_t id, double delta) { controller_.step(id, delta); };
+    actions.togglePower = [this](std::uint32_t id) { controller_.togglePower(id); };
+    actions.refresh = [this] { controller_.refresh(); };
     SessionBus::Claim outcome = SessionBus::Claim::noBus;
-    sessionBus_ = SessionBus::claim({[this] { showPanel(); }}, outcome);
+    sessionBus_ = SessionBus::claim(std::move(actions), outcome);
+    if (sessionBus_ != nullptr) {
+        connect(&controller_, &DisplayController::displaysChanged, sessionBus_.get(), &SessionBus::displaysChanged);
+    }
     return outcome;
 }
 

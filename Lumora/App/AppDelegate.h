@@ -39,7 +39,8 @@ public:
     // panel; 1 at once when there is no display server to show anything on).
     static int runApplication(int argc, char** argv);
 
-    // Serves the session bus interface; another Lumora may own it already.
+    // Serves the session bus interface (the panel, and the controller's operations for scripts and shortcuts);
+    // another Lumora may own it already.
     SessionBus::Claim serveSessionBus();
 
     // Builds the tray item and the panel, refreshes the displays and starts watching for display changes.

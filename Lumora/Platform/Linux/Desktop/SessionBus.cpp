@@ -12,9 +12,9 @@ constexpr int callTimeoutMs = 5000;
 
 }  // namespace
 
-SessionBus::SessionBus(SessionBusActions actions) : actions_(std::move(actions))
+SessionBus::SessionBus(SessionBusActions actions)
+    : interface_(std::make_unique<SessionBusInterface>(std::move(actions)))
 {
-    new SessionBusAdaptor(this);
 }
 
 SessionBus::~SessionBus()
@@ -35,7 +35,8 @@ std::unique_ptr<SessionBus> SessionBus::claim(SessionBusActions actions, Claim& 
     }
     std::unique_ptr<SessionBus> served(new SessionBus(std::move(actions)));
     // The object first, so that a call arriving the moment the name is ours finds it.
-    if (!bus.registerObject(QLatin1String(objectPath), served.get(), QDBusConnection::ExportAdaptors)) {
+    if (!bus.registerVirtualObject(QLatin1String(objectPath), served->interface_.get(),
+                                   QDBusConnection::SingleNode)) {
         outcome = Claim::noBus;
         return nullptr;
     }
@@ -68,13 +69,9 @@ bool SessionBus::showRunningPanel()
     return reply.type() == QDBusMessage::ReplyMessage;
 }
 
-SessionBusAdaptor::SessionBusAdaptor(SessionBus* bus) : QDBusAbstractAdaptor(bus), bus_(bus) {}
-
-void SessionBusAdaptor::ShowPanel()
+void SessionBus::displaysChanged()
 {
-    if (bus_->actions().showPanel) {
-        bus_->actions().showPanel();
-    }
+    interface_->displaysChanged();
 }
 
 }  // namespace Lumora

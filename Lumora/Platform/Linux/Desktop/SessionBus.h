@@ -1,27 +1,22 @@
 #pragma once
-// Lumora on the session bus: the name org.lumora.Lumora, the object /org/lumora/Lumora and its interface
-// org.lumora.Lumora1. Owning the name is also how a second start of Lumora finds the first one and asks it to
-// show its panel instead of starting again. Every method reaches the application through the actions it is given.
+// Lumora on the session bus: the name org.lumora.Lumora, and on /org/lumora/Lumora the interface
+// org.lumora.Lumora1 (SessionBusInterface). Owning the name is also how a second start of Lumora finds the first one
+// and asks it to show its panel instead of starting again.
 
-#include <QDBusAbstractAdaptor>
 #include <QObject>
 
-#include <functional>
 #include <memory>
 
-namespace Lumora {
+#include "Lumora/Platform/Linux/Desktop/SessionBusInterface.h"
 
-// What the bus interface can ask of the running application.
-struct SessionBusActions {
-    std::function<void()> showPanel;
-};
+namespace Lumora {
 
 class SessionBus : public QObject {
     Q_OBJECT
 public:
     static constexpr const char* serviceName = "org.lumora.Lumora";
-    static constexpr const char* objectPath = "/org/lumora/Lumora";
-    static constexpr const char* interfaceName = "org.lumora.Lumora1";
+    static constexpr const char* objectPath = SessionBusInterface::path;
+    static constexpr const char* interfaceName = SessionBusInterface::name;
 
     enum class Claim {
         owned,           // this process now serves the interface
@@ -37,27 +32,13 @@ public:
 
     ~SessionBus() override;
 
-    const SessionBusActions& actions() const { return actions_; }
+    // The application's list of displays changed: clients hear of it at the end of this turn of the event loop.
+    void displaysChanged();
 
 private:
     explicit SessionBus(SessionBusActions actions);
 
-    SessionBusActions actions_;
-};
-
-// The interface org.lumora.Lumora1 on /org/lumora/Lumora.
-class SessionBusAdaptor : public QDBusAbstractAdaptor {
-    Q_OBJECT
-    Q_CLASSINFO("D-Bus Interface", "org.lumora.Lumora1")
-public:
-    explicit SessionBusAdaptor(SessionBus* bus);
-
-public slots:
-    // Shows the panel: under the tray icon, or as Lumora's window on a desktop without a tray.
-    void ShowPanel();
-
-private:
-    SessionBus* bus_;
+    std::unique_ptr<SessionBusInterface> interface_;
 };
 
 }  // namespace Lumora

@@ -1,4 +1,5 @@
-// Which values a request from outside the panel may carry, and what it is told when it may not.
+// Which values a request from outside the panel may carry, and what it is told when it may not, up to the last
+// double on either side of each range.
 
 #include <gtest/gtest.h>
 
@@ -80,15 +81,4 @@ TEST(BrightnessRequest, AStepIsFromMinusOneToOneBothIncluded)
                           c.shown + ".");
         }
     }
-}
-
-TEST(BrightnessRequest, AnUnknownDisplayIsToldWhichDisplaysThereAre)
-{
-    EXPECT_EQ(BrightnessRequest::unknownDisplay(42, {{103, "DELL U2720Q"}, {95, "Built-in Display"}}),
-              "There is no display 42; the displays are 103 (DELL U2720Q), 95 (Built-in Display).");
-    EXPECT_EQ(BrightnessRequest::unknownDisplay(4294967295U, {{103, "DELL U2720Q"}}),
-              "There is no display 4294967295; the displays are 103 (DELL U2720Q).");
-    EXPECT_EQ(BrightnessRequest::unknownDisplay(7, {}), "There is no display 7; no display is listed (yet).");
-    EXPECT_EQ(BrightnessRequest::cannotPowerOff(95, "Built-in Display"),
-              "Display 95 (Built-in Display) has no standby: only external monitors driven over DDC/CI do.");
 }

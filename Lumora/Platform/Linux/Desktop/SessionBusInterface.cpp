@@ -287,7 +287,7 @@ void SessionBusInterface::handleProperties(const QDBusMessage& message, const QD
     const QList<QVariant> args = message.arguments();
     const QString signature = message.signature();
     const QString asked = args.isEmpty() ? QString() : args[0].toString();
-    const bool ours = asked == QLatin1String(name) || (member == QLatin1String("GetAll") && asked.isEmpty());
+    const bool ours = asked == QLatin1String(name) || asked.isEmpty();  // empty: whichever interface has it
 
     if (member == QLatin1String("Get") && signature == QLatin1String("ss")) {
         if (!ours || args[1].toString() != displaysProperty) {

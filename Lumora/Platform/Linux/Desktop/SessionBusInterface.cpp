@@ -288,12 +288,15 @@ void SessionBusInterface::handleProperties(const QDBusMessage& message, const QD
     const QString signature = message.signature();
     const QString asked = args.isEmpty() ? QString() : args[0].toString();
     const bool ours = asked == QLatin1String(name) || asked.isEmpty();  // empty: whichever interface has it
+    const auto unknownProperty = [&] {
+        replyError(message, connection, QStringLiteral("org.freedesktop.DBus.Error.UnknownProperty"),
+                   QStringLiteral("%1 has no property %2.%3; it has %4.Displays.")
+                       .arg(message.path(), asked, args[1].toString(), QLatin1String(name)));
+    };
 
     if (member == QLatin1String("Get") && signature == QLatin1String("ss")) {
         if (!ours || args[1].toString() != displaysProperty) {
-            replyError(message, connection, QStringLiteral("org.freedesktop.DBus.Error.UnknownProperty"),
-                       QStringLiteral("%1 has no property %2.%3; it has %4.Displays.")
-                           .arg(message.path(), asked, args[1].toString(), QLatin1String(name)));
+            unknownProperty();
             return;
         }
         reply(message, connection,
@@ -311,6 +314,10 @@ void SessionBusInterface::handleProperties(const QDBusMessage& message, const QD
         return;
     }
     if (member == QLatin1String("Set") && signature == QLatin1String("ssv")) {
+        if (!ours || args[1].toString() != displaysProperty) {
+            unknownProperty();
+            return;
+        }
         replyError(message, connection, QStringLiteral("org.freedesktop.DBus.Error.PropertyReadOnly"),
                    QStringLiteral("%1 is read-only: change displays with SetBrightness, Step and TogglePower.")
                        .arg(args[1].toString()));

@@ -58,7 +58,7 @@ wakeups()
 threads() { ls /proc/"$1"/task | wc -l; }
 rss_kib() { awk '/VmRSS/ {print $2}' /proc/"$1"/status; }
 
-start_app()   # start_app [desk|bare]: starts lumora, waits for the icon; prints the ms it took
+start_app()   # start_app desk|bare: starts lumora, waits for the icon; STARTED_MS is how long that took
 {
     local t0
     t0=$(now_ms)
@@ -70,14 +70,15 @@ start_app()   # start_app [desk|bare]: starts lumora, waits for the icon; prints
     APP=$!
     session_track "$APP"
     wait_until 30 icon_docked || { echo "desktop figures: lumora did not dock" >&2; exit 1; }
-    echo $(( $(now_ms) - t0 ))
+    STARTED_MS=$(( $(now_ms) - t0 ))
 }
-stop_app()
+stop_app()    # ends the lumora of start_app; every figure starts from a desktop without one
 {
     kill -TERM "$APP" 2>/dev/null
-    wait_until 10 bash -c '! kill -0 "$0" 2>/dev/null' "$APP"
+    wait_until 10 bash -c '! kill -0 "$0" 2>/dev/null' "$APP" || { echo "desktop figures: lumora did not end" >&2; exit 1; }
     wait "$APP" 2>/dev/null
-    wait_until 10 bash -c '! xwininfo -root -tree | grep -q "(\"lumora\" \"Lumora\")"'
+    wait_until 10 bash -c '! xwininfo -root -tree | grep -q "(\"lumora\" \"Lumora\")"' ||
+        { echo "desktop figures: lumora's windows did not go" >&2; exit 1; }
 }
 
 report=()
@@ -86,13 +87,14 @@ say() { report+=("$1"); echo "$1"; }
 # Start to docked icon.
 docks=()
 for _ in 1 2 3 4 5; do
-    docks+=("$(start_app desk)")
+    start_app desk
+    docks+=("$STARTED_MS")
     stop_app
 done
 say "start to docked icon (virtual desk, 3 displays): median $(printf '%s\n' "${docks[@]}" | median) ms  [${docks[*]}]"
 
 for mode in desk bare; do
-    start_app "$mode" >/dev/null
+    start_app "$mode"
     sleep 3
     pid=$(app_pid)
     label=$([[ $mode == desk ]] && echo "virtual desk, 3 displays" || echo "no displays")

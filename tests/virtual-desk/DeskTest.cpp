@@ -60,12 +60,18 @@ struct I2c { // one open /dev/i2c-N; transfers are single I2C_RDWR messages
     Bytes read(size_t n = 11, uint16_t addr = 0x37) { Bytes b(n); return transfer(addr, b, true) ? Bytes{} : b; }
 };
 
-DeskConfig deskWithDelays() // DP-1 (bus 5) replies at once; HDMI-A-1 (bus 3) keeps a Get conversation open for 2 s
+// DP-1 (bus 5) replies at once; HDMI-A-1 (bus 3) keeps a Get conversation open for 2 s. Lenient monitors: these
+// cases are about the desk's rules, not about how busy monitors answer.
+DeskConfig deskWithDelays()
 {
     auto config = DeskConfig::defaultDesk();
     for (auto& c : config.cards[0].connectors)
-        if (c.monitor)
+        if (c.monitor) {
+            const uint16_t current = c.monitor->current;
+            c.monitor = VirtualDesk::MonitorConfig{};
+            c.monitor->current = current;
             c.monitor->replyDelayMs = c.name == "DP-1" ? 0 : 2000;
+        }
     return config;
 }
 
@@ -79,6 +85,10 @@ TEST(DeskTest, ViolationsFireOnlyWhenTheRulesAreBroken)
              EXPECT_EQ(b.write(setTo(80)) + b.write(setTo(81)), 0); // after a's reply was read
              EXPECT_EQ(d.brightness("card0-DP-1"), 81);
              EXPECT_EQ(I2c(3).read(128, 0x50).size(), 128u); // EDID reads are fine
+         }, ""},
+        {[](Desk&) { // closing a descriptor ends its conversation, however soon another descriptor talks
+             for (int i = 0; i < 200; ++i)
+                 I2c(3).write(kGet);
          }, ""},
         {[](Desk&) { I2c(3).write({0x00}, 0x50); }, "wrote to address 0x50"},
         {[](Desk&) { I2c(5).write(kGet, 0x3A); }, "wrote to address 0x3A"},
@@ -104,6 +114,98 @@ TEST(DeskTest, ViolationsFireOnlyWhenTheRulesAreBroken)
             EXPECT_THAT(desk.violations(), testing::IsEmpty());
         else
             EXPECT_THAT(desk.violations(), testing::ElementsAre(HasSubstr(violation)));
+    }
+}
+
+// One monitor on one bus of a card, as a desk file would give it.
+DeskConfig oneMonitor(const std::string& driver, const std::string& connector, const std::string& monitor,
+                      const std::string& ddc = "")
+{
+    return DeskConfig::fromJson(R"({"cards": [{"driver": ")" + driver + R"(", "connectors": [{"name": ")" + connector +
+                                R"(", "ddc": {"bus": 5)" + ddc + R"(}, "monitor": )" + monitor + "}]}]}");
+}
+const Bytes kPowerOn = withChecksum({0x51, 0x84, 0x03, 0xD6, 0x00, 0x01});
+const Bytes kGetPower = withChecksum({0x51, 0x82, 0x01, 0xD6});
+Bytes nullMessage(uint8_t filler) { return {0x6E, 0x80, 0xBE, filler, filler, filler, filler, filler, filler, filler, filler}; }
+
+TEST(DeskTest, MonitorsAnswerAsTheyAreToldAndNakWithTheirAdaptersErrno)
+{
+    const struct {
+        const char* what;
+        DeskConfig config;
+        std::function<void(Desk&, I2c&)> action;
+    } cases[] = {
+        {"NAK while busy, DisplayPort AUX", oneMonitor("i915", "DP-1", R"({"busyMs": 60000})"),
+         [](Desk& d, I2c& fd) {
+             EXPECT_EQ(fd.write(setTo(80)), 0);
+             EXPECT_EQ(fd.write(setTo(81)), EREMOTEIO);
+             EXPECT_EQ(fd.write(kGet), EREMOTEIO);
+             EXPECT_EQ(d.brightness("card0-DP-1"), 80);
+         }},
+        {"NAK while busy, i915 gmbus", oneMonitor("i915", "HDMI-A-1", R"({"busyMs": 60000})"),
+         [](Desk&, I2c& fd) { EXPECT_EQ(fd.write(setTo(80)) + fd.write(setTo(81)), ENXIO); }},
+        {"NAK while busy, amdgpu", oneMonitor("amdgpu", "HDMI-A-1", R"({"busyMs": 60000})"),
+         [](Desk&, I2c& fd) { EXPECT_EQ(fd.write(setTo(80)) + fd.write(setTo(81)), EIO); }},
+        {"NAK as the desk file says", oneMonitor("i915", "DP-1", R"({"busyMs": 60000})", R"(, "nakErrno": "ETIMEDOUT")"),
+         [](Desk&, I2c& fd) { EXPECT_EQ(fd.write(setTo(80)) + fd.write(setTo(81)), ETIMEDOUT); }},
+        {"ignore while busy", oneMonitor("i915", "DP-1", R"({"busyMs": 60000, "faults": {"dropWhileBusy": true}})"),
+         [](Desk& d, I2c& fd) {
+             EXPECT_EQ(fd.write(setTo(80)) + fd.write(setTo(81)), 0);
+             EXPECT_EQ(d.transactions().back().note, "busy, ignored");
+             EXPECT_EQ(d.brightness("card0-DP-1"), 80);
+         }},
+        {"lenient: busy changes nothing", oneMonitor("i915", "DP-1", R"({"profile": "lenient", "busyMs": 60000})"),
+         [](Desk& d, I2c& fd) {
+             EXPECT_EQ(fd.write(setTo(80)) + fd.write(setTo(81)), 0);
+             EXPECT_EQ(d.brightness("card0-DP-1"), 81);
+         }},
+        {"null replies, then the reply", oneMonitor("i915", "DP-1",
+                                                   R"({"replyDelayMs": 0, "faults": {"nullReplies": 2, "nullFiller": 255}})"),
+         [](Desk& d, I2c& fd) {
+             EXPECT_EQ(fd.write(kGet), 0);
+             EXPECT_EQ(fd.read(), nullMessage(0xFF));
+             EXPECT_EQ(fd.read(), nullMessage(0xFF));
+             EXPECT_EQ(fd.read(), (Bytes{0x6E, 0x88, 0x02, 0x00, 0x10, 0x00, 0x00, 0x64, 0x00, 0x32, 0xF2}));
+             EXPECT_EQ(d.faults("card0-DP-1").nullReplies, 0);
+         }},
+        {"the null message while not ready", oneMonitor("i915", "DP-1", R"({"replyDelayMs": 60000})"),
+         [](Desk&, I2c& fd) {
+             EXPECT_EQ(fd.read(), nullMessage(0x00)) << "nothing asked yet";
+             EXPECT_EQ(fd.write(kGet), 0);
+             EXPECT_EQ(fd.read(), nullMessage(0x00));
+         }},
+        {"lenient: a NAK while not ready", oneMonitor("i915", "DP-1", R"({"profile": "lenient", "replyDelayMs": 60000})"),
+         [](Desk&, I2c& fd) {
+             EXPECT_EQ(fd.write(kGet), 0);
+             EXPECT_EQ(fd.read(), Bytes{});
+         }},
+        {"silent in standby but for the power command, then waking", oneMonitor("i915", "DP-1",
+                                                                              R"({"power": 4, "wakeMs": 60000})"),
+         [](Desk& d, I2c& fd) {
+             EXPECT_EQ(fd.write(kGetPower), EREMOTEIO);
+             EXPECT_EQ(fd.write(setTo(80)), EREMOTEIO);
+             EXPECT_EQ(fd.read(), Bytes{});
+             EXPECT_EQ(fd.write(kPowerOn), 0);
+             EXPECT_EQ(d.powerMode("card0-DP-1"), 1);
+             EXPECT_EQ(fd.write(kGetPower), EREMOTEIO) << "waking";
+             EXPECT_EQ(fd.read(), nullMessage(0x00)) << "waking";
+             EXPECT_EQ(d.brightness("card0-DP-1"), 50);
+         }},
+        {"awake after wakeMs; its own button wakes it too", oneMonitor("i915", "DP-1", R"({"power": 5, "wakeMs": 100})"),
+         [](Desk& d, I2c& fd) {
+             d.setPowerMode("card0-DP-1", 1);
+             std::this_thread::sleep_for(150ms); // the monitor's time passes; nothing else to wait for
+             EXPECT_EQ(fd.write(kGetPower), 0);
+             EXPECT_EQ(fd.write(setTo(80)), 0);
+             EXPECT_EQ(d.brightness("card0-DP-1"), 80);
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Desk desk(c.config, kQuiet);
+        I2c fd(5);
+        c.action(desk, fd);
+        EXPECT_THAT(desk.violations(), testing::IsEmpty());
     }
 }
 

@@ -76,6 +76,19 @@ std::string Desk::control(std::string_view line)
                     f.badChecksumReplies = static_cast<int>(v);
                 else if (key == "nakWhileBusy")
                     f.nakWhileBusy = v != 0;
+                else if (key == "dropWhileBusy")
+                    f.dropWhileBusy = v != 0;
+                else if (key == "nullReplies")
+                    f.nullReplies = static_cast<int>(v);
+                else if (key == "nullFiller") {
+                    if (v < 0 || v > 255)
+                        throw std::invalid_argument("nullFiller is one byte: 0x00 or 0xFF");
+                    f.nullFiller = static_cast<uint8_t>(v);
+                }
+                else if (key == "nullWhenNotReady")
+                    f.nullWhenNotReady = v != 0;
+                else if (key == "silentInStandby")
+                    f.silentInStandby = v != 0;
                 else if (key == "maxZero")
                     f.maxZero = v != 0;
                 else if (key == "currentAboveMax")
@@ -103,7 +116,14 @@ std::string Desk::control(std::string_view line)
             return "ok " + std::to_string(cmd == "brightness" ? brightness(words[1]) : maxBrightness(words[1]));
         }
         if (cmd == "power") {
-            need(2, 2);
+            need(2, 3);
+            if (words.size() == 3) {
+                const long v = number(words[2]);
+                if (v != 1 && v != 4 && v != 5)
+                    throw std::invalid_argument("power mode 1 (on), 4 (standby) or 5 (off)");
+                setPowerMode(words[1], static_cast<uint8_t>(v));
+                return "ok";
+            }
             return "ok " + std::to_string(powerMode(words[1]));
         }
         if (cmd == "backlight") {

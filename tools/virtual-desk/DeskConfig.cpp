@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -159,35 +160,59 @@ std::vector<uint8_t> parseHex(const std::string& text, const std::string& where)
     return out;
 }
 
-Faults parseFaults(Obj o)
+// Keys not given keep what `f` holds (the profile's).
+Faults parseFaults(Obj o, Faults f)
 {
-    Faults f;
-    f.neverAnswer = o.boolean("neverAnswer", false);
-    f.badChecksumReplies = static_cast<int>(o.integer("badChecksumReplies", 0, 0, 1000000));
-    f.nakWhileBusy = o.boolean("nakWhileBusy", false);
-    f.maxZero = o.boolean("maxZero", false);
-    f.currentAboveMax = o.boolean("currentAboveMax", false);
-    f.unplugged = o.boolean("unplugged", false);
+    f.neverAnswer = o.boolean("neverAnswer", f.neverAnswer);
+    f.badChecksumReplies = static_cast<int>(o.integer("badChecksumReplies", f.badChecksumReplies, 0, 1000000));
+    f.nakWhileBusy = o.boolean("nakWhileBusy", f.nakWhileBusy);
+    f.dropWhileBusy = o.boolean("dropWhileBusy", f.dropWhileBusy);
+    f.nullReplies = static_cast<int>(o.integer("nullReplies", f.nullReplies, 0, 1000000));
+    f.nullFiller = static_cast<uint8_t>(o.integer("nullFiller", f.nullFiller, 0, 255));
+    f.nullWhenNotReady = o.boolean("nullWhenNotReady", f.nullWhenNotReady);
+    f.silentInStandby = o.boolean("silentInStandby", f.silentInStandby);
+    f.maxZero = o.boolean("maxZero", f.maxZero);
+    f.currentAboveMax = o.boolean("currentAboveMax", f.currentAboveMax);
+    f.unplugged = o.boolean("unplugged", f.unplugged);
     return f;
 }
 
 MonitorConfig parseMonitor(Obj o)
 {
-    MonitorConfig m;
+    const std::string profile = o.string("profile", "realistic");
+    if (profile != "realistic" && profile != "lenient")
+        fail(o.sub("profile"), "expected \"realistic\" or \"lenient\"");
+    MonitorConfig m = profile == "realistic" ? MonitorConfig::realistic() : MonitorConfig{};
     m.max = static_cast<uint16_t>(o.integer("max", m.max, 1, 65535));
     m.current = static_cast<uint16_t>(o.integer("current", m.current, 0, 65535));
     m.power = static_cast<uint8_t>(o.integer("power", m.power, 1, 5));
     m.replyDelayMs = static_cast<int>(o.integer("replyDelayMs", m.replyDelayMs, 0, 60000));
     m.busyMs = static_cast<int>(o.integer("busyMs", m.busyMs, 0, 60000));
+    m.wakeMs = static_cast<int>(o.integer("wakeMs", m.wakeMs, 0, 60000));
     m.replyExpiryMs = static_cast<int>(o.integer("replyExpiryMs", m.replyExpiryMs, 0, 600000));
     m.hold = o.boolean("hold", false);
     if (o.has("faults"))
-        m.faults = parseFaults(Obj(o.at("faults"), o.sub("faults")));
+        m.faults = parseFaults(Obj(o.at("faults"), o.sub("faults")), m.faults);
     if (m.current > m.max && !m.faults.currentAboveMax)
         fail(o.sub("current"), "above max (" + std::to_string(m.max) + "); set faults.currentAboveMax to allow it");
     if (m.power != 1 && m.power != 4 && m.power != 5)
         fail(o.sub("power"), "expected 1 (on), 4 (standby) or 5 (off)");
     return m;
+}
+
+// "EREMOTEIO", "ENXIO", "EIO", ... or the number.
+int parseErrno(const json& v, const std::string& where)
+{
+    static const std::pair<const char*, int> names[] = {{"EREMOTEIO", EREMOTEIO}, {"ENXIO", ENXIO}, {"EIO", EIO},
+                                                        {"ETIMEDOUT", ETIMEDOUT}, {"EAGAIN", EAGAIN},
+                                                        {"EBUSY", EBUSY}, {"ENODEV", ENODEV}};
+    if (v.is_string())
+        for (const auto& [name, value] : names)
+            if (v.get<std::string>() == name)
+                return value;
+    if (v.is_string() && !v.get<std::string>().empty() && v.get<std::string>()[0] == 'E')
+        fail(where, "unknown errno name \"" + v.get<std::string>() + "\" (EREMOTEIO, ENXIO, EIO, ETIMEDOUT, ...)");
+    return static_cast<int>(Obj::integerValue(v, where, 1, 4095));
 }
 
 EdidConfig parseEdid(Obj o)
@@ -222,6 +247,28 @@ EdidConfig parseEdid(Obj o)
 }
 
 } // namespace
+
+MonitorConfig MonitorConfig::realistic()
+{
+    MonitorConfig m;
+    m.wakeMs = 1500;
+    m.faults.nakWhileBusy = true;
+    m.faults.nullWhenNotReady = true;
+    m.faults.silentInStandby = true;
+    return m;
+}
+
+int nakErrnoOf(const CardConfig& card, const DdcConfig& ddc)
+{
+    if (ddc.nakErrno != 0)
+        return ddc.nakErrno;
+    const bool mst = ddc.via == DdcVia::Pci && (ddc.name.empty() || ddc.name == "DPMST");
+    if (ddc.via == DdcVia::Aux || mst)
+        return EREMOTEIO; // I2C over the DisplayPort AUX channel, an MST port's included
+    if (card.driver == "amdgpu" || card.driver == "radeon" || card.driver == "nvidia")
+        return EIO;
+    return ENXIO;         // i915's gmbus, and the bit-banging adapters of most other drivers
+}
 
 std::vector<uint8_t> EdidConfig::bytes() const
 {
@@ -366,6 +413,8 @@ DeskConfig DeskConfig::fromJson(std::string_view text)
                                 fail(dd.sub("via"), "expected \"link\", \"aux\" or \"pci\"");
                             ddc.name = dd.string("name", "");
                             ddc.eepromAddress = static_cast<uint8_t>(dd.integer("eepromAddress", 0, 0, 255));
+                            if (dd.has("nakErrno"))
+                                ddc.nakErrno = parseErrno(dd.at("nakErrno"), dd.sub("nakErrno"));
                             conn.ddc = ddc;
                         } else {
                             k.touch("ddc");
@@ -505,7 +554,7 @@ DeskConfig DeskConfig::defaultDesk()
     dp1.connectorId = 103;
     dp1.edid = EdidConfig{"DEL", 0xA0C4, 0x4C4B3132, "DELL U2720Q", std::nullopt};
     dp1.ddc = DdcConfig{5, DdcVia::Aux, "AUX B/DDI B/PHY B"};
-    dp1.monitor = MonitorConfig{};
+    dp1.monitor = MonitorConfig::realistic();
     dp1.monitor->current = 50;
 
     ConnectorConfig dp2;
@@ -522,7 +571,7 @@ DeskConfig DeskConfig::defaultDesk()
     hdmi.connectorId = 110;
     hdmi.edid = EdidConfig{"GSM", 0x5B09, 0x0005A4B1, "LG HDR 4K", std::nullopt};
     hdmi.ddc = DdcConfig{3, DdcVia::Link, "i915 gmbus dpb"};
-    hdmi.monitor = MonitorConfig{};
+    hdmi.monitor = MonitorConfig::realistic();
     hdmi.monitor->current = 70;
 
     ConnectorConfig edp;

@@ -17,6 +17,7 @@
 
 #include <glib.h>
 
+#include <cerrno>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
@@ -106,6 +107,7 @@ struct Bus {
     std::vector<int> inFlight; // descriptors whose transfers are on the wire (or held)
     int opens = 0;             // open() calls on /dev/i2c-N
     bool removed = false;      // its connector was removed: every transfer fails with ENODEV
+    int nakErrno = ENXIO;      // what a transfer nobody acknowledges fails with on this adapter
 };
 
 struct ClientState {
@@ -157,13 +159,29 @@ struct Desk::Impl {
         cv.notify_all();
     }
 
-    void violation(const std::string& text)
+    void violation(const std::string& text) { violationAt(now(), text); }
+    void violationAt(int64_t whenUs, const std::string& text)
     {
         char stamp[32];
-        std::snprintf(stamp, sizeof stamp, "[%.3f ms] ", static_cast<double>(now()) / 1000.0);
+        std::snprintf(stamp, sizeof stamp, "[%.3f ms] ", static_cast<double>(whenUs) / 1000.0);
         violationList.push_back(stamp + text);
         notifyLocked();
     }
+
+    // A transfer that arrived while another descriptor's conversation was open. It is a second conversation only
+    // if that descriptor is still open: umockdev learns of a close only when it gets round to the closed socket,
+    // which may be after a transfer the program sent later on another descriptor. The verdict waits until umockdev
+    // has handled what was pending when the transfer arrived (an idle of low priority on its thread).
+    struct Suspicion {
+        int64_t atUs = 0;
+        int otherClient = 0; // the descriptor whose conversation was open
+        std::string text;    // the violation, should it be one
+    };
+    std::map<uint64_t, Suspicion> suspicions;
+    uint64_t nextSuspicion = 1;
+    void suspectLocked(int64_t atUs, int otherClient, std::string text);
+    void judge(uint64_t ticket);  // the verdict on one suspicion; takes `mu`
+    void judgeAllLocked();        // the verdict on every one still open
 
     // Transfers waiting for their completion time, by ticket. Only the ticket number travels through GLib, so that
     // every hand-over between threads goes through `mu` (and race detectors see it).
@@ -173,6 +191,9 @@ struct Desk::Impl {
     // Completes the transfer on the desk thread at desk time `whenUs`. Called with `mu` held.
     void finishAtLocked(int64_t whenUs, Transfer* t);
     static inline Impl* liveImpl = nullptr; // the one desk of the process
+    // Guards liveImpl for what runs on umockdev's threads (client finalisation, verdicts), which may outlive the
+    // desk. Taken before `mu`, never while holding it.
+    static inline std::mutex liveMu;
 
     Connector& connector(std::string_view name) const
     {
@@ -217,13 +238,19 @@ struct Desk::Impl {
         return "i2c-" + std::to_string(b.number) + (b.connector ? " (" + b.connector->sysName + ")" : "");
     }
 
+    // The descriptor's state, made on first sight. A descriptor ends when umockdev drops its client object (a
+    // weak reference tells), whether or not it says so with "client-vanished".
     ClientState& clientState(UMockdevIoctlClient* client, int bus)
     {
         auto it = clients.find(client);
-        if (it == clients.end())
+        if (it == clients.end()) {
             it = clients.emplace(client, ClientState{nextClientId++, bus, 0}).first;
+            g_object_weak_ref(G_OBJECT(client), &Impl::onClientFinalized, nullptr);
+        }
         return it->second;
     }
+    static void onClientFinalized(gpointer, GObject* client);
+    void clientGone(UMockdevIoctlClient* client);
 
     // ---- building the test bed ----
 
@@ -247,17 +274,7 @@ struct Desk::Impl {
         ++bus.opens;
         notifyLocked();
     }
-    void onVanished(Bus& bus, UMockdevIoctlClient* client)
-    {
-        std::lock_guard lk(mu);
-        auto it = clients.find(client);
-        if (it == clients.end())
-            return;
-        const int id = it->second.id;
-        clients.erase(it);
-        if (bus.connector && bus.connector->monitor)
-            bus.connector->monitor->endConversation(id);
-    }
+    void onVanished(Bus&, UMockdevIoctlClient* client) { clientGone(client); }
     static void complete(UMockdevIoctlClient* client, long result, int err)
     {
         if (umockdev_ioctl_client_get_connected(client)) // a client that died waits for nothing

@@ -5,7 +5,6 @@
 #include "tools/virtual-desk/TransactionLog.h"
 
 #include <algorithm>
-#include <cerrno>
 
 namespace VirtualDesk {
 
@@ -56,42 +55,79 @@ DdcRequest decodeRequest(const std::vector<uint8_t>& d)
     return r;
 }
 
-int EmulatedMonitor::write(const std::vector<uint8_t>& bytes, Transaction& rec, int64_t nowUs, int clientId)
+Answer EmulatedMonitor::write(const std::vector<uint8_t>& bytes, Transaction& rec, int64_t nowUs, int clientId)
 {
     const DdcRequest request = decodeRequest(bytes);
     rec.request = request.kind;
     rec.code = request.code;
     rec.value = request.value;
-    if (state.faults.nakWhileBusy && nowUs < busyUntilUs) {
-        rec.note = "busy";
-        return EREMOTEIO;
+    const Faults& f = state.faults;
+    // Asleep, a monitor that is silent in standby listens for the power command only.
+    if (f.silentInStandby && inStandby() && !(request.kind == "set" && request.code == 0xD6)) {
+        rec.note = "standby";
+        return Answer::notAcknowledged;
+    }
+    const bool waking = nowUs < awakeAtUs;
+    const bool busy = nowUs < busyUntilUs;
+    if (waking || busy) {
+        const std::string why = waking ? "waking" : "busy";
+        if (f.dropWhileBusy) {
+            rec.note = why + ", ignored";
+            return Answer::acknowledged;
+        }
+        if (waking || f.nakWhileBusy) {
+            rec.note = why;
+            return Answer::notAcknowledged;
+        }
     }
     rec.note = request.note;
     if (request.kind == "get")
         prepareReply(request, rec, nowUs, clientId);
     else if (request.kind == "set")
         apply(request, rec, nowUs);
-    return 0;
+    return Answer::acknowledged;
 }
 
-int EmulatedMonitor::read(std::size_t length, std::vector<uint8_t>& out, Transaction& rec, int64_t nowUs)
+Answer EmulatedMonitor::read(std::size_t length, std::vector<uint8_t>& out, Transaction& rec, int64_t nowUs)
 {
-    if (state.faults.nakWhileBusy && nowUs < busyUntilUs) {
+    const Faults& f = state.faults;
+    if (f.silentInStandby && inStandby()) {
+        rec.note = "standby";
+        return Answer::notAcknowledged;
+    }
+    if (nowUs < awakeAtUs) {
+        if (f.nullWhenNotReady) {
+            nullMessage(length, out, rec);
+            rec.note = "waking, null message";
+            return Answer::acknowledged;
+        }
+        rec.note = "waking";
+        return Answer::notAcknowledged;
+    }
+    if (f.nakWhileBusy && nowUs < busyUntilUs) {
         rec.note = "busy";
-        return EREMOTEIO;
+        return Answer::notAcknowledged;
     }
-    if (state.faults.neverAnswer) {
+    if (f.neverAnswer) {
         rec.note = "no answer";
-        return EREMOTEIO;
+        return Answer::notAcknowledged;
     }
-    if (!pending || nowUs >= pending->expiresUs) {
+    if (state.faults.nullReplies > 0) {
+        state.faults.nullReplies -= 1;
+        nullMessage(length, out, rec);
+        return Answer::acknowledged;
+    }
+    if (pending && nowUs >= pending->expiresUs)
         pending.reset();
-        rec.note = "nothing pending";
-        return EREMOTEIO;
-    }
-    if (nowUs < pending->readyUs) {
-        rec.note = "not ready";
-        return EREMOTEIO;
+    if (!pending || nowUs < pending->readyUs) {
+        const std::string why = pending ? "not ready" : "nothing pending";
+        if (f.nullWhenNotReady) {
+            nullMessage(length, out, rec);
+            rec.note = why + ", null message";
+            return Answer::acknowledged;
+        }
+        rec.note = why;
+        return Answer::notAcknowledged;
     }
     auto reply = pending->reply;
     pending.reset();
@@ -105,7 +141,25 @@ int EmulatedMonitor::read(std::size_t length, std::vector<uint8_t>& out, Transac
     rec.value = reply[8] << 8 | reply[9];
     out.assign(length, 0);
     std::copy_n(reply.begin(), std::min(reply.size(), length), out.begin());
-    return 0;
+    return Answer::acknowledged;
+}
+
+void EmulatedMonitor::setPower(uint8_t mode, int64_t nowUs)
+{
+    if (mode == 1 && inStandby())
+        awakeAtUs = nowUs + static_cast<int64_t>(state.wakeMs) * 1000;
+    state.power = mode;
+}
+
+// What a monitor with nothing to say sends: source 0x6E, length 0 (0x80), checksum 0xBE, then whatever the
+// line holds for the rest of the read.
+void EmulatedMonitor::nullMessage(std::size_t length, std::vector<uint8_t>& out, Transaction& rec) const
+{
+    out.assign(length, state.faults.nullFiller);
+    const uint8_t message[3] = {0x6E, 0x80, 0xBE};
+    std::copy_n(message, std::min<std::size_t>(3, length), out.begin());
+    rec.request = "null";
+    rec.note = "null message";
 }
 
 int EmulatedMonitor::openConversation(int64_t nowUs, int64_t graceUs) const
@@ -177,7 +231,7 @@ void EmulatedMonitor::apply(const DdcRequest& request, Transaction& rec, int64_t
         break;
     case 0xD6:
         if (v == 1 || v == 4 || v == 5)
-            state.power = static_cast<uint8_t>(v);
+            setPower(static_cast<uint8_t>(v), nowUs);
         else
             rec.note = "invalid power mode";
         break;

@@ -24,15 +24,20 @@ struct DdcRequest {
 
 DdcRequest decodeRequest(const std::vector<uint8_t>& bytes);
 
+// Whether the monitor acknowledged a message. What a host sees of a NAK (the errno) is the adapter's business.
+enum class Answer { acknowledged, notAcknowledged };
+
 class EmulatedMonitor {
 public:
     explicit EmulatedMonitor(const MonitorConfig& config) : state(config) {}
 
-    // A write to 0x37 that completes at `nowUs`, from descriptor `clientId`. Returns 0 when the monitor
-    // acknowledged it, else the errno the host sees. Fills the record's request, code, value and note.
-    int write(const std::vector<uint8_t>& bytes, Transaction& rec, int64_t nowUs, int clientId);
-    // A read of `length` bytes from 0x37 that completes at `nowUs`. Returns 0 with the bytes in `out`, or the errno.
-    int read(std::size_t length, std::vector<uint8_t>& out, Transaction& rec, int64_t nowUs);
+    // A write to 0x37 that completes at `nowUs`, from descriptor `clientId`. Fills the record's request, code,
+    // value and note.
+    Answer write(const std::vector<uint8_t>& bytes, Transaction& rec, int64_t nowUs, int clientId);
+    // A read of `length` bytes from 0x37 that completes at `nowUs`; when acknowledged, the bytes are in `out`.
+    Answer read(std::size_t length, std::vector<uint8_t>& out, Transaction& rec, int64_t nowUs);
+    // The monitor's own power button (or the desk's control): 1 on, 4 standby, 5 off. Waking takes wakeMs.
+    void setPower(uint8_t mode, int64_t nowUs);
 
     // A Get VCP conversation is open from the request until its reply is read, replaced by a new request, dropped,
     // or `graceUs` after the reply became ready (a host that has not read by then has given up on it). The
@@ -50,8 +55,11 @@ public:
 private:
     void prepareReply(const DdcRequest& request, Transaction& rec, int64_t nowUs, int clientId);
     void apply(const DdcRequest& request, Transaction& rec, int64_t nowUs);
+    bool inStandby() const { return state.power == 4 || state.power == 5; }
+    void nullMessage(std::size_t length, std::vector<uint8_t>& out, Transaction& rec) const;
 
     int64_t busyUntilUs = 0;
+    int64_t awakeAtUs = 0; // after a power-on, requests are ignored until then
     struct Pending {
         std::array<uint8_t, 11> reply{};
         int64_t readyUs = 0;

@@ -68,6 +68,29 @@ void Desk::Impl::detach(Bus& bus)
     bus.handler = nullptr;
 }
 
+void Desk::Impl::onClientFinalized(gpointer, GObject* client)
+{
+    std::lock_guard live(liveMu);
+    if (liveImpl)
+        liveImpl->clientGone(reinterpret_cast<UMockdevIoctlClient*>(client));
+}
+
+// The descriptor was closed: its conversation with the monitor ends, and its number is not used again.
+void Desk::Impl::clientGone(UMockdevIoctlClient* client)
+{
+    std::lock_guard lk(mu);
+    auto it = clients.find(client);
+    if (it == clients.end())
+        return;
+    const int id = it->second.id;
+    const int busNumber = it->second.bus;
+    clients.erase(it);
+    auto bus = buses.find(busNumber);
+    if (bus != buses.end() && bus->second->connector && bus->second->connector->monitor)
+        bus->second->connector->monitor->endConversation(id);
+    notifyLocked();
+}
+
 void Desk::Impl::handleIoctl(Bus& bus, UMockdevIoctlClient* client)
 {
     const gulong request = umockdev_ioctl_client_get_request(client);

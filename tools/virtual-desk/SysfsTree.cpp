@@ -128,6 +128,7 @@ Connector& Desk::Impl::addConnectorObjects(const CardConfig& card, const Connect
         bus->adapterPath = conn->adapterDevpath.substr(4);
         bus->name = c.ddc->name.empty() ? defaultAdapterName(c, c.ddc->bus) : c.ddc->name;
         bus->connector = conn.get();
+        bus->nakErrno = nakErrnoOf(card, *c.ddc);
         bus->impl = this;
         buses[bus->number] = std::move(bus);
     }

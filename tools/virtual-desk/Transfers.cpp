@@ -48,6 +48,55 @@ void Desk::Impl::finishAtLocked(int64_t whenUs, Transfer* t)
     g_source_unref(s);
 }
 
+void Desk::Impl::suspectLocked(int64_t atUs, int otherClient, std::string text)
+{
+    const uint64_t ticket = nextSuspicion++;
+    suspicions[ticket] = Suspicion{atUs, otherClient, std::move(text)};
+    // Called on umockdev's thread, in a handler: its context runs the idle once nothing of higher priority (a
+    // closed descriptor's end, say) is left to handle.
+    GSource* idle = g_idle_source_new();
+    g_source_set_priority(idle, G_PRIORITY_LOW);
+    g_source_set_callback(
+        idle,
+        [](gpointer data) -> gboolean {
+            std::lock_guard live(liveMu);
+            if (liveImpl)
+                liveImpl->judge(reinterpret_cast<uintptr_t>(data));
+            return G_SOURCE_REMOVE;
+        },
+        reinterpret_cast<gpointer>(static_cast<uintptr_t>(ticket)), nullptr);
+    g_source_attach(idle, g_main_context_get_thread_default());
+    g_source_unref(idle);
+}
+
+void Desk::Impl::judge(uint64_t ticket)
+{
+    std::lock_guard lk(mu);
+    auto it = suspicions.find(ticket);
+    if (it == suspicions.end())
+        return;
+    const Suspicion s = std::move(it->second);
+    suspicions.erase(it);
+    for (const auto& [client, state] : clients)
+        if (state.id == s.otherClient) {
+            violationAt(s.atUs, s.text);
+            break;
+        }
+    notifyLocked();
+}
+
+void Desk::Impl::judgeAllLocked()
+{
+    for (auto& [ticket, s] : suspicions)
+        for (const auto& [client, state] : clients)
+            if (state.id == s.otherClient) {
+                violationAt(s.atUs, s.text);
+                break;
+            }
+    suspicions.clear();
+    notifyLocked();
+}
+
 void Desk::Impl::startTransfer(std::unique_ptr<Transfer> t)
 {
     std::unique_lock lk(mu);
@@ -75,9 +124,10 @@ void Desk::Impl::startTransfer(std::unique_ptr<Transfer> t)
     if (reachable && talksDdc) {
         const int other = m->openConversation(t->startUs, kConversationGraceUs);
         if (other != 0 && other != t->clientId)
-            violation("overlapping transactions on " + busLabel(b) + ": " + who +
-                      " talked to the monitor while descriptor #" + std::to_string(other) + "'s Get VCP " +
-                      hex2(m->openConversationCode()) + " reply was not yet read");
+            suspectLocked(t->startUs, other,
+                          "overlapping transactions on " + busLabel(b) + ": " + who +
+                              " talked to the monitor while descriptor #" + std::to_string(other) + "'s Get VCP " +
+                              hex2(m->openConversationCode()) + " reply was not yet read");
     }
 
     b.inFlight.push_back(t->clientId);
@@ -170,15 +220,16 @@ int Desk::Impl::deliver(Bus& b, Msg& msg, Transaction& rec, int64_t nowUs, int c
         rec.note = "removed";
         return ENODEV;
     }
+    // Nobody answering at the address looks the same on the wire whatever the reason: the adapter's NAK.
     EmulatedMonitor* m = c->monitor ? &*c->monitor : nullptr;
     if (!c->plugged || (m && m->state.faults.unplugged)) {
         rec.note = "unplugged";
-        return ENXIO;
+        return b.nakErrno;
     }
     if (msg.addr == kEdidAddress) {
         if (!c->eeprom.answers()) {
             rec.note = "no EDID";
-            return ENXIO;
+            return b.nakErrno;
         }
         if (!msg.read) {
             rec.request = "offset";
@@ -191,15 +242,15 @@ int Desk::Impl::deliver(Bus& b, Msg& msg, Transaction& rec, int64_t nowUs, int c
     }
     if (msg.addr != kDdcAddress || !m) {
         rec.note = "no device";
-        return ENXIO;
+        return b.nakErrno;
     }
     if (!msg.read)
-        return m->write(msg.data, rec, nowUs, clientId);
+        return m->write(msg.data, rec, nowUs, clientId) == Answer::acknowledged ? 0 : b.nakErrno;
     std::vector<uint8_t> out;
-    const int err = m->read(msg.len, out, rec, nowUs);
-    if (err == 0)
-        put(out);
-    return err;
+    if (m->read(msg.len, out, rec, nowUs) != Answer::acknowledged)
+        return b.nakErrno;
+    put(out);
+    return 0;
 }
 
 } // namespace VirtualDesk

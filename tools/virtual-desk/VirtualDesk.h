@@ -23,27 +23,40 @@
 
 namespace VirtualDesk {
 
-// Ways a monitor misbehaves. All can be set in the desk file and changed at run time (Desk::setFaults).
+// Ways a monitor misbehaves. All can be set in the desk file and changed at run time (Desk::setFaults). A NAK is
+// a transfer the monitor does not acknowledge: it fails with the adapter's errno (DdcConfig::nakErrno).
 struct Faults {
-    bool neverAnswer = false;     // no reply is ever prepared: every read at 0x37 fails (EREMOTEIO)
+    bool neverAnswer = false;     // no reply is ever prepared: every read at 0x37 is NAKed
     int badChecksumReplies = 0;   // the next k replies read carry a wrong checksum (counts down)
-    bool nakWhileBusy = false;    // a transfer during the busy time after a Set VCP fails (EREMOTEIO)
+    bool nakWhileBusy = false;    // a transfer during the busy time after a Set VCP is NAKed and not applied
+    bool dropWhileBusy = false;   // a request during the busy time after a Set VCP is acknowledged and ignored
+    int nullReplies = 0;          // the next k reads return the null message 6E 80 BE and filler (counts down)
+    uint8_t nullFiller = 0x00;    // what follows the null message in a longer read: 0x00 or 0xFF
+    bool nullWhenNotReady = false; // a read with no reply ready returns the null message instead of a NAK
+    bool silentInStandby = false; // in power mode 4 or 5 nothing at 0x37 is answered but Set VCP 0xD6
     bool maxZero = false;         // replies report a maximum of 0
     bool currentAboveMax = false; // Set VCP stores brightness above the maximum instead of clamping
-    bool unplugged = false;       // every transfer on the monitor's bus fails (ENXIO); sysfs is unchanged
+    bool unplugged = false;       // every transfer on the monitor's bus is NAKed; sysfs is unchanged
     bool operator==(const Faults&) const = default;
 };
 
-// One DDC/CI monitor answering at 0x37 on its connector's DDC bus.
+// One DDC/CI monitor answering at 0x37 on its connector's DDC bus. `MonitorConfig{}` is a lenient monitor that
+// takes everything at any time; `realistic()` behaves as many real ones do, and is what desk files and the
+// default desk give unless told otherwise.
 struct MonitorConfig {
     uint16_t max = 100;       // brightness maximum, 1..65535
     uint16_t current = 50;    // brightness; above max only with faults.currentAboveMax
     uint8_t power = 1;        // VCP 0xD6: 1 on, 4 standby, 5 off
     int replyDelayMs = 30;    // a Get VCP reply is ready this long after the request
-    int busyMs = 50;          // busy this long after a Set VCP
+    int busyMs = 50;          // busy this long after a Set VCP (matters with nakWhileBusy or dropWhileBusy)
+    int wakeMs = 0;           // after power-on from standby or off, every request is ignored this long
     int replyExpiryMs = 1000; // an unread reply is dropped this long after it became ready
     Faults faults;
     bool hold = false;        // start held (see Desk::hold)
+
+    // NAKs while busy, answers a read with the null message while its reply is not ready, answers nothing in
+    // standby but the power command, and ignores requests for 1.5 s after waking.
+    static MonitorConfig realistic();
 };
 
 // EDID of a connector: generated from the fields, or `raw` verbatim (an empty `raw` gives an empty file).
@@ -67,6 +80,7 @@ struct DdcConfig {
     std::string name;      // the adapter's `name` attribute; a driver-like default when empty. "DPMST" refuses
                            // messages longer than 255 bytes (EIO), as the kernel's MST ports do
     uint8_t eepromAddress = 0; // where the EDID EEPROM's current address stands when the desk starts
+    int nakErrno = 0;      // the errno of a NAK on this adapter; 0: as the card's driver reports it (nakErrnoOf)
 };
 
 struct ConnectorConfig {
@@ -85,6 +99,11 @@ struct CardConfig {
     std::string driver = "i915";
     std::vector<ConnectorConfig> connectors;
 };
+
+// The errno a transfer that is not acknowledged fails with on this adapter, as real kernels report it: DisplayPort
+// AUX and MST ports EREMOTEIO, i915's gmbus ENXIO, the DDC lines of amdgpu, radeon and nvidia cards EIO;
+// `ddc.nakErrno` when given.
+int nakErrnoOf(const CardConfig& card, const DdcConfig& ddc);
 
 struct BacklightConfig {
     std::string name = "intel_backlight";
@@ -187,7 +206,7 @@ public:
     Desk& operator=(const Desk&) = delete;
 
     // Hot-plug: status, enabled and edid change, then a "change" uevent with HOTPLUG=1 on the card, as the kernel
-    // sends. An unplugged monitor keeps its state; every transfer on its bus fails with ENXIO until plug().
+    // sends. An unplugged monitor keeps its state; every transfer on its bus is NAKed until plug().
     void unplug(std::string_view connector);
     void plug(std::string_view connector);
 
@@ -215,6 +234,7 @@ public:
     uint16_t maxBrightness(std::string_view connector) const;
     uint8_t powerMode(std::string_view connector) const;
     void setBrightness(std::string_view connector, uint16_t value);
+    void setPowerMode(std::string_view connector, uint8_t mode); // 1, 4 or 5; waking from 4 or 5 takes wakeMs
     void setMaxBrightness(std::string_view connector, uint16_t max);
 
     // Backlight devices by name ("intel_backlight"): the value in `brightness`, as last written by anyone.

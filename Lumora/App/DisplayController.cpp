@@ -22,11 +22,15 @@ constexpr double defaultRestoreBrightness = 1.0;
 }  // namespace
 
 // One refresh on its way: what enumeration found, and each display's reading as it comes in from that display's
-// queue. Each reading slot is written by one read only; `pending` counts the reads still out, and the read that
-// takes it to zero hands the batch to the main thread.
+// queue. Each display's slots are written by its one read only; `pending` counts the reads still out, and the read
+// that takes it to zero hands the batch to the main thread.
 struct DisplayController::RefreshBatch {
     std::vector<DisplayInfo> infos;
     std::vector<std::optional<double>> readings;
+    // Displays held in standby when the reads were handed out: their power mode is read instead, and their
+    // brightness only when they say they are on.
+    std::vector<char> heldInStandby;
+    std::vector<std::optional<bool>> power;
     std::atomic<std::size_t> pending{0};
 };
 
@@ -124,6 +128,8 @@ void DisplayController::startRefresh()
     }
     std::erase_if(batch->infos, [](const DisplayInfo& info) { return !info.backend; });
     batch->readings.resize(batch->infos.size());
+    batch->heldInStandby.resize(batch->infos.size());
+    batch->power.resize(batch->infos.size());
     onMain([this, batch] { scheduleReads(batch); });
 }
 
@@ -146,10 +152,19 @@ void DisplayController::scheduleReads(const std::shared_ptr<RefreshBatch>& batch
     }
     batch->pending.store(batch->infos.size(), std::memory_order_relaxed);
     for (std::size_t i = 0; i < batch->infos.size(); ++i) {
+        batch->heldInStandby[i] = poweredOff_.contains(batch->infos[i].id);
         queue(batch->infos[i].id).async([this, batch, i] {
+            DisplayBackend& backend = *batch->infos[i].backend;
             std::optional<double> reading;
             try {
-                reading = batch->infos[i].backend->readBrightness();
+                // A monitor held in standby is asked whether it is still asleep (many answer nothing then); only
+                // one that was woken by its own button is read.
+                if (batch->heldInStandby[i]) {
+                    batch->power[i] = backend.readPower();
+                }
+                if (!batch->heldInStandby[i] || batch->power[i] == true) {
+                    reading = backend.readBrightness();
+                }
             } catch (...) {
                 reading.reset();
             }
@@ -180,8 +195,28 @@ void DisplayController::publish(const RefreshBatch& batch)
         const DisplayInfo& info = batch.infos[i];
         seen.insert(info.id);
         newBackends[info.id] = info.backend;
-        list.push_back(DisplaySnapshot{info.id, info.name, batch.readings[i].value_or(1.0), true,
-                                       info.backend->canPowerOff()});
+        const DisplaySnapshot* shown = nullptr;
+        for (const DisplaySnapshot& snapshot : displays_) {
+            if (snapshot.id == info.id) {
+                shown = &snapshot;
+                break;
+            }
+        }
+        DisplaySnapshot snapshot{info.id, info.name, batch.readings[i].value_or(1.0), true, info.backend->canPowerOff()};
+        if (poweredOff_.contains(info.id)) {
+            if (batch.heldInStandby[i] && batch.power[i] == true) {
+                poweredOff_.erase(info.id);  // someone woke it with its own button
+            } else {
+                // A monitor in standby keeps its connector on Linux: still held, it stays shown in standby with
+                // the brightness it was shown at.
+                snapshot.isOn = false;
+                snapshot.brightness = shown ? shown->brightness : snapshot.brightness;
+            }
+        } else if (batch.heldInStandby[i] && batch.power[i] != true && shown) {
+            // Woken by the user after its power mode was read: its brightness was not read, the request is shown.
+            snapshot.brightness = shown->brightness;
+        }
+        list.push_back(snapshot);
     }
 
     // A monitor that left the display list while in standby stays listed, with its backend, so that the user can

@@ -49,7 +49,9 @@ public:
 
     // Re-enumerates, reads every display (each on its own queue, behind the traffic already queued for it) and
     // republishes the list; returns at once. Refreshes run one after another and publish in the order they were
-    // called; none is dropped.
+    // called; none is dropped. A display held in standby stays shown in standby at its shown brightness, whether
+    // or not it is still enumerated, until it is woken here or says it is on (read of its power mode, for those
+    // displays only).
     void refresh();
     // Shows the clamped fraction at once, then writes it, or puts a monitor into standby at 0.01 and below and
     // wakes it above. Unknown displays and NaN are ignored.

@@ -37,4 +37,12 @@ void DDCBackend::setPower(bool on)
     ddc_.setVCP(VCPCode::powerMode, rawValue(on ? VCPCode::PowerMode::on : VCPCode::PowerMode::standby));
 }
 
+std::optional<bool> DDCBackend::readPower()
+{
+    std::optional<VCPReply> reply = ddc_.getVCP(VCPCode::powerMode);
+    if (!reply)
+        return std::nullopt;
+    return reply->current == rawValue(VCPCode::PowerMode::on);
+}
+
 }  // namespace Lumora

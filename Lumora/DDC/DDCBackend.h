@@ -18,6 +18,8 @@ public:
     std::optional<double> readBrightness() override;
     void writeBrightness(double fraction) override;
     void setPower(bool on) override;
+    // Get VCP Feature of the power mode (0xD6): on when it reads 1.
+    std::optional<bool> readPower() override;
 
     // The maximum the monitor last reported (never 0); 100 until the first successful read.
     std::uint16_t maxValue() const { return maxValue_; }

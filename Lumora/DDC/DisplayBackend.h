@@ -19,6 +19,11 @@ public:
     virtual void writeBrightness(double fraction) = 0;
     // Standby (false) or on (true); nothing on a display that cannot power off.
     virtual void setPower(bool on) = 0;
+    // Whether the display says it is on (true) or in standby or off (false); blocks for the hardware. Absent when
+    // it cannot tell, which is always the case for a display that cannot power off. On Linux a monitor in standby
+    // usually stays listed, so a refresh asks this of the monitors it holds in standby: one that says it is on
+    // was woken by its own button.
+    virtual std::optional<bool> readPower() { return std::nullopt; }
 };
 
 using DisplayBackendRef = std::shared_ptr<DisplayBackend>;

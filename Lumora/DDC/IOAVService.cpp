@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <vector>
 
+#include "Lumora/Platform/Linux/DDCChannel.h"
 #include "Lumora/Platform/Linux/I2CDevice.h"
 #include "LumoraCore/DDCPacket.h"
 
@@ -14,7 +15,7 @@ IOAVServiceRef createService(const char* devicePath)
 {
     if (devicePath == nullptr)
         return nullptr;
-    return Platform::I2CDevice::open(devicePath);
+    return Platform::DDCChannel::open(devicePath);
 }
 
 // Only the monitor's DDC/CI endpoint is ever written: anything else on a display bus (the EDID EEPROM at 0x50,

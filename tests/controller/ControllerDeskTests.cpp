@@ -28,18 +28,8 @@ const std::string lg = "card0-HDMI-A-1";
 constexpr int brightness = 0x10;
 constexpr int power = 0xD6;
 
-// One Set VCP message as the monitor received it: VCP code, value.
+// One Set VCP request as the monitor applied it: VCP code, value.
 using Set = std::pair<int, int>;
-
-// A DDC/CI write sends its packet twice.
-std::vector<Set> twice(std::initializer_list<Set> writes)
-{
-    std::vector<Set> sets;
-    for (const Set& w : writes) {
-        sets.insert(sets.end(), {w, w});
-    }
-    return sets;
-}
 
 class ControllerOnDesk : public ::testing::Test {
 protected:
@@ -51,11 +41,14 @@ protected:
         EXPECT_THAT(desk.violations(), ::testing::IsEmpty());
     }
 
+    // The Sets the monitor took and applied, in order. Its realistic monitors NAK a request while busy with the
+    // last one: the repeat of each Set, sent 10 ms after it, is not among them.
     std::vector<Set> sets(const std::string& connector) const
     {
         std::vector<Set> result;
         for (const VirtualDesk::Transaction& t : desk.transactions()) {
-            if (t.connector == connector && t.request == "set" && t.outcome == "ok") {
+            if (t.connector == connector && t.request == "set" && t.outcome == "ok" &&
+                t.note.find("ignored") == std::string::npos) {
                 result.emplace_back(t.code, t.value);
             }
         }
@@ -86,13 +79,13 @@ TEST_F(ControllerOnDesk, RequestsDuringOneHeldWriteReachTheWireCoalesced)
     };
     const Case cases[] = {
         {"a drag: the first value and the last", {0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 0.8, 0.9, 1.0},
-         twice({{brightness, 10}, {brightness, 100}})},
-        {"the value being written: once", {0.4, 0.4}, twice({{brightness, 40}})},
-        {"replaced, then requested again: once", {0.4, 0.9, 0.4}, twice({{brightness, 40}})},
+         {{brightness, 10}, {brightness, 100}}},
+        {"the value being written: once", {0.4, 0.4}, {{brightness, 40}}},
+        {"replaced, then requested again: once", {0.4, 0.9, 0.4}, {{brightness, 40}}},
         {"standby, then wake: the running loop writes the newest value before the power commands", {0.5, 0.0, 0.8},
-         twice({{brightness, 50}, {brightness, 80}, {power, 4}, {power, 1}})},
+         {{brightness, 50}, {brightness, 80}, {power, 4}, {power, 1}}},
         {"standby, twice: the running loop writes the last value before it, one power command", {0.5, 0.6, 0.0, 0.0},
-         twice({{brightness, 50}, {brightness, 60}, {power, 4}})},
+         {{brightness, 50}, {brightness, 60}, {power, 4}}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -119,7 +112,7 @@ TEST_F(ControllerOnDesk, SteppingDownEntersStandbyAndSteppingUpWakesTheMonitorTh
     controller->step(dellID, 0.0625);
     EXPECT_EQ(watch.shown(dellID), (DisplaySnapshot{dellID, "DELL U2720Q", 0.0625, true, true}));
     ASSERT_TRUE(watch.refreshAndWait());
-    EXPECT_EQ(sets(dell), twice({{brightness, 6}, {power, 4}, {power, 1}, {brightness, 6}}));
+    EXPECT_EQ(sets(dell), (std::vector<Set>{{brightness, 6}, {power, 4}, {power, 1}, {brightness, 6}}));
 }
 
 TEST_F(ControllerOnDesk, ToggledOffAtSevenTenthsAndOnAgainTheMonitorIsWrittenSevenTenths)
@@ -130,8 +123,8 @@ TEST_F(ControllerOnDesk, ToggledOffAtSevenTenthsAndOnAgainTheMonitorIsWrittenSev
     const int before = watch.changes;
     controller->togglePower(dellID);
     controller->togglePower(dellID);
-    ASSERT_TRUE(pumpUntil([&] { return sets(dell).size() == 6; }));
-    EXPECT_EQ(sets(dell), twice({{power, 4}, {power, 1}, {brightness, 70}}));
+    ASSERT_TRUE(pumpUntil([&] { return sets(dell).size() == 3; }));
+    EXPECT_EQ(sets(dell), (std::vector<Set>{{power, 4}, {power, 1}, {brightness, 70}}));
     // Two in-place changes per toggle, then the refresh each toggle schedules two seconds later.
     ASSERT_TRUE(pumpUntil([&] { return watch.changes == before + 6; }));
     EXPECT_EQ(watch.shown(dellID), (DisplaySnapshot{dellID, "DELL U2720Q", 0.7, true, true}));
@@ -153,11 +146,29 @@ TEST_F(ControllerOnDesk, AMonitorUnpluggedInStandbyStaysListedAndCanStillBeWoken
     desk.plug(dell);
     desk.clearTransactions();
     controller->togglePower(lgID);
-    ASSERT_TRUE(pumpUntil([&] { return sets(lg).size() == 4; }));
-    EXPECT_EQ(sets(lg), twice({{power, 1}, {brightness, 100}})) << "no brightness kept by a toggle: full";
+    ASSERT_TRUE(pumpUntil([&] { return sets(lg).size() == 2; }));
+    EXPECT_EQ(sets(lg), (std::vector<Set>{{power, 1}, {brightness, 100}})) << "no brightness kept by a toggle: full";
     ASSERT_TRUE(watch.refreshAndWait());
     EXPECT_EQ(controller->displays(), (std::vector<DisplaySnapshot>{{dellID, "DELL U2720Q", 0.5, true, true},
                                                                    {lgID, "LG HDR 4K", 1.0, true, true}, panel}));
+}
+
+TEST_F(ControllerOnDesk, AMonitorInStandbyStaysShownInStandbyAcrossRefreshesUntilItsOwnButtonWakesIt)
+{
+    controller->togglePower(dellID);
+    ASSERT_TRUE(pumpUntil([&] { return desk.powerMode(dell) == 4; }));
+    for (int refresh = 0; refresh < 2; ++refresh) {
+        ASSERT_TRUE(watch.refreshAndWait());
+        EXPECT_EQ(watch.shown(dellID), (DisplaySnapshot{dellID, "DELL U2720Q", 0.0, false, true}));
+    }
+    EXPECT_EQ(sets(dell), (std::vector<Set>{{power, 4}})) << "nothing written to the sleeping monitor";
+
+    desk.setBrightness(dell, 40);
+    desk.setPowerMode(dell, 1);  // its own button: it ignores requests while it wakes, then says it is on
+    EXPECT_TRUE(pumpUntil([&] { return watch.refreshAndWait() && watch.shown(dellID).isOn; }, 20s));
+    EXPECT_EQ(watch.shown(dellID), (DisplaySnapshot{dellID, "DELL U2720Q", 0.4, true, true}));
+    controller->togglePower(dellID);  // on: so the toggle puts it back into standby
+    EXPECT_TRUE(pumpUntil([&] { return desk.powerMode(dell) == 4; }));
 }
 
 TEST_F(ControllerOnDesk, ARefreshReadsAMonitorOnlyOnceItsWriteHasCompleted)

@@ -38,10 +38,13 @@ std::string writeOf(double fraction)
 }
 
 // One monitor behind the test backends: the brightness it reads, every call made to it as the call arrives
-// ("read", "write 0.3", "off", "on"), and a gate that holds the calls while it is closed.
+// ("read", "write 0.3", "off", "on", "power"), and a gate that holds the calls while it is closed.
 class Monitor {
 public:
     explicit Monitor(std::optional<double> reading) : reading_(reading) {}
+
+    // What it says of its power mode: on, standby, nothing.
+    std::optional<bool> power;
 
     void hold(bool held)
     {
@@ -80,6 +83,11 @@ public:
     std::optional<double> readBrightness() override { return monitor_->call("read"); }
     void writeBrightness(double fraction) override { monitor_->call(writeOf(fraction)); }
     void setPower(bool on) override { monitor_->call(on ? "on" : "off"); }
+    std::optional<bool> readPower() override
+    {
+        monitor_->call("power");
+        return monitor_->power;
+    }
 
 private:
     std::shared_ptr<Monitor> monitor_;
@@ -221,6 +229,37 @@ TEST(ControllerRules, TheToggleWakesAtTheBrightnessItKeptOrAtFullBrightness)
             lastWrite = call.starts_with("write") ? call : lastWrite;
         }
         EXPECT_EQ(lastWrite, writeOf(c.woken));
+    }
+}
+
+TEST(ControllerRules, AMonitorHeldInStandbyStaysShownSoUntilItSaysItIsOn)
+{
+    struct Case {
+        const char* what;
+        std::optional<bool> power;
+        DisplaySnapshot shown;  // after each of two refreshes
+        Calls calls;            // made by the two refreshes
+    };
+    const Case cases[] = {
+        {"silent in standby", std::nullopt, {dellID, "display 5", 0.0, false, true}, {"power", "power"}},
+        {"says standby", false, {dellID, "display 5", 0.0, false, true}, {"power", "power"}},
+        {"woken by its own button: read, and no longer held", true, {dellID, "display 5", 0.5, true, true},
+         {"power", "read", "read"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        Rig rig;
+        rig.dell->power = c.power;
+        ASSERT_TRUE(rig.watch.refreshAndWait());
+        rig.controller->setBrightness(dellID, 0.7);
+        rig.controller->togglePower(dellID);
+        ASSERT_TRUE(rig.watch.refreshAndWait());
+        EXPECT_EQ(rig.watch.shown(dellID), c.shown);
+        ASSERT_TRUE(rig.watch.refreshAndWait());
+        EXPECT_EQ(rig.watch.shown(dellID), c.shown);
+        rig.controller.reset();
+        const Calls calls = rig.dell->calls();
+        EXPECT_EQ(Calls(calls.begin() + 3, calls.end()), c.calls) << "after read, write 0.7, off";
     }
 }
 

@@ -85,7 +85,7 @@ TEST_F(OnDesk, GetAndSetTravelAsOneI2CMessageEachToTheDDCAddress)
     ASSERT_TRUE(reply);
     EXPECT_EQ(*reply, (VCPReply{50, 100}));
 
-    ASSERT_TRUE(ddc.setVCP(VCPCode::brightness, 50));
+    ASSERT_TRUE(ddc.setVCP(VCPCode::brightness, 50)) << "a repeat NAKed while the monitor applies it counts as taken";
     EXPECT_EQ(desk->brightness("card0-DP-1"), 50);
 
     std::vector<Transaction> wire = on("card0-DP-1");
@@ -98,8 +98,12 @@ TEST_F(OnDesk, GetAndSetTravelAsOneI2CMessageEachToTheDDCAddress)
     for (const Transaction& t : wire) {
         EXPECT_EQ(t.address, 0x37);
         EXPECT_EQ(t.via, "rdwr");
-        EXPECT_EQ(t.outcome, "ok");
     }
+    // The monitor is realistic: busy applying the Set, it NAKs the repeat that follows 10 ms later (on DisplayPort
+    // AUX with EREMOTEIO), unless this machine was too slow to send the repeat within the busy time.
+    EXPECT_EQ(wire[0].outcome + " " + wire[1].outcome + " " + wire[2].outcome, "ok ok ok");
+    EXPECT_TRUE(wire[3].outcome == "ok" || (wire[3].outcome == "EREMOTEIO" && wire[3].note == "busy"))
+        << wire[3].outcome;
     EXPECT_GE(wire[1].startUs - wire[0].endUs, 50'000) << "the reply is read 50 ms after the request";
 }
 

@@ -6,6 +6,9 @@
 #include <QKeyEvent>
 #include <QMenu>
 #include <QScreen>
+#include <QTimer>
+
+#include <chrono>
 
 #include <cstdio>
 
@@ -15,6 +18,7 @@
 #include "Lumora/Platform/Linux/Desktop/DisplayChangeMonitor.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayServer.h"
 #include "Lumora/Platform/Linux/Desktop/OutsideClickWatcher.h"
+#include "Lumora/Platform/Linux/Desktop/ResumeMonitor.h"
 #include "Lumora/Platform/Linux/Desktop/SingleInstance.h"
 #include "Lumora/Platform/Linux/Desktop/TrayWatcher.h"
 #include "Lumora/UI/AboutBox.h"
@@ -53,6 +57,8 @@ void say(const QString& message)
     std::fputs(line.constData(), stderr);
     std::fflush(stderr);
 }
+// Monitors come back slowly after a resume: they are read at once, and again this much later.
+constexpr auto secondRefreshAfterResume = std::chrono::milliseconds(3000);
 
 // The status menu: "q" (and the desktop's usual Ctrl+Q) quits while it is open.
 class StatusMenu : public QMenu {
@@ -124,6 +130,7 @@ AppDelegate::~AppDelegate()
     displayChanges_.reset();
     trayWatcher_.reset();
     sessionBus_.reset();
+    resume_.reset();
     delete about_.data();
 }
 
@@ -186,6 +193,7 @@ void AppDelegate::applicationDidFinishLaunching()
     registerForDisplayChanges();
     trayWatcher_ = std::make_unique<TrayWatcher>([this] { followTray(false); });
     followTray(true);
+    registerForResume();
 }
 
 void AppDelegate::configureStatusItem()
@@ -238,6 +246,14 @@ void AppDelegate::followTray(bool starting)
     if (windowed_ && starting) {
         showWindow();
     }
+}
+
+void AppDelegate::registerForResume()
+{
+    resume_ = std::make_unique<ResumeMonitor>([this] {
+        controller_.refresh();
+        QTimer::singleShot(secondRefreshAfterResume, Qt::PreciseTimer, this, [this] { controller_.refresh(); });
+    });
 }
 
 void AppDelegate::statusItemClicked(QSystemTrayIcon::ActivationReason reason)

@@ -1,7 +1,7 @@
 #pragma once
 // The tray application's root: it owns the display controller and the updater for the whole run, puts the sun into
 // the system tray, opens and closes the floating panel on a left click, pops up the status menu on a right click,
-// and refreshes the displays whenever one is added, removed, enabled or disabled.
+// and refreshes the displays whenever one is added, removed, enabled or disabled, and after a resume from suspend.
 //
 // On a desktop without a tray the panel is an ordinary window instead, opened at start and again whenever Lumora is
 // started a second time; when a tray appears the icon docks and the panel floats under it again. A second start on
@@ -25,6 +25,7 @@ class AboutBox;
 class DisplayChangeMonitor;
 class OutsideClickWatcher;
 class PopoverPanel;
+class ResumeMonitor;
 class TrayWatcher;
 
 class AppDelegate : public QObject {
@@ -43,7 +44,8 @@ public:
     // another Lumora may own it already.
     SessionBus::Claim serveSessionBus();
 
-    // Builds the tray item and the panel, refreshes the displays and starts watching for display changes.
+    // Builds the tray item and the panel, refreshes the displays and starts watching for display changes and for
+    // resumes from suspend.
     void applicationDidFinishLaunching();
 
     // Shows the panel when it is hidden, hides it when it is shown.
@@ -56,6 +58,7 @@ private:
     void configurePanel();
     void registerForDisplayChanges();
     void followTray(bool starting);
+    void registerForResume();
     void statusItemClicked(QSystemTrayIcon::ActivationReason reason);
     void show();
     void showWindow();
@@ -83,6 +86,7 @@ private:
     // Where a press outside hid the panel while the tray item has no geometry: that press may have been the click
     // on the item itself, whose activation then follows and must not open the panel again.
     std::optional<QPoint> hiddenByPressAt_;
+    std::unique_ptr<ResumeMonitor> resume_;
 };
 
 }  // namespace Lumora

@@ -4,11 +4,6 @@
 
 #include <umockdev.h>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,11 +18,13 @@
 #include "Lumora/DDC/DisplayServices.h"
 #include "Lumora/DDC/InternalBackend.h"
 #include "Lumora/Platform/Linux/Backlight.h"
+#include "support/ChildProcess.h"
 #include "support/Subprocess.h"
 
 using namespace Lumora;
 using namespace std::chrono_literals;
 using enum Platform::BacklightWrite;
+using LumoraTest::Child;
 
 namespace {
 
@@ -213,41 +210,6 @@ TEST_F(Backlight, NoBacklightAtFirstUseMeansNoEntryPointsForTheRun)
     EXPECT_EQ(panel.readBrightness(), std::nullopt);
     EXPECT_EQ(slurp(file("intel_backlight", "brightness")), "300");
 }
-
-// A child that dies with the test, without the preload, its standard output discarded; killed and reaped when
-// dropped. With `awaitOutput` the constructor returns once the child has printed something (bounded wait).
-struct Child {
-    pid_t pid;
-    explicit Child(std::vector<std::string> argv, bool awaitOutput = false)
-    {
-        std::vector<char*> args, env;
-        for (std::string& a : argv)
-            args.push_back(a.data());
-        for (char** e = environ; *e; ++e) {
-            if (!std::string_view(*e).starts_with("LD_PRELOAD="))
-                env.push_back(*e);
-        }
-        args.push_back(nullptr);
-        env.push_back(nullptr);
-        int out[2];
-        EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
-        if ((pid = ::fork()) == 0) {  // async-signal-safe calls only until exec
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            ::dup2(awaitOutput ? out[1] : ::open("/dev/null", O_WRONLY), STDOUT_FILENO);
-            ::execve(args[0], args.data(), env.data());
-            ::_exit(127);
-        }
-        ::close(out[1]);
-        pollfd p{out[0], POLLIN, 0};
-        EXPECT_TRUE(!awaitOutput || ::poll(&p, 1, 20'000) == 1) << args[0] << " printed nothing";
-        ::close(out[0]);
-    }
-    ~Child()
-    {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-    }
-};
 
 // Writes ask systemd-logind first. A private dbus-daemon stands in for the system bus; python-dbusmock owns
 // org.freedesktop.login1 and the session object, whose SetBrightness notes each call in a file.

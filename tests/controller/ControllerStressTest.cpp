@@ -1,9 +1,12 @@
-// Stress: random slider drags, steps, Option keys, power toggles and refreshes on four emulated monitors, first
-// while they are unplugged and plugged back, then (all plugged back) without hot-plugging, since requests to an
-// unplugged monitor are lost on the bus by nature. Every monitor must end up holding the last value requested for
-// it in the second run, and the desk must see no overlapping transactions in either.
+// Stress: random slider drags, steps, Option keys, power toggles and refreshes on four emulated monitors that
+// behave as real ones do (busy after a Set, null messages, silent in standby, slow to wake), first while they are
+// unplugged and plugged back and misbehave at random (null messages, bad checksums, silence, ignoring requests
+// while busy), then (all plugged back and behaving) without either, since requests to an unplugged monitor are
+// lost on the bus by nature. After the first run one refresh shows every monitor as it is; after the second every
+// monitor must hold the last value requested for it; the desk must see no overlapping transactions in either.
 //
-// LUMORA_STRESS_SECONDS (default 8) bounds both runs together; LUMORA_STRESS_SEED repeats a run.
+// LUMORA_STRESS_SECONDS (default 8) bounds both runs together; LUMORA_STRESS_SEED repeats a run;
+// LUMORA_STRESS_LOG names a file for the desk's transactions.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,12 +34,13 @@ struct Monitor {
     std::uint32_t id;
     std::string connector;
     int max;
+    bool busyLongerThanHostsWait;  // a monitor that ignored requests then would lose some: it only NAKs
 };
 
-const std::array<Monitor, 4> monitors{{{101, "card0-DP-1", 100},
-                                        {102, "card0-DP-2", 255},
-                                        {103, "card0-HDMI-A-1", 100},
-                                        {104, "card0-HDMI-A-2", 1000}}};
+const std::array<Monitor, 4> monitors{{{101, "card0-DP-1", 100, false},
+                                        {102, "card0-DP-2", 255, true},
+                                        {103, "card0-HDMI-A-1", 100, false},
+                                        {104, "card0-HDMI-A-2", 1000, false}}};
 
 constexpr const char* fourMonitors = R"({ "cards": [ { "connectors": [
     { "name": "DP-1", "connectorId": 101, "edid": { "serial": 1001 }, "ddc": { "bus": 5 },
@@ -65,7 +69,10 @@ TEST(ControllerStress, EveryMonitorEndsAtItsLastRequestWithNoOverlappingTransact
     const auto pick = [&](int low, int high) { return std::uniform_int_distribution<int>(low, high)(random); };
     const auto pumpFor = [](int ms) { pumpUntil([] { return false; }, std::chrono::milliseconds(ms)); };
 
-    VirtualDesk::Desk desk(VirtualDesk::DeskConfig::fromJson(fourMonitors));
+    const char* logPath = std::getenv("LUMORA_STRESS_LOG");  // the desk's transactions, for a failed run
+    VirtualDesk::Desk desk(VirtualDesk::DeskConfig::fromJson(fourMonitors), {logPath ? logPath : ""});
+    const VirtualDesk::Faults realistic = desk.faults(monitors[0].connector);
+    ASSERT_TRUE(realistic.nakWhileBusy && realistic.nullWhenNotReady && realistic.silentInStandby);
     auto controller = std::make_unique<DisplayController>();
     // Changes outside a request are the publications of refreshes, which publish once each, in call order.
     bool inRequest = false;
@@ -86,6 +93,8 @@ TEST(ControllerStress, EveryMonitorEndsAtItsLastRequestWithNoOverlappingTransact
 
     std::set<std::string> unplugged;
     int hotPlugs = 0;
+    // Toggles (each refreshes 2 s later) and refreshes come no faster than the list is published, a few at most
+    // outstanding, as from a person: each refresh waits for its slowest read, 400 ms on a monitor silent in standby.
     const auto run = [&](bool hotPlug) {
         for (const auto end = Clock::now() + runTime; Clock::now() < end; pumpFor(pick(0, 4))) {
             const Monitor& m = monitors[pick(0, 3)];
@@ -101,10 +110,21 @@ TEST(ControllerStress, EveryMonitorEndsAtItsLastRequestWithNoOverlappingTransact
                 request(m.id, [&] { controller->step(m.id, pick(0, 1) ? 0.0625 : -0.0625); });
             } else if (dice < 68) {
                 request(m.id, [&] { controller->setBrightness(m.id, pick(0, 1)); });
-            } else if (dice < 78) {
+            } else if (dice < 78 && refreshes - published < 3) {
                 refreshes += find(*controller, m.id) ? 1 : 0;  // the one the toggle schedules
                 request(m.id, [&] { controller->togglePower(m.id); });
-            } else {
+            } else if (dice >= 78) {
+                if (dice >= 84 && dice < 90 && hotPlug) {
+                    VirtualDesk::Faults f = realistic;
+                    switch (pick(0, 4)) {
+                    case 0: f.nullReplies = pick(1, 3), f.nullFiller = pick(0, 1) ? 0xFF : 0x00; break;
+                    case 1: f.badChecksumReplies = pick(1, 3); break;
+                    case 2: f.neverAnswer = true; break;
+                    case 3: f.nakWhileBusy = m.busyLongerThanHostsWait, f.dropWhileBusy = !f.nakWhileBusy; break;
+                    default: break;  // behaving again
+                    }
+                    desk.setFaults(m.connector, f);
+                }
                 if (dice >= 90 && hotPlug) {
                     if (unplugged.erase(m.connector)) {
                         desk.plug(m.connector);
@@ -114,8 +134,10 @@ TEST(ControllerStress, EveryMonitorEndsAtItsLastRequestWithNoOverlappingTransact
                     }
                     ++hotPlugs;
                 }
-                ++refreshes;
-                controller->refresh();
+                if (refreshes - published < 3) {
+                    ++refreshes;
+                    controller->refresh();
+                }
             }
         }
     };
@@ -133,14 +155,35 @@ TEST(ControllerStress, EveryMonitorEndsAtItsLastRequestWithNoOverlappingTransact
         return out.str();
     };
 
+    // What a refresh shows of the monitors that are on: what they hold. Empty when all is well.
+    const auto shownWrong = [&] {
+        std::ostringstream out;
+        for (const Monitor& m : monitors) {
+            const DisplaySnapshot* shown = find(*controller, m.id);
+            if (shown && shown->isOn && std::lround(shown->brightness * m.max) != desk.brightness(m.connector)) {
+                out << m.connector << ": shown " << shown->brightness << ", holds " << desk.brightness(m.connector)
+                    << "\n";
+            }
+        }
+        return out.str();
+    };
+
     run(true);
     for (const std::string& connector : unplugged) {
         desk.plug(connector);
     }
+    for (const Monitor& m : monitors) {
+        desk.setFaults(m.connector, realistic);
+    }
     ++refreshes;
     controller->refresh();
-    ASSERT_TRUE(pumpUntil([&] { return published == refreshes; }, 20s)) << "the refreshes never all published";
+    // Refreshes run one after another, each waiting for its slowest read (400 ms on a monitor silent in standby).
+    const auto allPublished = [&] {
+        return pumpUntil([&] { return published == refreshes; }, 20s + 2s * (refreshes - published));
+    };
+    ASSERT_TRUE(allPublished()) << "the refreshes never all published";
     ASSERT_EQ(controller->displays().size(), monitors.size());
+    EXPECT_EQ(shownWrong(), "") << "a refresh after the faults shows the monitors as they are";
     expected.clear();
     for (const Monitor& m : monitors) {
         request(m.id, [&] { controller->setBrightness(m.id, pick(2, 100) / 100.0); });
@@ -148,6 +191,10 @@ TEST(ControllerStress, EveryMonitorEndsAtItsLastRequestWithNoOverlappingTransact
     run(false);
 
     EXPECT_TRUE(pumpUntil([&] { return mismatches().empty(); }, 20s)) << mismatches();
+    ++refreshes;
+    controller->refresh();
+    ASSERT_TRUE(allPublished()) << "the refreshes never all published";
+    EXPECT_EQ(shownWrong(), "");
     controller.reset();  // runs whatever is still queued: nothing may land after the last request
     EXPECT_EQ(mismatches(), "");
     EXPECT_THAT(desk.violations(), ::testing::IsEmpty());

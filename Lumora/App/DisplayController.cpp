@@ -207,10 +207,14 @@ void DisplayController::publish(const RefreshBatch& batch)
             if (batch.heldInStandby[i] && batch.power[i] == true) {
                 poweredOff_.erase(info.id);  // someone woke it with its own button
             } else {
-                // A monitor in standby keeps its connector on Linux: still held, it stays shown in standby with
-                // the brightness it was shown at.
+                // A monitor in standby keeps its connector on Linux: still held, it stays as it was, shown in
+                // standby at the brightness it was shown at, and with its backend, which knows the maximum the
+                // monitor reported when it was last read (the new one could not read a monitor asleep).
                 snapshot.isOn = false;
                 snapshot.brightness = shown ? shown->brightness : snapshot.brightness;
+                if (const auto kept = backends_.find(info.id); kept != backends_.end()) {
+                    newBackends[info.id] = kept->second;
+                }
             }
         } else if (batch.heldInStandby[i] && batch.power[i] != true && shown) {
             // Woken by the user after its power mode was read: its brightness was not read, the request is shown.

@@ -171,6 +171,19 @@ TEST_F(ControllerOnDesk, AMonitorInStandbyStaysShownInStandbyAcrossRefreshesUnti
     EXPECT_TRUE(pumpUntil([&] { return desk.powerMode(dell) == 4; }));
 }
 
+TEST_F(ControllerOnDesk, AMonitorWokenAfterARefreshInStandbyIsWrittenOnItsOwnScale)
+{
+    desk.setMaxBrightness(dell, 255);
+    desk.setBrightness(dell, 51);
+    ASSERT_TRUE(watch.refreshAndWait());  // learns the maximum
+    controller->togglePower(dellID);
+    ASSERT_TRUE(pumpUntil([&] { return desk.powerMode(dell) == 4; }));
+    ASSERT_TRUE(watch.refreshAndWait());  // the monitor answers nothing now
+    controller->togglePower(dellID);
+    ASSERT_TRUE(pumpUntil([&] { return sets(dell).size() == 3; }));
+    EXPECT_EQ(sets(dell), (std::vector<Set>{{power, 4}, {power, 1}, {brightness, 51}}));
+}
+
 TEST_F(ControllerOnDesk, ARefreshReadsAMonitorOnlyOnceItsWriteHasCompleted)
 {
     desk.clearTransactions();

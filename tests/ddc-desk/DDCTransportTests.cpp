@@ -40,7 +40,8 @@ std::vector<Transaction> on(const Desk& desk, const std::string& connector)
 }
 
 // Every transfer to the monitor but the repeat of a Set starts at least the busy time after the last Set the monitor
-// acknowledged. Returns the first one that does not, as text; empty when all keep to it.
+// acknowledged (its first copy: the busy time runs from there). Returns the first one that does not, as text;
+// empty when all keep to it.
 std::string requestInsideBusyTime(const std::vector<Transaction>& wire)
 {
     const Transaction* lastSet = nullptr;
@@ -49,7 +50,7 @@ std::string requestInsideBusyTime(const std::vector<Transaction>& wire)
         if (lastSet && !repeat && t.startUs < lastSet->endUs + busyUs)
             return VirtualDesk::toJsonLine(t) + " came " + std::to_string(t.startUs - lastSet->endUs) +
                    " us after the Set " + VirtualDesk::toJsonLine(*lastSet);
-        if (t.request == "set" && t.outcome == "ok")
+        if (t.request == "set" && t.outcome == "ok" && !repeat)
             lastSet = &t;
     }
     return "";

@@ -98,13 +98,10 @@ void DDCChannel::Monitor::waitUntilAwake(I2CDevice& device, Clock::time_point de
 
 void DDCChannel::Monitor::acknowledged(std::span<const std::uint8_t> set)
 {
-    const bool repeat = std::equal(set.begin(), set.end(), lastSet.begin(), lastSet.end());
     lastSet.assign(set.begin(), set.end());
     lastSetAt = Clock::now();
     if (isPowerOn(set)) {
-        if (!repeat || !poweredOnAt) {
-            poweredOnAt = lastSetAt;
-        }
+        poweredOnAt = lastSetAt;
     } else if (isPowerCommand(set)) {
         poweredOnAt.reset();  // standby: nothing to wait for
     }
@@ -149,10 +146,11 @@ int DDCChannel::write(std::uint8_t address, std::span<const std::uint8_t> bytes)
     const bool repeat = set && std::equal(bytes.begin(), bytes.end(), monitor.lastSet.begin(), monitor.lastSet.end()) &&
                         Clock::now() < monitor.lastSetAt + busyTime;
     if (repeat) {
-        if (device_->write(address, bytes) == 0) {
-            monitor.acknowledged(bytes);
-        }
-        return 0;  // taken: NAKed, it is the monitor busy with this very request
+        // Taken either way: NAKed, it is the monitor busy with this very request. Acknowledged, it was ignored by a
+        // monitor busy with it, or taken again by one that minds no busy time: the busy time still runs from the
+        // first.
+        device_->write(address, bytes);
+        return 0;
     }
     const bool waited = monitor.settle(*device_);
     int status = device_->write(address, bytes);

@@ -4,9 +4,9 @@
 //
 // - Busy after a Set. A monitor takes about 50 ms to apply a Set VCP it acknowledged and meanwhile NAKs its
 //   address, or acknowledges and silently drops what comes. The channel keeps the bytes and the time of the last
-//   Set the monitor acknowledged. A write of those same bytes (a Set is sent twice, 10 ms apart) goes at once, and
-//   when the monitor NAKs it, that is the monitor busy with this very request: the write counts as taken. Any
-//   other transfer first waits out the rest of the busy time; if it had to wait and is NAKed anyway, it is tried
+//   Set the monitor acknowledged. A write of those same bytes (a Set is sent twice, 10 ms apart) goes at once and
+//   counts as taken: NAKed, that is the monitor busy with this very request, and the busy time runs from the
+//   first, whatever the monitor makes of the repeat. Any other transfer first waits out the rest of the busy time; if it had to wait and is NAKed anyway, it is tried
 //   once more after another busy time before the failure is reported.
 // - The null message. A monitor with nothing to say answers a read with 6E 80 BE (length 0) and filler, which can
 //   pass a reply's checksum. A read that returns it fails (nullMessageStatus): it is never a reply.

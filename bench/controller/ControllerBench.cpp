@@ -1,9 +1,14 @@
-// The display controller's figures on the virtual desk (emulated DDC/CI monitors with realistic timing, real
-// enumerator and backends), printed as a table:
+// The display controller's figures on the virtual desk (real enumerator, backends and Linux transport on emulated
+// DDC/CI monitors), printed as tables:
 //
-//   - a slider drag of 100 events over 1 s: writes on the wire, and the time from the last event until the last
-//     value is on the wire; against writing every event in turn;
+//   on lenient monitors (take everything at any time), realistic ones (NAK while busy after a Set, the null message
+//   while not ready, silent in standby, slow to wake) and realistic ones that ignore instead of NAK while busy:
+//   - a slider drag of 100 events over 1 s: DDC/CI writes on the wire, the time from the last event until the last
+//     value is on the wire and until the monitor has applied it (median of 5 drags);
+//   - a key burst of 8 steps, one every 30 ms: from the last step until the monitor has applied the final value;
 //   - the main thread's cost of one setBrightness (median, p99);
+//   and on realistic monitors:
+//   - the drag written event by event, without coalescing;
 //   - from a request to the first byte of its write on the wire;
 //   - a refresh of four monitors, one of which never answers (and all answering): reads one after another on one
 //     queue, against each display read on its own queue.
@@ -78,17 +83,36 @@ double percentile(std::vector<double> values, double p)
 
 double median(std::vector<double> values) { return percentile(std::move(values), 50); }
 
+// One figure per monitor profile (a single column when the figure is measured on one only).
 struct Row {
     std::string measure;
-    std::string value;
+    std::vector<std::string> values;
 };
-std::vector<Row> rows;
+std::vector<Row> profileRows;  // lenient | realistic | realistic, ignoring while busy
+std::vector<Row> rows;         // realistic monitors
 
-void row(std::string measure, const char* format, double a, double b = 0.0)
+std::string format(const char* format, double a, double b = 0.0)
 {
     char text[128];
     std::snprintf(text, sizeof text, format, a, b);
-    rows.push_back({std::move(measure), text});
+    return text;
+}
+
+void row(std::string measure, const char* fmt, double a, double b = 0.0)
+{
+    rows.push_back({std::move(measure), {format(fmt, a, b)}});
+}
+
+// Adds the figure of the profile being measured to its row, making the row on first use.
+void profileRow(const std::string& measure, const std::string& value)
+{
+    for (Row& r : profileRows) {
+        if (r.measure == measure) {
+            r.values.push_back(value);
+            return;
+        }
+    }
+    profileRows.push_back({measure, {value}});
 }
 
 // Set VCP Feature messages of one code to one connector since `sinceUs`, in order.
@@ -115,19 +139,69 @@ bool published(DisplayController& controller, std::chrono::milliseconds timeout)
     return ok;
 }
 
-// ---- 1. A slider drag ----------------------------------------------------------------------------------------
+// ---- 1. A slider drag and a key burst --------------------------------------------------------------------------
 
-struct DragResult {
-    int writes = 0;             // DDC/CI writes (each sends its packet twice)
-    double lastEventToWireMs = 0;  // last event until the first packet with the final value has arrived
-    double lastEventToDoneMs = 0;  // ... until its write has completed (both packets)
+// Brightness Set messages to one connector since `sinceUs`, whatever the monitor made of them, in order.
+std::vector<VirtualDesk::Transaction> onTheWire(const VirtualDesk::Desk& desk, const std::string& connector,
+                                                std::int64_t sinceUs = 0)
+{
+    std::vector<VirtualDesk::Transaction> result;
+    for (const auto& t : desk.transactions()) {
+        if (t.connector == connector && t.request == "set" && t.code == 0x10 && t.startUs >= sinceUs) {
+            result.push_back(t);
+        }
+    }
+    return result;
+}
+
+bool applied(const VirtualDesk::Transaction& t)
+{
+    return t.outcome == "ok" && t.note.find("ignored") == std::string::npos;
+}
+
+struct Landing {
+    int writes = 0;              // DDC/CI writes: Set transactions, each sent twice (and once more if NAKed)
+    double toWireMs = 0;         // from the last event until the first packet with the final value has arrived
+    double toAppliedMs = 0;      // ... until the monitor has applied the final value
 };
 
-// 100 requests, one every 10 ms, from 0.02 up to 1.0, through `request`.
-DragResult drag(VirtualDesk::Desk& desk, const std::function<void(double)>& request)
+// How the requests made through `request` (the last made at `lastEventUs`) reached the monitor, which must end at
+// raw value `final`.
+Landing landing(VirtualDesk::Desk& desk, std::int64_t sinceUs, std::int64_t lastEventUs, int final)
 {
-    desk.setBrightness(dell, 50);  // as the monitor's own buttons would: the drag's end is a change
-    desk.clearTransactions();
+    if (!pumpUntil([&] { return desk.brightness(dell) == final; }, 10s)) {
+        std::fprintf(stderr, "bench_controller: the final value never landed\n");
+        std::exit(1);
+    }
+    pumpUntil([] { return false; }, 150ms);  // nothing else arrives
+    const auto wire = onTheWire(desk, dell, sinceUs);
+    Landing l;
+    int previous = -1;
+    for (const auto& t : wire) {
+        l.writes += t.value != previous ? 1 : 0;
+        previous = t.value;
+        if (t.value == final && l.toWireMs == 0) {
+            l.toWireMs = (t.endUs - lastEventUs) / 1000.0;
+        }
+        if (t.value == final && applied(t) && l.toAppliedMs == 0) {
+            l.toAppliedMs = (t.endUs - lastEventUs) / 1000.0;
+        }
+    }
+    return l;
+}
+
+// Lets a realistic monitor's busy time pass, then sets it to `value` as its own buttons would.
+void resetMonitor(VirtualDesk::Desk& desk, int value)
+{
+    pumpUntil([] { return false; }, 200ms);
+    desk.setBrightness(dell, value);
+}
+
+// 100 requests, one every 10 ms, from 0.02 up to 1.0, through `request`.
+Landing drag(VirtualDesk::Desk& desk, const std::function<void(double)>& request)
+{
+    resetMonitor(desk, 50);  // the drag's end is a change
+    const std::int64_t since = desk.nowUs();
     const auto start = Clock::now();
     std::int64_t lastEventUs = 0;
     for (int i = 0; i < 100; ++i) {
@@ -136,66 +210,70 @@ DragResult drag(VirtualDesk::Desk& desk, const std::function<void(double)>& requ
         lastEventUs = desk.nowUs();
         request(i == 99 ? 1.0 : value);
     }
-    pumpUntil([&] { return desk.brightness(dell) == 100 && sets(desk, dell, 0x10).size() % 2 == 0; }, 10s);
-    pumpUntil([] { return false; }, 100ms);  // nothing else arrives
-    const auto written = sets(desk, dell, 0x10);
-    DragResult r;
-    r.writes = static_cast<int>(written.size() / 2);
-    for (std::size_t i = 0; i < written.size(); ++i) {
-        if (written[i].value == 100) {
-            r.lastEventToWireMs = (written[i].endUs - lastEventUs) / 1000.0;
-            if (i + 1 < written.size()) {
-                r.lastEventToDoneMs = (written[i + 1].endUs - lastEventUs) / 1000.0;
-            }
-            break;
-        }
-    }
-    return r;
+    return landing(desk, since, lastEventUs, 100);
 }
 
-void benchDrag()
+// Eight steps up from 0.5, one every 30 ms (a key held down), ending at 1.0.
+Landing keyBurst(VirtualDesk::Desk& desk, DisplayController& controller)
 {
-    VirtualDesk::Desk desk(VirtualDesk::DeskConfig::defaultDesk());
-    {
-        DisplayController controller;
-        controller.refresh();
-        published(controller, 10s);
-        const DragResult coalesced = drag(desk, [&](double v) { controller.setBrightness(dellID, v); });
-        row("drag 100 events / 1 s, controller: writes on the wire", "%.0f", coalesced.writes);
-        row("drag, controller: last event -> last value on the wire", "%.1f ms (write done %.1f ms)",
-            coalesced.lastEventToWireMs, coalesced.lastEventToDoneMs);
+    controller.setBrightness(dellID, 0.5);
+    pumpUntil([&] { return desk.brightness(dell) == 50; }, 10s);
+    resetMonitor(desk, 50);
+    const std::int64_t since = desk.nowUs();
+    const auto start = Clock::now();
+    std::int64_t lastEventUs = 0;
+    for (int i = 0; i < 8; ++i) {
+        pumpUntilTime(start + i * 30ms);
+        lastEventUs = desk.nowUs();
+        controller.step(dellID, 0.0625);
     }
-    {
-        // Every event written in turn on the monitor's queue, as without coalescing.
-        auto displays = Lumora::DisplayEnumerator::allDisplays();
-        Lumora::DisplayBackendRef backend;
-        for (const auto& info : displays) {
-            if (info.id == dellID) {
-                backend = info.backend;
-            }
-        }
-        backend->readBrightness();
-        Lumora::SerialQueue queue("bench.every-event");
-        const DragResult everyEvent =
-            drag(desk, [&](double v) { queue.async([backend, v] { backend->writeBrightness(v); }); });
-        row("drag, every event written: writes on the wire", "%.0f", everyEvent.writes);
-        row("drag, every event written: last event -> last value on the wire", "%.1f ms (write done %.1f ms)",
-            everyEvent.lastEventToWireMs, everyEvent.lastEventToDoneMs);
-    }
+    return landing(desk, since, lastEventUs, 100);
 }
 
-// ---- 2, 3. Main-thread cost, request to wire -----------------------------------------------------------------
-
-void benchRequests()
+// The default desk with every monitor made after `monitor`'s behaviour (its brightness kept).
+VirtualDesk::DeskConfig deskOf(const VirtualDesk::MonitorConfig& monitor)
 {
-    VirtualDesk::Desk desk(VirtualDesk::DeskConfig::defaultDesk());
+    auto config = VirtualDesk::DeskConfig::defaultDesk();
+    for (auto& connector : config.cards[0].connectors) {
+        if (connector.monitor) {
+            const auto current = connector.monitor->current;
+            connector.monitor = monitor;
+            connector.monitor->current = current;
+        }
+    }
+    return config;
+}
+
+void benchProfile(const VirtualDesk::MonitorConfig& monitor)
+{
+    VirtualDesk::Desk desk(deskOf(monitor));
     DisplayController controller;
-    int observed = 0;
-    QObject::connect(&controller, &DisplayController::displaysChanged, [&] { ++observed; });  // one observer
     controller.refresh();
     published(controller, 10s);
 
+    std::vector<double> writes, toWire, toApplied;
+    for (int run = 0; run < 5; ++run) {
+        const Landing l = drag(desk, [&](double v) { controller.setBrightness(dellID, v); });
+        writes.push_back(l.writes);
+        toWire.push_back(l.toWireMs);
+        toApplied.push_back(l.toAppliedMs);
+    }
+    profileRow("drag of 100 events / 1 s: writes on the wire", format("%.0f", median(writes)));
+    profileRow("drag: last event -> last value on the wire", format("%.1f ms", median(toWire)));
+    profileRow("drag: last event -> value applied by the monitor", format("%.1f ms", median(toApplied)));
+
+    std::vector<double> burstApplied, burstWrites;
+    for (int run = 0; run < 5; ++run) {
+        const Landing l = keyBurst(desk, controller);
+        burstApplied.push_back(l.toAppliedMs);
+        burstWrites.push_back(l.writes);
+    }
+    profileRow("8 steps / 30 ms: writes on the wire", format("%.0f", median(burstWrites)));
+    profileRow("8 steps: last step -> final value applied", format("%.1f ms", median(burstApplied)));
+
     // Main-thread cost: requests as a drag makes them, the event loop running between them.
+    int observed = 0;
+    QObject::connect(&controller, &DisplayController::displaysChanged, [&] { ++observed; });  // one observer
     std::vector<double> costUs;
     for (int i = 0; i < 5000; ++i) {
         const double value = 0.2 + 0.6 * (i % 100) / 100.0;
@@ -211,9 +289,42 @@ void benchRequests()
         std::fprintf(stderr, "bench_controller: the requests did not reach the controller's display\n");
         std::exit(1);
     }
-    row("setBrightness on the main thread: median", "%.2f us", median(costUs));
-    row("setBrightness on the main thread: p99", "%.2f us", percentile(costUs, 99));
-    pumpUntil([&] { return false; }, 300ms);  // let the last write land
+    profileRow("setBrightness on the main thread: median", format("%.2f us", median(costUs)));
+    profileRow("setBrightness on the main thread: p99", format("%.2f us", percentile(costUs, 99)));
+    pumpUntil([] { return false; }, 300ms);  // let the last write land
+    if (!desk.violations().empty()) {
+        std::fprintf(stderr, "bench_controller: the desk saw violations\n");
+        std::exit(1);
+    }
+}
+
+void benchEveryEvent()
+{
+    // Every event written in turn on the monitor's queue, as without coalescing.
+    VirtualDesk::Desk desk(VirtualDesk::DeskConfig::defaultDesk());
+    auto displays = Lumora::DisplayEnumerator::allDisplays();
+    Lumora::DisplayBackendRef backend;
+    for (const auto& info : displays) {
+        if (info.id == dellID) {
+            backend = info.backend;
+        }
+    }
+    backend->readBrightness();
+    Lumora::SerialQueue queue("bench.every-event");
+    const Landing everyEvent =
+        drag(desk, [&](double v) { queue.async([backend, v] { backend->writeBrightness(v); }); });
+    row("drag, every event written: writes on the wire", "%.0f", everyEvent.writes);
+    row("drag, every event written: last event -> value applied", "%.1f ms", everyEvent.toAppliedMs);
+}
+
+// ---- 2. Request to wire ----------------------------------------------------------------------------------------
+
+void benchRequestToWire()
+{
+    VirtualDesk::Desk desk(VirtualDesk::DeskConfig::defaultDesk());
+    DisplayController controller;
+    controller.refresh();
+    published(controller, 10s);
 
     // Request to the first byte on the wire, the monitor idle before each request.
     std::vector<double> toWireMs;
@@ -221,11 +332,11 @@ void benchRequests()
         const double value = (i % 2) ? 0.35 : 0.65;
         const std::int64_t t0 = desk.nowUs();
         controller.setBrightness(dellID, value);
-        if (!pumpUntil([&] { return sets(desk, dell, 0x10, t0).size() >= 2; }, 5s)) {
+        if (!pumpUntil([&] { return sets(desk, dell, 0x10, t0).size() >= 1; }, 5s)) {
             continue;
         }
         toWireMs.push_back((sets(desk, dell, 0x10, t0).front().startUs - t0) / 1000.0);
-        pumpUntil([] { return false; }, 20ms);
+        pumpUntil([] { return false; }, 100ms);  // past the monitor's busy time
     }
     row("request -> first byte on the wire: median", "%.2f ms (10 ms of it the DDC/CI pause)", median(toWireMs));
     row("request -> first byte on the wire: p99", "%.2f ms", percentile(toWireMs, 99));
@@ -310,6 +421,38 @@ void reexecUnderUmockdev(char** argv)
     std::exit(1);
 }
 
+void printTable(const char* title, const std::vector<std::string>& columns, const std::vector<Row>& table)
+{
+    std::vector<std::size_t> widths{std::string("measure").size()};
+    for (const std::string& c : columns) {
+        widths.push_back(c.size());
+    }
+    for (const Row& r : table) {
+        widths[0] = std::max(widths[0], r.measure.size());
+        for (std::size_t i = 0; i < r.values.size(); ++i) {
+            widths[i + 1] = std::max(widths[i + 1], r.values[i].size());
+        }
+    }
+    const auto line = [&](const std::string& first, const std::vector<std::string>& rest) {
+        std::printf("| %-*s |", static_cast<int>(widths[0]), first.c_str());
+        for (std::size_t i = 0; i < columns.size(); ++i) {
+            std::printf(" %-*s |", static_cast<int>(widths[i + 1]), i < rest.size() ? rest[i].c_str() : "");
+        }
+        std::printf("\n");
+    };
+    std::printf("%s\n\n", title);
+    line("measure", columns);
+    std::printf("|%s|", std::string(widths[0] + 2, '-').c_str());
+    for (std::size_t i = 1; i < widths.size(); ++i) {
+        std::printf("%s|", std::string(widths[i] + 2, '-').c_str());
+    }
+    std::printf("\n");
+    for (const Row& r : table) {
+        line(r.measure, r.values);
+    }
+    std::printf("\n");
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -317,24 +460,18 @@ int main(int argc, char** argv)
     reexecUnderUmockdev(argv);
     QCoreApplication app(argc, argv);
 
-    benchDrag();
-    benchRequests();
+    VirtualDesk::MonitorConfig ignoring = VirtualDesk::MonitorConfig::realistic();
+    ignoring.faults.nakWhileBusy = false;
+    ignoring.faults.dropWhileBusy = true;
+    benchProfile(VirtualDesk::MonitorConfig{});
+    benchProfile(VirtualDesk::MonitorConfig::realistic());
+    benchProfile(ignoring);
+    benchEveryEvent();
+    benchRequestToWire();
     benchRefresh();
 
-    std::size_t width = 0;
-    for (const Row& r : rows) {
-        width = std::max(width, r.measure.size());
-    }
-    std::size_t valueWidth = 0;
-    for (const Row& r : rows) {
-        valueWidth = std::max(valueWidth, r.value.size());
-    }
-    std::printf("DisplayController on the virtual desk (monitors: reply 30 ms, busy 50 ms, 100 us/byte)\n\n");
-    std::printf("| %-*s | %-*s |\n", static_cast<int>(width), "measure", static_cast<int>(valueWidth), "value");
-    std::printf("|%s|%s|\n", std::string(width + 2, '-').c_str(), std::string(valueWidth + 2, '-').c_str());
-    for (const Row& r : rows) {
-        std::printf("| %-*s | %-*s |\n", static_cast<int>(width), r.measure.c_str(), static_cast<int>(valueWidth),
-                    r.value.c_str());
-    }
+    printTable("DisplayController on the virtual desk (monitors: reply 30 ms, busy 50 ms, 100 us/byte)",
+               {"lenient", "realistic", "realistic, ignoring while busy"}, profileRows);
+    printTable("On realistic monitors", {"value"}, rows);
     return 0;
 }

@@ -182,6 +182,7 @@ struct Desk::Impl {
     void suspectLocked(int64_t atUs, int otherClient, std::string text);
     void judge(uint64_t ticket);  // the verdict on one suspicion; takes `mu`
     void judgeAllLocked();        // the verdict on every one still open
+    bool stillOpenLocked(int clientId) const;
 
     // Transfers waiting for their completion time, by ticket. Only the ticket number travels through GLib, so that
     // every hand-over between threads goes through `mu` (and race detectors see it).

@@ -69,6 +69,16 @@ void Desk::Impl::suspectLocked(int64_t atUs, int otherClient, std::string text)
     g_source_unref(idle);
 }
 
+// umockdev marks a client disconnected once it has handled the end of its socket; the client object itself may live
+// on a little longer (a transfer of ours that just completed still holds it).
+bool Desk::Impl::stillOpenLocked(int clientId) const
+{
+    for (const auto& [client, state] : clients)
+        if (state.id == clientId)
+            return umockdev_ioctl_client_get_connected(client);
+    return false;
+}
+
 void Desk::Impl::judge(uint64_t ticket)
 {
     std::lock_guard lk(mu);
@@ -77,22 +87,16 @@ void Desk::Impl::judge(uint64_t ticket)
         return;
     const Suspicion s = std::move(it->second);
     suspicions.erase(it);
-    for (const auto& [client, state] : clients)
-        if (state.id == s.otherClient) {
-            violationAt(s.atUs, s.text);
-            break;
-        }
+    if (stillOpenLocked(s.otherClient))
+        violationAt(s.atUs, s.text);
     notifyLocked();
 }
 
 void Desk::Impl::judgeAllLocked()
 {
     for (auto& [ticket, s] : suspicions)
-        for (const auto& [client, state] : clients)
-            if (state.id == s.otherClient) {
-                violationAt(s.atUs, s.text);
-                break;
-            }
+        if (stillOpenLocked(s.otherClient))
+            violationAt(s.atUs, s.text);
     suspicions.clear();
     notifyLocked();
 }

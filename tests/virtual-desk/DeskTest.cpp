@@ -162,9 +162,12 @@ TEST(DeskTest, MonitorsAnswerAsTheyAreToldAndNakWithTheirAdaptersErrno)
         {"null replies, then the reply", oneMonitor("i915", "DP-1",
                                                    R"({"replyDelayMs": 0, "faults": {"nullReplies": 2, "nullFiller": 255}})"),
          [](Desk& d, I2c& fd) {
+             for (int i = 0; i < 2; ++i) {
+                 EXPECT_EQ(fd.write(kGet), 0);
+                 EXPECT_EQ(fd.read(), nullMessage(0xFF));
+             }
+             EXPECT_EQ(fd.read(), nullMessage(0xFF)) << "the request was lost with the null message";
              EXPECT_EQ(fd.write(kGet), 0);
-             EXPECT_EQ(fd.read(), nullMessage(0xFF));
-             EXPECT_EQ(fd.read(), nullMessage(0xFF));
              EXPECT_EQ(fd.read(), (Bytes{0x6E, 0x88, 0x02, 0x00, 0x10, 0x00, 0x00, 0x64, 0x00, 0x32, 0xF2}));
              EXPECT_EQ(d.faults("card0-DP-1").nullReplies, 0);
          }},

@@ -113,7 +113,9 @@ Answer EmulatedMonitor::read(std::size_t length, std::vector<uint8_t>& out, Tran
         return Answer::notAcknowledged;
     }
     if (state.faults.nullReplies > 0) {
+        // It could not answer: the request it had is lost, and the host must ask again.
         state.faults.nullReplies -= 1;
+        pending.reset();
         nullMessage(length, out, rec);
         return Answer::acknowledged;
     }

@@ -30,7 +30,8 @@ struct Faults {
     int badChecksumReplies = 0;   // the next k replies read carry a wrong checksum (counts down)
     bool nakWhileBusy = false;    // a transfer during the busy time after a Set VCP is NAKed and not applied
     bool dropWhileBusy = false;   // a request during the busy time after a Set VCP is acknowledged and ignored
-    int nullReplies = 0;          // the next k reads return the null message 6E 80 BE and filler (counts down)
+    int nullReplies = 0;          // the next k reads return the null message 6E 80 BE and filler, the request they
+                                  // answer lost (counts down)
     uint8_t nullFiller = 0x00;    // what follows the null message in a longer read: 0x00 or 0xFF
     bool nullWhenNotReady = false; // a read with no reply ready returns the null message instead of a NAK
     bool silentInStandby = false; // in power mode 4 or 5 nothing at 0x37 is answered but Set VCP 0xD6

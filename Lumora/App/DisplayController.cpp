@@ -202,23 +202,28 @@ void DisplayController::publish(const RefreshBatch& batch)
                 break;
             }
         }
-        DisplaySnapshot snapshot{info.id, info.name, batch.readings[i].value_or(1.0), true, info.backend->canPowerOff()};
-        if (poweredOff_.contains(info.id)) {
-            if (batch.heldInStandby[i] && batch.power[i] == true) {
-                poweredOff_.erase(info.id);  // someone woke it with its own button
-            } else {
-                // A monitor in standby keeps its connector on Linux: still held, it stays as it was, shown in
-                // standby at the brightness it was shown at, and with its backend, which knows the maximum the
-                // monitor reported when it was last read (the new one could not read a monitor asleep).
-                snapshot.isOn = false;
-                snapshot.brightness = shown ? shown->brightness : snapshot.brightness;
-                if (const auto kept = backends_.find(info.id); kept != backends_.end()) {
-                    newBackends[info.id] = kept->second;
-                }
-            }
-        } else if (batch.heldInStandby[i] && batch.power[i] != true && shown) {
-            // Woken by the user after its power mode was read: its brightness was not read, the request is shown.
+        DisplaySnapshot snapshot{info.id, info.name, batch.readings[i].value_or(1.0), true,
+                                 info.backend->canPowerOff()};
+        // A monitor held in standby when this refresh read it was asked for its power mode only.
+        const bool saysOn = batch.heldInStandby[i] && batch.power[i] == true;
+        const bool brightnessRead = !batch.heldInStandby[i] || saysOn;
+        if (poweredOff_.contains(info.id) && saysOn) {
+            poweredOff_.erase(info.id);  // someone woke it with its own button
+        } else if (poweredOff_.contains(info.id)) {
+            // A monitor in standby keeps its connector on Linux: still held, it stays as it was, shown in standby
+            // at the brightness it was shown at.
+            snapshot.isOn = false;
+            snapshot.brightness = shown ? shown->brightness : snapshot.brightness;
+        } else if (!brightnessRead && shown) {
+            // Woken by the user after its power mode was read: the request is shown.
             snapshot.brightness = shown->brightness;
+        }
+        // A backend that has not read its monitor scales by 100: one that could not read it here (asleep, or not
+        // answering) gives way to the one in use, which knows the maximum the monitor reported when last read.
+        if (!batch.readings[i]) {
+            if (const auto kept = backends_.find(info.id); kept != backends_.end()) {
+                newBackends[info.id] = kept->second;
+            }
         }
         list.push_back(snapshot);
     }

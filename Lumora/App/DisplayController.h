@@ -51,7 +51,8 @@ public:
     // republishes the list; returns at once. Refreshes run one after another and publish in the order they were
     // called; none is dropped. A display held in standby stays shown in standby at its shown brightness, whether
     // or not it is still enumerated, until it is woken here or says it is on (read of its power mode, for those
-    // displays only).
+    // displays only). A display this refresh could not read keeps the backend in use, which knows its monitor's
+    // maximum.
     void refresh();
     // Shows the clamped fraction at once, then writes it, or puts a monitor into standby at 0.01 and below and
     // wakes it above. Unknown displays and NaN are ignored.

@@ -199,6 +199,20 @@ TEST(ControllerRules, AWriteLoopKeepsItsBackendAndTheNextLoopTakesTheNewOne)
     EXPECT_EQ(successor->calls(), (Calls{"read", "write 0.2"}));
 }
 
+TEST(ControllerRules, ABackendThatCouldNotReadItsMonitorGivesWayToTheOneInUse)
+{
+    Rig rig;
+    ASSERT_TRUE(rig.watch.refreshAndWait());
+    const auto silent = std::make_shared<Monitor>(std::nullopt);  // the next enumeration's backend reads nothing
+    rig.plug({{dellID, silent, true}, {panelID, rig.panel, false}});
+    ASSERT_TRUE(rig.watch.refreshAndWait());
+    EXPECT_EQ(rig.watch.shown(dellID).brightness, 1.0) << "a failed read shows full brightness";
+    rig.controller->setBrightness(dellID, 0.3);
+    rig.controller.reset();
+    EXPECT_EQ(rig.dell->calls(), (Calls{"read", "write 0.3"})) << "written by the backend that read the monitor";
+    EXPECT_EQ(silent->calls(), (Calls{"read"}));
+}
+
 TEST(ControllerRules, TheToggleWakesAtTheBrightnessItKeptOrAtFullBrightness)
 {
     struct Case {

@@ -155,12 +155,14 @@ TEST(ControllerStress, EveryMonitorEndsAtItsLastRequestWithNoOverlappingTransact
         return out.str();
     };
 
-    // What a refresh shows of the monitors that are on: what they hold. Empty when all is well.
+    // What a refresh shows of the monitors that are on: what they hold. Empty when all is well. (A monitor asleep
+    // answers nothing: a power-on sent while it was unplugged is lost with it, and it is shown as a failed read.)
     const auto shownWrong = [&] {
         std::ostringstream out;
         for (const Monitor& m : monitors) {
             const DisplaySnapshot* shown = find(*controller, m.id);
-            if (shown && shown->isOn && std::lround(shown->brightness * m.max) != desk.brightness(m.connector)) {
+            if (shown && shown->isOn && desk.powerMode(m.connector) == 1 &&
+                std::lround(shown->brightness * m.max) != desk.brightness(m.connector)) {
                 out << m.connector << ": shown " << shown->brightness << ", holds " << desk.brightness(m.connector)
                     << "\n";
             }
@@ -184,9 +186,10 @@ TEST(ControllerStress, EveryMonitorEndsAtItsLastRequestWithNoOverlappingTransact
     ASSERT_TRUE(allPublished()) << "the refreshes never all published";
     ASSERT_EQ(controller->displays().size(), monitors.size());
     EXPECT_EQ(shownWrong(), "") << "a refresh after the faults shows the monitors as they are";
-    // A backend scales by 100 until it has read its monitor, and one made while its monitor answered nothing (a
-    // fault, or standby) never has: every monitor is woken and read before the calm run's requests count.
+    // Every monitor is put into standby and woken (a power-on lost while it was unplugged is sent again) and read
+    // before the calm run's requests count.
     for (const Monitor& m : monitors) {
+        request(m.id, [&] { controller->setBrightness(m.id, 0.0); });
         request(m.id, [&] { controller->setBrightness(m.id, 0.5); });
     }
     ++refreshes;

@@ -196,11 +196,11 @@ for c in "${CONNECTORS[@]}"; do
     held=$(desk_value brightness "$c")
     (( held > 25 && held < 35 )) && VALUE=70
 done
+nulls() { grep -F '"connector":"card0-HDMI-A-1"' "$TRACE" | grep -cF '"request":"null"'; }
+nulls_before=$(nulls)
 desk brightness card0-DP-1 $VALUE >/dev/null
 desk brightness card0-HDMI-A-1 $VALUE >/dev/null
 desk fault card0-HDMI-A-1 nullReplies=2 >/dev/null
-nulls() { grep -F '"connector":"card0-HDMI-A-1"' "$TRACE" | grep -cF '"request":"null"'; }
-nulls_before=$(nulls)
 open_panel || fail "the panel did not open"
 # fill_end FILE Y: the right end of the filled (bluish) part of the groove on row Y.
 fill_end()
@@ -211,7 +211,7 @@ fill_end()
 }
 same_rows() { screenshot "$WORK/null.png"; [[ $(fill_end "$WORK/null.png" "${ROWS[0]}") == $(fill_end "$WORK/null.png" "${ROWS[1]}") ]]; }
 two_nulls_read() { (( $(nulls) >= nulls_before + 2 )); }
-check "the refresh read two null messages from HDMI-A-1" wait_until 10 two_nulls_read
+check "HDMI-A-1 answered two reads with null messages" wait_until 10 two_nulls_read
 check "both rows show $VALUE % (the HDMI row beside the DP row)" wait_until 10 same_rows
 shot 07-null-messages
 echo "   fill ends: DP-1 $(fill_end "$WORK/null.png" "${ROWS[0]}"), HDMI-A-1 $(fill_end "$WORK/null.png" "${ROWS[1]}")"

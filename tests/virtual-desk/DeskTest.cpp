@@ -159,6 +159,14 @@ TEST(DeskTest, MonitorsAnswerAsTheyAreToldAndNakWithTheirAdaptersErrno)
              EXPECT_EQ(fd.write(setTo(80)) + fd.write(setTo(81)), 0);
              EXPECT_EQ(d.brightness("card0-DP-1"), 81);
          }},
+        {"made lenient at run time", oneMonitor("i915", "DP-1", R"({"busyMs": 60000})"),
+         [](Desk& d, I2c& fd) {
+             EXPECT_EQ(d.control("profile card0-DP-1 lenient"), "ok");
+             EXPECT_EQ(fd.write(setTo(80)) + fd.write(setTo(81)), 0);
+             EXPECT_EQ(d.brightness("card0-DP-1"), 81);
+             EXPECT_EQ(d.control("profile card0-DP-1 realistic"), "ok");
+             EXPECT_EQ(fd.write(setTo(82)), EREMOTEIO);
+         }},
         {"null replies, then the reply", oneMonitor("i915", "DP-1",
                                                    R"({"replyDelayMs": 0, "faults": {"nullReplies": 2, "nullFiller": 255}})"),
          [](Desk& d, I2c& fd) {

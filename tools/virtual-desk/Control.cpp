@@ -101,6 +101,11 @@ std::string Desk::control(std::string_view line)
             setFaults(words[1], f);
             return "ok";
         }
+        if (cmd == "profile") {
+            need(3, 3);
+            setProfile(words[1], words[2]);
+            return "ok";
+        }
         if (cmd == "brightness" || cmd == "max") {
             need(2, 3);
             if (words.size() == 3) {

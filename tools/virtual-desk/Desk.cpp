@@ -411,6 +411,18 @@ void Desk::setFaults(std::string_view connector, const Faults& faults)
     impl->notifyLocked();
 }
 
+void Desk::setProfile(std::string_view connector, std::string_view profile)
+{
+    if (profile != "realistic" && profile != "lenient")
+        throw std::invalid_argument("virtual desk: profile \"realistic\" or \"lenient\"");
+    const MonitorConfig behaviour = profile == "realistic" ? MonitorConfig::realistic() : MonitorConfig{};
+    std::lock_guard lk(impl->mu);
+    auto& monitor = impl->monitor(connector);
+    monitor.state.faults = behaviour.faults;
+    monitor.state.wakeMs = behaviour.wakeMs;
+    impl->notifyLocked();
+}
+
 Faults Desk::faults(std::string_view connector) const
 {
     std::lock_guard lk(impl->mu);

@@ -228,6 +228,9 @@ public:
     // held request can only be killed with SIGKILL until the hold is released.
 
     void setFaults(std::string_view connector, const Faults& faults);
+    // The monitor behaves as the profile's ("realistic" or "lenient"; else std::invalid_argument): its faults and
+    // wakeMs become the profile's.
+    void setProfile(std::string_view connector, std::string_view profile);
     Faults faults(std::string_view connector) const;
 
     // The monitor's state, as set over DDC/CI or here (setters change it as the monitor's own buttons would).

@@ -12,14 +12,16 @@ constexpr std::array<std::uint8_t, 8> fixedHeader{0x00, 0xFF, 0xFF, 0xFF, 0xFF, 
 constexpr std::array<std::size_t, 4> descriptorOffsets{54, 72, 90, 108};
 constexpr std::size_t descriptorSize = 18;
 constexpr std::uint8_t monitorNameTag = 0xFC;
+constexpr std::uint8_t serialTextTag = 0xFF;
 
-// Text of the first monitor-name descriptor: bytes 5 to 17, ended by a line feed and padded with blanks.
-std::string monitorName(std::span<const std::uint8_t> block)
+// Text of the first display descriptor with that tag (the monitor name, the serial number): bytes 5 to 17, ended
+// by a line feed and padded with blanks.
+std::string descriptorText(std::span<const std::uint8_t> block, std::uint8_t tag)
 {
     for (std::size_t offset : descriptorOffsets) {
         const auto descriptor = block.subspan(offset, descriptorSize);
         // A zero pixel clock (bytes 0-1) marks a display descriptor rather than a timing.
-        if (descriptor[0] != 0 || descriptor[1] != 0 || descriptor[3] != monitorNameTag)
+        if (descriptor[0] != 0 || descriptor[1] != 0 || descriptor[3] != tag)
             continue;
         std::string name;
         for (std::uint8_t c : descriptor.subspan(5)) {
@@ -65,8 +67,9 @@ EDIDIdentity parse(std::span<const std::uint8_t> blob)
     identity.model = std::uint32_t{block[10]} | (std::uint32_t{block[11]} << 8);
     identity.serial = std::uint32_t{block[12]} | (std::uint32_t{block[13]} << 8) | (std::uint32_t{block[14]} << 16) |
                       (std::uint32_t{block[15]} << 24);
-    identity.productName = monitorName(block);
+    identity.productName = descriptorText(block, monitorNameTag);
     identity.identityUUID = identityUUID(block);
+    identity.serialText = descriptorText(block, serialTextTag);
     return identity;
 }
 

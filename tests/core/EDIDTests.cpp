@@ -41,10 +41,11 @@ Bytes withByte(Bytes b, std::size_t index, std::uint8_t value)
 
 TEST(EDID, IdentityOfAMonitor)
 {
-    Bytes b = block({{54, 0xFC, "TIMING"}, {90, 0xFC, "DELL U2720Q\n "}});
+    Bytes b = block({{54, 0xFC, "TIMING"}, {72, 0xFF, "5KC0123R0ABL\n"}, {90, 0xFC, "DELL U2720Q\n "}});
     b[54] = 0x4D;  // a detailed timing whose byte 3 happens to be FC: its pixel clock is not 0
     b[55] = 0xD0;
-    const EDIDIdentity expected{0x10AC, 0xA0C4, 0xF2345678, "DELL U2720Q", "10ACC4A0-7856-34F2-0A1E-0104B53C2278"};
+    const EDIDIdentity expected{
+        0x10AC, 0xA0C4, 0xF2345678, "DELL U2720Q", "10ACC4A0-7856-34F2-0A1E-0104B53C2278", "5KC0123R0ABL"};
     EXPECT_EQ(EDID::parse(b), expected);
     b[127] ^= 0x5A;                   // another wrong checksum
     b.insert(b.end(), 128, 0xFC);     // and an extension block
@@ -76,6 +77,11 @@ TEST(EDID, MonitorNameIsTheFirstNameDescriptorsPrintableText)
         SCOPED_TRACE(c.what);
         EXPECT_EQ(EDID::parse(c.blob).productName, c.name);
     }
+    // The serial-number descriptor is read the same way, and neither is taken for the other.
+    const Bytes both = block({{72, 0xFF, "  SN 42\n"}, {90, 0xFC, "NAME\n"}});
+    EXPECT_EQ(EDID::parse(both).serialText, "  SN 42");
+    EXPECT_EQ(EDID::parse(both).productName, "NAME");
+    EXPECT_EQ(EDID::parse(block({{90, 0xFC, "NAME\n"}})).serialText, "");
 }
 
 TEST(EDID, ShortOrHeaderlessBlobsGiveNothingAndAllOnesGiveTheirBytes)
@@ -92,7 +98,7 @@ TEST(EDID, ShortOrHeaderlessBlobsGiveNothingAndAllOnesGiveTheirBytes)
     Bytes ones(128, 0xFF);
     ones[0] = ones[7] = 0x00;
     EXPECT_EQ(EDID::parse(ones),
-              (EDIDIdentity{0xFFFF, 0xFFFF, 0xFFFFFFFF, "", "FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF"}));
+              (EDIDIdentity{0xFFFF, 0xFFFF, 0xFFFFFFFF, "", "FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF", ""}));
 }
 
 namespace {

@@ -125,12 +125,15 @@ AppDelegate::AppDelegate() = default;
 
 AppDelegate::~AppDelegate()
 {
-    // The watchers go before the panel and the tray item they refer to.
+    // The watchers go before the panel and the tray item they refer to; the panel before the brightness keys it
+    // shows.
     dismissMonitor_.reset();
     displayChanges_.reset();
     trayWatcher_.reset();
     sessionBus_.reset();
     resume_.reset();
+    panel_.reset();
+    hotkeys_.reset();
     delete about_.data();
 }
 
@@ -188,6 +191,7 @@ SessionBus::Claim AppDelegate::serveSessionBus()
 void AppDelegate::applicationDidFinishLaunching()
 {
     configureStatusItem();
+    hotkeys_ = std::make_unique<HotkeyService>(controller_);
     configurePanel();
     controller_.refresh();
     registerForDisplayChanges();
@@ -208,7 +212,7 @@ void AppDelegate::configureStatusItem()
 
 void AppDelegate::configurePanel()
 {
-    panel_ = std::make_unique<PopoverPanel>(new PopoverView(controller_));
+    panel_ = std::make_unique<PopoverPanel>(new PopoverView(controller_, *hotkeys_));
     connect(panel_.get(), &PopoverPanel::dismissRequested, this, [this] { hide(); });
     connect(panel_.get(), &PopoverPanel::appearanceChanged, this, [this] {
         if (statusItem_ != nullptr) {

@@ -1,7 +1,8 @@
 #pragma once
-// The tray application's root: it owns the display controller and the updater for the whole run, puts the sun into
-// the system tray, opens and closes the floating panel on a left click, pops up the status menu on a right click,
-// and refreshes the displays whenever one is added, removed, enabled or disabled, and after a resume from suspend.
+// The tray application's root: it owns the display controller, the brightness keys and the updater for the whole
+// run, puts the sun into the system tray, opens and closes the floating panel on a left click, pops up the status
+// menu on a right click, and refreshes the displays whenever one is added, removed, enabled or disabled, and after
+// a resume from suspend.
 //
 // On a desktop without a tray the panel is an ordinary window instead, opened at start and again whenever Lumora is
 // started a second time; when a tray appears the icon docks and the panel floats under it again. A second start on
@@ -17,6 +18,7 @@
 
 #include "Lumora/App/DisplayController.h"
 #include "Lumora/Platform/Linux/Desktop/SessionBus.h"
+#include "Lumora/Hotkeys/HotkeyService.h"
 #include "Lumora/Updater/Updater.h"
 
 namespace Lumora {
@@ -74,6 +76,7 @@ private:
 
     DisplayController controller_;
     Updater updater_;
+    std::unique_ptr<HotkeyService> hotkeys_;  // outlives the panel, which shows it
     std::unique_ptr<QSystemTrayIcon> statusItem_;
     std::unique_ptr<PopoverPanel> panel_;
     std::unique_ptr<OutsideClickWatcher> dismissMonitor_;

@@ -18,6 +18,7 @@
 #include "Lumora/App/DisplayController.h"
 #include "Lumora/UI/Divider.h"
 #include "Lumora/UI/DisplayRow.h"
+#include "Lumora/UI/HotkeySettings.h"
 #include "Lumora/UI/Style.h"
 #include "Lumora/UI/Symbols.h"
 
@@ -123,6 +124,12 @@ PopoverView::PopoverView(DisplayController& controller, QWidget* parent) : QWidg
 
     showColours();
     showDisplays();
+}
+
+PopoverView::PopoverView(DisplayController& controller, HotkeyService& hotkeys, QWidget* parent)
+    : PopoverView(controller, parent)
+{
+    setSettingsSection(new HotkeySettings(hotkeys, this));
 }
 
 void PopoverView::setSettingsSection(QWidget* section)

@@ -20,6 +20,7 @@ namespace Lumora {
 
 class DisplayController;
 class DisplayRow;
+class HotkeyService;
 
 class PopoverView : public QWidget {
     Q_OBJECT
@@ -28,6 +29,8 @@ public:
     static constexpr int cornerRadius = 12;
 
     explicit PopoverView(DisplayController& controller, QWidget* parent = nullptr);
+    // With the brightness-key settings (HotkeySettings over `hotkeys`) between the dividers.
+    PopoverView(DisplayController& controller, HotkeyService& hotkeys, QWidget* parent = nullptr);
 
     // The section shown between the two dividers (the brightness-key settings). Empty until one is given; the
     // view takes ownership.

@@ -29,12 +29,13 @@ struct Symbol {
 
 // Theme icons are used for a group only when the theme has every symbol of that group, so that a sun.min from
 // the bundle never sits next to a sun.max from the theme.
-constexpr std::array<Symbol, 5> symbols{{
+constexpr std::array<Symbol, 6> symbols{{
     {"sun.max", "sun", {"brightness-high", "display-brightness-high-symbolic", nullptr}},
     {"sun.min", "sun", {"brightness-low", "display-brightness-low-symbolic", nullptr}},
     {"power", "power", {"system-shutdown-symbolic", "system-shutdown", nullptr}},
     {"powersleep", "power", {"system-suspend-symbolic", "system-suspend", nullptr}},
     {"arrow.clockwise", "refresh", {"view-refresh-symbolic", "view-refresh", nullptr}},
+    {"exclamationmark.triangle.fill", "warning", {"dialog-warning-symbolic", "dialog-warning", nullptr}},
 }};
 
 const Symbol* find(const QString& name)

@@ -1,8 +1,9 @@
 #pragma once
 // The few symbol images of the tray item and the panel ("sun.max", "sun.min", "power", "powersleep",
-// "arrow.clockwise"): the icon theme's closest freedesktop icons when the theme has them, else the small SVGs
-// bundled with the application. The bundled drawings and the theme's symbolic icons are drawn in the colour given
-// (the palette's, so that they follow a switch between light and dark); full-colour theme icons as they are.
+// "arrow.clockwise", "exclamationmark.triangle.fill"): the icon theme's closest freedesktop icons when the theme
+// has them, else the small SVGs bundled with the application. The bundled drawings and the theme's symbolic icons
+// are drawn in the colour given (the palette's, so that they follow a switch between light and dark); full-colour
+// theme icons as they are.
 
 #include <QColor>
 #include <QIcon>

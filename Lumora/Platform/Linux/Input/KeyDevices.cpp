@@ -1,0 +1,95 @@
+#include "Lumora/Platform/Linux/Input/KeyDevices.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <system_error>
+
+namespace Lumora::Platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path inputClass = "/sys/class/input";
+
+std::string readText(const fs::path& path)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return {};
+    std::string text;
+    char chunk[1024];
+    for (;;) {
+        const ssize_t n = ::read(fd, chunk, sizeof chunk);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0 || text.size() > 64 * 1024)
+            break;
+        text.append(chunk, static_cast<std::size_t>(n));
+    }
+    ::close(fd);
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
+        text.pop_back();
+    return text;
+}
+
+// "event12" → 12.
+std::optional<unsigned> eventNumber(const std::string& entry)
+{
+    if (entry.rfind("event", 0) != 0 || entry.size() == 5)
+        return std::nullopt;
+    unsigned number = 0;
+    const char* begin = entry.data() + 5;
+    const char* end = entry.data() + entry.size();
+    const auto [stop, error] = std::from_chars(begin, end, number);
+    if (error != std::errc() || stop != end)
+        return std::nullopt;
+    return number;
+}
+
+std::string resolved(const fs::path& path)
+{
+    char buffer[PATH_MAX];
+    if (::realpath(path.c_str(), buffer) == nullptr)
+        return {};
+    return buffer;
+}
+
+}  // namespace
+
+std::vector<KeyDevice> KeyDevices::list(const std::set<std::string>& ignored)
+{
+    std::vector<std::pair<unsigned, KeyDevice>> found;
+    std::error_code error;
+    for (fs::directory_iterator it(inputClass, error), end; !error && it != end; it.increment(error)) {
+        const std::string entry = it->path().filename().string();
+        const std::optional<unsigned> number = eventNumber(entry);
+        if (!number)
+            continue;
+        const fs::path device = inputClass / entry / "device";
+        KeyDevice key;
+        key.keys = KeyCapabilities::parse(readText(device / "capabilities" / "key"));
+        if (key.keys.empty())
+            continue;
+        key.syspath = resolved(device);
+        if (key.syspath.empty() || ignored.count(key.syspath) != 0)
+            continue;
+        key.node = "/dev/input/" + entry;
+        key.name = readText(device / "name");
+        found.emplace_back(*number, std::move(key));
+    }
+    std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<KeyDevice> devices;
+    for (auto& [number, device] : found)
+        devices.push_back(std::move(device));
+    return devices;
+}
+
+}  // namespace Lumora::Platform

@@ -1,0 +1,31 @@
+#pragma once
+// The panel's section for the brightness keys: the switch "Use F1/F2 for external brightness", and, only while
+// the feature is on without access to the keyboards, a warning and the button that asks for that access. It shows
+// the service's two fields and follows every change of them; it never changes them itself, only through the
+// service's operations.
+
+#include <QWidget>
+
+class QLabel;
+class QPushButton;
+
+namespace Lumora {
+
+class HotkeyService;
+class SwitchButton;
+
+class HotkeySettings : public QWidget {
+    Q_OBJECT
+public:
+    explicit HotkeySettings(HotkeyService& hotkeys, QWidget* parent = nullptr);
+
+private:
+    void showState();
+
+    HotkeyService& hotkeys_;
+    SwitchButton* toggle_ = nullptr;
+    QWidget* permission_ = nullptr;
+    QLabel* warningSymbol_ = nullptr;
+};
+
+}  // namespace Lumora

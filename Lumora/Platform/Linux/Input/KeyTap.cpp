@@ -86,6 +86,7 @@ struct Device {
     libevdev_uinput* clone = nullptr;
     std::string cloneSyspath;
     bool grabbed = false;
+    bool lightsBack = false;             // the desktop's LED changes on the clone go back to the device
     bool syncing = false;                // reading libevdev's resynchronisation after SYN_DROPPED
     std::vector<input_event> frame;      // the frame being read
     std::deque<Frame> waiting;           // frames behind an undecided press, oldest first
@@ -195,7 +196,11 @@ struct KeyTap::Impl {
         auto device = std::make_unique<Device>();
         device->node = found.node;
         device->syspath = found.syspath;
-        device->fd = ::open(found.node.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        // Read and write where allowed (the keyboard's lights are set by writing), else read only.
+        device->fd = ::open(found.node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        const bool writable = device->fd >= 0;
+        if (!writable)
+            device->fd = ::open(found.node.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
         if (device->fd < 0)
             return errno;
         if (const int error = libevdev_new_from_fd(device->fd, &device->evdev); error < 0)
@@ -203,7 +208,7 @@ struct KeyTap::Impl {
         libevdev_set_device_log_function(device->evdev, quietDevice, LIBEVDEV_LOG_ERROR, nullptr);
         // The clone repeats nothing of its own accord: the device's own auto-repeats are passed on as they come.
         libevdev_disable_event_type(device->evdev, EV_REP);
-        device->uinputFd = ::open(InputAccess::uinputNode, O_RDWR | O_CLOEXEC);
+        device->uinputFd = ::open(InputAccess::uinputNode, O_RDWR | O_NONBLOCK | O_CLOEXEC);
         if (device->uinputFd < 0)
             return errno;
         if (const int error = libevdev_uinput_create_from_device(device->evdev, device->uinputFd, &device->clone);
@@ -214,6 +219,7 @@ struct KeyTap::Impl {
         if (syspath == nullptr || *syspath == '\0')
             return ENODEV;
         device->cloneSyspath = syspath;
+        device->lightsBack = writable && libevdev_has_event_type(device->evdev, EV_LED);
         {
             const std::lock_guard<std::mutex> lock(mutex);
             cloneSyspaths.insert(device->cloneSyspath);
@@ -294,6 +300,33 @@ struct KeyTap::Impl {
                 return;
             data += n;
             size -= static_cast<std::size_t>(n);
+        }
+    }
+
+    // The desktop sets the keyboard's lights (Caps Lock, Num Lock) on the clone, which it takes for the keyboard:
+    // they go on to the device itself.
+    void passLightsBack(Device& device)
+    {
+        input_event events[32];
+        for (;;) {
+            const ssize_t n = ::read(device.uinputFd, events, sizeof events);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0 && errno == EAGAIN)
+                return;
+            if (n <= 0) {
+                device.lightsBack = false;  // this uinput gives nothing back
+                return;
+            }
+            std::vector<input_event> lights;
+            for (std::size_t i = 0; i < std::size_t(n) / sizeof(input_event); ++i) {
+                if (events[i].type == EV_LED)
+                    lights.push_back(events[i]);
+            }
+            if (lights.empty())
+                continue;
+            lights.push_back(input_event{{}, EV_SYN, SYN_REPORT, 0});
+            [[maybe_unused]] const ssize_t written = ::write(device.fd, lights.data(), lights.size() * sizeof(input_event));
         }
     }
 
@@ -439,8 +472,15 @@ struct KeyTap::Impl {
     {
         for (;;) {
             std::vector<pollfd> fds{{wake, POLLIN, 0}, {inotify, POLLIN, 0}};
-            for (const auto& device : devices)
+            std::vector<std::pair<Device*, bool>> polled;  // the device, and whether it is its clone's descriptor
+            for (const auto& device : devices) {
                 fds.push_back({device->fd, POLLIN, 0});
+                polled.emplace_back(device.get(), false);
+                if (device->lightsBack) {
+                    fds.push_back({device->uinputFd, POLLIN, 0});
+                    polled.emplace_back(device.get(), true);
+                }
+            }
             const int timeout = static_cast<int>(untilNextDeadline().count());
             if (::poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR)
                 return;
@@ -454,9 +494,15 @@ struct KeyTap::Impl {
             // Devices first: what they hold was typed before anything the watch reports.
             std::vector<Device*> gone;
             for (std::size_t i = 2; i < fds.size(); ++i) {
-                Device& device = *devices[i - 2];
-                if ((fds[i].revents & (POLLIN | POLLERR | POLLHUP | POLLNVAL)) != 0 && !read(device))
-                    gone.push_back(&device);
+                auto [device, clone] = polled[i - 2];
+                if (std::find(gone.begin(), gone.end(), device) != gone.end())
+                    continue;
+                if (clone && (fds[i].revents & POLLIN) != 0)
+                    passLightsBack(*device);
+                else if (clone && (fds[i].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0)
+                    device->lightsBack = false;
+                else if (!clone && (fds[i].revents & (POLLIN | POLLERR | POLLHUP | POLLNVAL)) != 0 && !read(*device))
+                    gone.push_back(device);
             }
             for (Device* device : gone)
                 detach(*device);

@@ -16,6 +16,13 @@ namespace LumoraTest {
 
 using namespace std::chrono_literals;
 
+// The screens of the tests' offscreen desktop: the default desk's connectors side by side, in pixels.
+constexpr const char* deskScreensJson = R"({"screens": [
+    {"name": "eDP-1", "x": 0, "y": 0, "width": 1920, "height": 1200, "logicalDpi": 96, "logicalBpi": 96, "dpr": 1},
+    {"name": "DP-1", "x": 1920, "y": 0, "width": 2560, "height": 1440, "logicalDpi": 96, "logicalBpi": 96, "dpr": 1},
+    {"name": "HDMI-A-1", "x": 4480, "y": 0, "width": 1920, "height": 1080, "logicalDpi": 96, "logicalBpi": 96, "dpr": 1}
+]})";
+
 // One line per run of the stand-in pkexec: its arguments.
 extern QString pkexecLog;
 

@@ -1,6 +1,7 @@
-// The brightness keys' tests: a QApplication (offscreen unless there is a display server), settings in a private
-// directory, and a stand-in for pkexec on PATH that records what it was asked to run instead of asking for a
-// password (the permission flow's outcome is seen through the device nodes, which the tests control).
+// The brightness keys' tests: a QApplication on Qt's offscreen platform with three screens named and laid out like
+// the default desk's connectors (eDP-1 on the left, DP-1 in the middle, HDMI-A-1 on the right), settings in a
+// private directory, and a stand-in for pkexec on PATH that records what it was asked to run instead of asking
+// for a password (the permission flow's outcome is seen through the device nodes, which the tests control).
 
 #include <QApplication>
 #include <QDir>
@@ -21,9 +22,12 @@ QString pkexecLog;
 
 int main(int argc, char** argv)
 {
-    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
     QTemporaryDir home;
+    QFile screens(home.filePath(QStringLiteral("screens.json")));
+    screens.open(QIODevice::WriteOnly);
+    screens.write(LumoraTest::deskScreensJson);
+    screens.close();
+    qputenv("QT_QPA_PLATFORM", "offscreen:configfile=" + QFile::encodeName(screens.fileName()));
     qputenv("XDG_CONFIG_HOME", QFile::encodeName(home.filePath(QStringLiteral("config"))));
     qputenv("XDG_RUNTIME_DIR", QFile::encodeName(home.filePath(QStringLiteral("runtime"))));
     QDir(home.path()).mkpath(QStringLiteral("runtime"));

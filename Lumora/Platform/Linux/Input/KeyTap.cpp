@@ -197,10 +197,10 @@ struct KeyTap::Impl {
         device->node = found.node;
         device->syspath = found.syspath;
         // Read and write where allowed (the keyboard's lights are set by writing), else read only.
-        device->fd = ::open(found.node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        device->fd = ::open(found.node.c_str(), O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
         const bool writable = device->fd >= 0;
         if (!writable)
-            device->fd = ::open(found.node.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+            device->fd = ::open(found.node.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
         if (device->fd < 0)
             return errno;
         if (const int error = libevdev_new_from_fd(device->fd, &device->evdev); error < 0)
@@ -208,7 +208,7 @@ struct KeyTap::Impl {
         libevdev_set_device_log_function(device->evdev, quietDevice, LIBEVDEV_LOG_ERROR, nullptr);
         // The clone repeats nothing of its own accord: the device's own auto-repeats are passed on as they come.
         libevdev_disable_event_type(device->evdev, EV_REP);
-        device->uinputFd = ::open(InputAccess::uinputNode, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        device->uinputFd = ::open(InputAccess::uinputNode, O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
         if (device->uinputFd < 0)
             return errno;
         if (const int error = libevdev_uinput_create_from_device(device->evdev, device->uinputFd, &device->clone);
@@ -275,7 +275,7 @@ struct KeyTap::Impl {
                     return true;
                 continue;
             }
-            const int fd = ::open(node.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+            const int fd = ::open(node.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
             if (fd < 0)
                 continue;
             const bool down = readKeyState(fd, held) && altDown(held);
@@ -522,7 +522,7 @@ std::unique_ptr<KeyTap> KeyTap::create(OnPress onPress)
     auto impl = std::make_unique<Impl>();
     impl->onPress = std::move(onPress);
     // Clones are made as devices come; without /dev/uinput there could be none.
-    const int uinput = ::open(InputAccess::uinputNode, O_RDWR | O_CLOEXEC);
+    const int uinput = ::open(InputAccess::uinputNode, O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (uinput < 0)
         return nullptr;
     ::close(uinput);

@@ -11,7 +11,8 @@
 namespace Lumora {
 namespace {
 
-constexpr std::uint32_t changes = IN_ATTRIB | IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM;
+// devtmpfs creates and removes the nodes; udev and logind change their modes, owners and access lists.
+constexpr std::uint32_t changes = IN_ATTRIB | IN_CREATE | IN_DELETE;
 
 }  // namespace
 

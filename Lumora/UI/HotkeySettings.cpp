@@ -41,7 +41,7 @@ HotkeySettings::HotkeySettings(HotkeyService& hotkeys, QWidget* parent) : QWidge
     toggle_->setObjectName(QStringLiteral("hotkeySwitch"));
     toggle_->setFont(Style::subheadline(*this));
     toggle_->setToolTip(tr("Remap the F1/F2 brightness keys to the external display you're working on. "
-                           "\u2325F1 blacks it out, \u2325F2 wakes it to full."));
+                           "⌥F1 blacks it out, ⌥F2 wakes it to full."));
     stack->addWidget(toggle_);
 
     permission_ = new QWidget(this);

@@ -93,6 +93,29 @@ Die Abfrage funktioniert überall: LUMORA_PROBE=1 lumora</translation>
     </message>
 </context>
 <context>
+    <name>Lumora::HotkeySettings</name>
+    <message>
+        <source>Use F1/F2 for external brightness</source>
+        <translation>F1/F2 für die Helligkeit externer Bildschirme</translation>
+    </message>
+    <message>
+        <source>Remap the F1/F2 brightness keys to the external display you&apos;re working on. ⌥F1 blacks it out, ⌥F2 wakes it to full.</source>
+        <translation>Die Helligkeitstasten F1/F2 wirken auf den externen Bildschirm, an dem Sie gerade arbeiten. ⌥F1 schaltet ihn dunkel, ⌥F2 weckt ihn mit voller Helligkeit.</translation>
+    </message>
+    <message>
+        <source>Needs Accessibility permission</source>
+        <translation>Braucht die Berechtigung für Bedienungshilfen</translation>
+    </message>
+    <message>
+        <source>Open Accessibility Settings…</source>
+        <translation>Einstellungen für Bedienungshilfen öffnen…</translation>
+    </message>
+    <message>
+        <source>Grant Accessibility so Lumora can see the F1/F2 keys</source>
+        <translation>Erteilen Sie die Berechtigung, damit Lumora die Tasten F1/F2 sieht</translation>
+    </message>
+</context>
+<context>
     <name>Lumora::PopoverPanel</name>
     <message>
         <source>Lumora</source>

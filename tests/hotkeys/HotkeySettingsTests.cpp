@@ -3,7 +3,6 @@
 
 #include <QAccessible>
 #include <QApplication>
-#include <QFrame>
 #include <QLabel>
 #include <QPushButton>
 #include <QTest>
@@ -14,6 +13,7 @@
 #include "InputNodes.h"
 #include "Lumora/App/DisplayController.h"
 #include "Lumora/Hotkeys/HotkeyService.h"
+#include "Lumora/UI/Divider.h"
 #include "Lumora/UI/PopoverView.h"
 #include "Lumora/UI/SwitchButton.h"
 
@@ -114,7 +114,7 @@ TEST_F(SettingsSection, OffShowsTheSwitchAloneBetweenTheDividers)
     EXPECT_EQ(orangePixels(picture()), 0);
 
     std::vector<int> dividers;
-    for (const QFrame* line : view->findChildren<QFrame*>(QStringLiteral("divider")))
+    for (const Lumora::Divider* line : view->findChildren<Lumora::Divider*>())
         dividers.push_back(line->mapTo(view.get(), QPoint(0, 0)).y());
     ASSERT_EQ(dividers.size(), 2u);
     std::sort(dividers.begin(), dividers.end());

@@ -145,6 +145,24 @@ header=$(find_in /usr/include lumora/LumoraUpdatePlugin.h) || fail "no update pl
 echo '#include <lumora/LumoraUpdatePlugin.h>' | cc -x c -fsyntax-only -Wall -Werror - || fail "$header does not compile"
 echo "plugin header: $header"
 
+helper=/usr/libexec/lumora/lumora-grant-input-access
+[ -x "$helper" ] || fail "no permission helper at $helper"
+action=/usr/share/polkit-1/actions/org.lumora.Lumora.policy
+python3 - "$action" "$helper" <<'PY' || fail "$action does not name $helper for its action"
+import sys, xml.etree.ElementTree as et
+action = et.parse(sys.argv[1]).getroot().find("action[@id='org.lumora.Lumora.grant-input-access']")
+paths = [a.text for a in action.findall("annotate") if a.get("key") == "org.freedesktop.policykit.exec.path"]
+assert paths == [sys.argv[2]], paths
+PY
+if setpriv --reuid=nobody --regid=nogroup --clear-groups "$helper" >/dev/null 2>&1; then
+  fail "the permission helper ran for a user who is not root"
+fi
+# What pkexec does when the user asks: as root it installs the rule (udev may be absent here; the rule is what counts).
+"$helper" >/dev/null || fail "the permission helper failed as root"
+cmp -s /etc/udev/rules.d/70-lumora-input.rules /usr/share/lumora/70-lumora-input.rules ||
+  fail "the permission helper did not install its rule"
+echo "permission helper: $helper (polkit action $action)"
+
 step "removing with apt-get"
 files=$(dpkg-query -L lumora lumora-dev)
 conffiles=$(dpkg-query -W -f='${Conffiles}\n' lumora | awk 'NF { print $1 }')
@@ -158,6 +176,7 @@ while IFS= read -r path; do
   grep -qxF -- "$path" <<<"$conffiles" || left+=("$path")
 done <<<"$files"
 [ ${#left[@]} -eq 0 ] || fail "left after removal, not configuration: ${left[*]}"
+[ ! -e /etc/udev/rules.d/70-lumora-input.rules ] || fail "the keyboard access granted for Lumora outlived it"
 echo "left after removal (configuration): $(tr '\n' ' ' <<<"$conffiles")"
 
 step "purging"

@@ -16,8 +16,8 @@
 
 #include "GrantInputAccessRule.h"
 
-#ifndef LUMORA_UDEV_RULES_DIR
-#define LUMORA_UDEV_RULES_DIR "/etc/udev/rules.d"
+#ifndef LUMORA_GRANTED_RULES_DIR
+#define LUMORA_GRANTED_RULES_DIR "/etc/udev/rules.d"
 #endif
 
 namespace {
@@ -27,7 +27,7 @@ constexpr const char* statement =
     "This lets Lumora read the keyboard. The user at this seat may then read every keyboard and key device (every "
     "key you press, which Lumora needs to take the brightness keys and pass every other key on unchanged) and "
     "create virtual input devices through /dev/uinput.\n"
-    "To take it back: remove " LUMORA_UDEV_RULES_DIR "/70-lumora-input.rules and log in again.\n";
+    "To take it back: remove " LUMORA_GRANTED_RULES_DIR "/70-lumora-input.rules and log in again.\n";
 
 bool writeAll(int fd, const char* data, std::size_t size)
 {
@@ -46,7 +46,7 @@ bool writeAll(int fd, const char* data, std::size_t size)
 // Writes the rule beside its final name and renames it into place, so that udev never reads half a file.
 bool installRule()
 {
-    const std::string target = std::string(LUMORA_UDEV_RULES_DIR) + "/" + ruleName;
+    const std::string target = std::string(LUMORA_GRANTED_RULES_DIR) + "/" + ruleName;
     const std::string temporary = target + ".new";
     ::unlink(temporary.c_str());
     const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);

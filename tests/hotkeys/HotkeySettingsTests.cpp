@@ -1,5 +1,6 @@
 // The panel's brightness-key section, as the user sees and uses it: the switch, the warning and the button that
-// asks for access, over a real service whose access the tests control through the device nodes.
+// asks for access, over a real service on the virtual desk, whose access the tests control through the modes of
+// the desk's device nodes (no access to /dev/uinput at first).
 
 #include <QAccessible>
 #include <QApplication>
@@ -10,12 +11,12 @@
 #include <gtest/gtest.h>
 
 #include "HotkeysTestEnvironment.h"
-#include "InputNodes.h"
 #include "Lumora/App/DisplayController.h"
 #include "Lumora/Hotkeys/HotkeyService.h"
 #include "Lumora/UI/Divider.h"
 #include "Lumora/UI/PopoverView.h"
 #include "Lumora/UI/SwitchButton.h"
+#include "tools/virtual-desk/VirtualDesk.h"
 
 using namespace LumoraTest;
 using Lumora::HotkeyService;
@@ -53,6 +54,7 @@ protected:
     {
         removeSetting();
         clearPkexecRuns();
+        desk.setAccess("/dev/uinput", "0600");
     }
 
     void open()
@@ -93,7 +95,7 @@ protected:
     }
     void click(QWidget* widget) { QTest::mouseClick(widget, Qt::LeftButton, {}, widget->rect().center()); }
 
-    InputNodes nodes;
+    VirtualDesk::Desk desk{VirtualDesk::DeskConfig::defaultDesk()};
     Lumora::DisplayController controller{[] { return std::vector<Lumora::DisplayInfo>{}; }};
     std::unique_ptr<HotkeyService> service;
     std::unique_ptr<Lumora::PopoverView> view;
@@ -172,7 +174,7 @@ TEST_F(SettingsSection, TheWarningGoesByItselfOnceAccessIsGranted)
     ASSERT_TRUE(warningShown());
     EXPECT_TRUE(pkexecRuns().isEmpty()) << "a launch never asks";
 
-    nodes.addUinput();
+    desk.setAccess("/dev/uinput", "0660");
     EXPECT_TRUE(pumpUntil([&] { return !warningShown(); }, 5s));
     EXPECT_TRUE(toggle->isChecked());
     EXPECT_EQ(orangePixels(picture()), 0);
@@ -180,7 +182,7 @@ TEST_F(SettingsSection, TheWarningGoesByItselfOnceAccessIsGranted)
 
 TEST_F(SettingsSection, OnWithAccessShowsTheSwitchOnAlone)
 {
-    nodes.addUinput();
+    desk.setAccess("/dev/uinput", "0660");
     open();
     click(toggle);
     EXPECT_TRUE(toggle->isChecked());

@@ -1,0 +1,290 @@
+// The brightness keys' tap on the virtual desk, for what the desktop end-to-end test (brightness-keys.sh) does not
+// show: Alt held on another keyboard, keys typed while a brightness key is being decided, a keyboard with a key held
+// when it is to be taken, lost events, keyboards plugged in later, switching off, and a press nobody decides. The
+// service with its real tap over the desk's emulated keyboards and uinput, the real controller over its emulated
+// monitors, on an offscreen desktop whose screens stand where the desk's connectors do (eDP-1 0-1920, the DELL on
+// DP-1 1920-4480, the LG on HDMI-A-1 4480-6400); no window is focused there, so the cursor picks the display.
+//
+// The default desk's keyboards: event0 the laptop keyboard (letters, Alt, the brightness keys), event1 the ACPI
+// Video Bus, event2 an external keyboard's main interface (letters, Alt; no brightness keys), event3 its
+// consumer-control interface (media and brightness keys).
+
+#include <QCursor>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <linux/input-event-codes.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+
+#include "HotkeysTestEnvironment.h"
+#include "Lumora/App/DisplayController.h"
+#include "Lumora/Hotkeys/HotkeyService.h"
+#include "Lumora/Platform/Linux/Input/KeyTap.h"
+#include "tools/virtual-desk/VirtualDesk.h"
+
+using namespace LumoraTest;
+using Lumora::HotkeyService;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+const std::string laptop = "/dev/input/event0";
+const std::string videoBus = "/dev/input/event1";
+const std::string external = "/dev/input/event2";
+const std::string consumer = "/dev/input/event3";
+const std::string dell = "card0-DP-1";
+const QPoint onDell(3000, 700);
+const QPoint onPanel(900, 600);
+
+// An event as the clone got it, without its time.
+struct Key {
+    std::uint16_t type;
+    std::uint16_t code;
+    std::int32_t value;
+    bool operator==(const Key&) const = default;
+};
+
+void PrintTo(const Key& k, std::ostream* out)
+{
+    *out << "{" << k.type << "," << k.code << "," << k.value << "}";
+}
+
+// The frame the desk sends for a key on a device with scan codes, as its clone must pass it on: MSC_SCAN (any
+// value), the key, SYN_REPORT.
+::testing::Matcher<const std::vector<Key>&> framesOf(const std::vector<std::pair<int, int>>& keys)
+{
+    std::vector<::testing::Matcher<const Key&>> events;
+    for (const auto& [code, value] : keys) {
+        events.push_back(::testing::Field(&Key::type, EV_MSC));
+        events.push_back(Key{EV_KEY, std::uint16_t(code), value});
+        events.push_back(Key{EV_SYN, SYN_REPORT, 0});
+    }
+    return ::testing::ElementsAreArray(events);
+}
+
+std::string sysfsText(const std::string& path)
+{
+    std::ifstream in(path);
+    std::string text;
+    std::getline(in, text);
+    return text;
+}
+
+// "/dev/input/event4" → its device's name in sysfs.
+std::string nameOf(const std::string& node)
+{
+    return sysfsText("/sys/class/input/" + node.substr(node.rfind('/') + 1) + "/device/name");
+}
+
+class KeysOnDesk : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        storeSetting(true);
+        controller = std::make_unique<Lumora::DisplayController>();
+        bool published = false;
+        const auto connection = QObject::connect(controller.get(), &Lumora::DisplayController::displaysChanged,
+                                                 [&] { published = true; });
+        controller->refresh();
+        const bool listed = pumpUntil([&] { return published; });
+        QObject::disconnect(connection);
+        ASSERT_TRUE(listed);
+        start();
+    }
+
+    void TearDown() override
+    {
+        service.reset();
+        controller.reset();
+        desk.releaseAll();
+        EXPECT_THAT(desk.violations(), IsEmpty());
+    }
+
+    void start()
+    {
+        service = std::make_unique<HotkeyService>(*controller);
+        ASSERT_TRUE(desk.waitFor([&] { return desk.clones().size() == 3; }, 5s));
+    }
+
+    // The clone that stands for a keyboard: the virtual device with its name.
+    std::string cloneOf(const std::string& keyboard) const
+    {
+        for (const std::string& clone : desk.clones()) {
+            if (nameOf(clone) == nameOf(keyboard))
+                return clone;
+        }
+        return {};
+    }
+
+    std::vector<Key> passedOn(const std::string& keyboard) const
+    {
+        std::vector<Key> keys;
+        for (const VirtualDesk::InputEvent& e : desk.forwarded(cloneOf(keyboard)))
+            keys.push_back({e.type, e.code, e.value});
+        return keys;
+    }
+
+    // Runs the event loop (where the service decides) until the clone of `keyboard` has been given `count`
+    // events; false when it got fewer, or more.
+    bool passedOnCount(const std::string& keyboard, std::size_t count)
+    {
+        const std::string clone = cloneOf(keyboard);
+        return pumpUntil([&] { return desk.forwarded(clone).size() >= count; }, 5s) &&
+               desk.forwarded(clone).size() == count;
+    }
+
+    // Runs the event loop (the service decides there) until the monitor shows that raw brightness on the wire.
+    bool dellAt(int raw) { return pumpUntil([&] { return desk.brightness(dell) == raw; }, 5s); }
+
+    void press(const std::string& keyboard, int code)
+    {
+        desk.pressKey(keyboard, code, 1);
+        desk.pressKey(keyboard, code, 0);
+    }
+
+    VirtualDesk::Desk desk{VirtualDesk::DeskConfig::defaultDesk()};
+    std::unique_ptr<Lumora::DisplayController> controller;
+    std::unique_ptr<HotkeyService> service;
+};
+
+}  // namespace
+
+TEST_F(KeysOnDesk, TakesEveryDeviceWithBrightnessKeysAndNothingElse)
+{
+    EXPECT_TRUE(desk.grabbed(laptop));
+    EXPECT_TRUE(desk.grabbed(videoBus));
+    EXPECT_TRUE(desk.grabbed(consumer));
+    EXPECT_FALSE(desk.grabbed(external));
+    EXPECT_EQ(desk.openCount(external), 0) << "a keyboard without brightness keys is only looked at for Alt";
+    for (const std::string& keyboard : {laptop, videoBus, consumer}) {
+        const std::string clone = cloneOf(keyboard);
+        ASSERT_FALSE(clone.empty()) << keyboard;
+        EXPECT_FALSE(desk.grabbed(clone)) << "Lumora never takes its own clones";
+    }
+    EXPECT_EQ(desk.clones().size(), 3u);
+}
+
+TEST_F(KeysOnDesk, AltHeldOnTheSameKeyboardsOtherInterfaceIsOption)
+{
+    QCursor::setPos(onDell);
+    // Alt on the external keyboard's main interface (not taken), the key on its consumer-control interface.
+    desk.pressKey(external, KEY_LEFTALT, 1);
+    press(consumer, KEY_BRIGHTNESSDOWN);
+    ASSERT_TRUE(pumpUntil([&] { return desk.powerMode(dell) == 4; }, 5s)) << "standby, not a step down";
+    desk.pressKey(external, KEY_LEFTALT, 0);
+    EXPECT_EQ(desk.brightness(dell), 50) << "standby writes no brightness";
+    press(consumer, KEY_BRIGHTNESSUP);
+    ASSERT_TRUE(pumpUntil([&] { return desk.powerMode(dell) == 1 && desk.brightness(dell) == 6; }, 10s))
+        << "without Alt: awake at one sixteenth up from the 0 shown in standby";
+    ASSERT_TRUE(passedOnCount(consumer, 6));
+    EXPECT_THAT(passedOn(consumer), framesOf({{KEY_BRIGHTNESSDOWN, 0}, {KEY_BRIGHTNESSUP, 0}}));
+}
+TEST_F(KeysOnDesk, KeysTypedRightAfterABrightnessKeyWaitBehindIt)
+{
+    // Typed in one go: the letters after a brightness key must not overtake it while it is being decided.
+    QCursor::setPos(onPanel);
+    press(laptop, KEY_BRIGHTNESSDOWN);
+    press(laptop, KEY_X);
+    ASSERT_TRUE(passedOnCount(laptop, 3 * 4));
+    QCursor::setPos(onDell);
+    press(laptop, KEY_BRIGHTNESSUP);
+    press(laptop, KEY_Y);
+    ASSERT_TRUE(passedOnCount(laptop, 3 * 7));
+    EXPECT_THAT(passedOn(laptop), framesOf({{KEY_BRIGHTNESSDOWN, 1}, {KEY_BRIGHTNESSDOWN, 0}, {KEY_X, 1}, {KEY_X, 0},
+                                            {KEY_BRIGHTNESSUP, 0}, {KEY_Y, 1}, {KEY_Y, 0}}));
+}
+
+TEST_F(KeysOnDesk, AKeyboardIsTakenOnlyOnceNoKeyIsHeldOnIt)
+{
+    service.reset();
+    ASSERT_TRUE(desk.waitFor([&] { return desk.clones().empty(); }, 5s));
+    desk.pressKey(laptop, KEY_LEFTCTRL, 1);  // held while Lumora starts
+    service = std::make_unique<HotkeyService>(*controller);
+    ASSERT_TRUE(desk.waitFor([&] { return desk.clones().size() == 3 && desk.grabbed(consumer); }, 5s));
+    EXPECT_FALSE(desk.grabbed(laptop)) << "taking it now would leave Ctrl down on the desktop for good";
+    desk.pressKey(laptop, KEY_LEFTCTRL, 0);  // the desktop gets this from the keyboard itself
+    ASSERT_TRUE(desk.waitFor([&] { return desk.grabbed(laptop); }, 5s));
+    press(laptop, KEY_Z);
+    ASSERT_TRUE(passedOnCount(laptop, 6));
+    EXPECT_THAT(passedOn(laptop), framesOf({{KEY_Z, 1}, {KEY_Z, 0}}));
+}
+
+TEST_F(KeysOnDesk, LostEventsAreRecoveredFromTheKeyboardsState)
+{
+    desk.pressKey(laptop, KEY_Q, 1);
+    ASSERT_TRUE(passedOnCount(laptop, 3));
+    desk.overflow(laptop);
+    desk.pressKey(laptop, KEY_Q, 0);  // lost with the overflow: the clone learns it from the keyboard's state
+    ASSERT_TRUE(pumpUntil([&] { return desk.heldKeys(cloneOf(laptop)).empty(); }, 5s)) << "Q stays down";
+    press(laptop, KEY_W);
+    ASSERT_TRUE(pumpUntil([&] { return passedOn(laptop).size() >= 3 + 2 + 6; }, 5s));
+    // Q comes up as the state says (no scan code: it was never read), then W as typed.
+    const std::vector<Key> keys = passedOn(laptop);
+    EXPECT_THAT(std::vector<Key>(keys.begin() + 3, keys.end()),
+                ElementsAre(Key{EV_KEY, KEY_Q, 0}, Key{EV_SYN, SYN_REPORT, 0}, ::testing::Field(&Key::type, EV_MSC),
+                            Key{EV_KEY, KEY_W, 1}, Key{EV_SYN, SYN_REPORT, 0}, ::testing::Field(&Key::type, EV_MSC),
+                            Key{EV_KEY, KEY_W, 0}, Key{EV_SYN, SYN_REPORT, 0}));
+}
+
+TEST_F(KeysOnDesk, KeyboardsPluggedInLaterAreTakenAndTheirClonesGoWithThem)
+{
+    const std::string second =
+        desk.addKeyboard({"Keychron K2 Consumer Control", "consumer", -1, "0660", std::nullopt});
+    desk.setAccess(second, "0660");  // as udev does once the node is there: its group, mode and access list
+    ASSERT_TRUE(desk.waitFor([&] { return desk.grabbed(second) && desk.clones().size() == 4; }, 5s));
+    QCursor::setPos(onDell);
+    press(second, KEY_BRIGHTNESSUP);
+    ASSERT_TRUE(dellAt(56));
+    const std::string clone = cloneOf(second);
+    desk.removeKeyboard(second);
+    ASSERT_TRUE(desk.waitFor([&] { return desk.clones().size() == 3; }, 5s));
+    EXPECT_THAT(desk.clones(), ::testing::Not(::testing::Contains(clone)));
+}
+
+TEST_F(KeysOnDesk, SwitchingOffLetsEverythingGo)
+{
+    QCursor::setPos(onDell);
+    desk.pressKey(laptop, KEY_BRIGHTNESSUP, 1);  // held, and taken by Lumora
+    ASSERT_TRUE(dellAt(56));
+    const std::vector<std::string> clones = desk.clones();
+    service->setEnabled(false);
+    EXPECT_FALSE(desk.grabbed(laptop));
+    EXPECT_FALSE(desk.grabbed(videoBus));
+    EXPECT_FALSE(desk.grabbed(consumer));
+    EXPECT_THAT(desk.clones(), IsEmpty());
+    for (const std::string& clone : clones)
+        EXPECT_THAT(desk.heldKeys(clone), IsEmpty()) << clone;
+    EXPECT_EQ(desk.openCount(laptop), 0);
+    desk.pressKey(laptop, KEY_BRIGHTNESSUP, 0);
+}
+
+// The tap on its own: a press that nobody decides goes on after the deadline, and the keys behind it with it.
+TEST(KeyTapOnDesk, APressNobodyDecidesGoesOnAfterTheDeadline)
+{
+    VirtualDesk::Desk desk{VirtualDesk::DeskConfig::defaultDesk()};
+    std::atomic<int> asked{0};
+    auto tap = Lumora::Platform::KeyTap::create([&](const Lumora::Platform::KeyPress&) { ++asked; });
+    ASSERT_NE(tap, nullptr);
+    ASSERT_TRUE(desk.waitFor([&] { return desk.grabbed(laptop); }, 5s));
+    const std::int64_t pressed = desk.nowUs();
+    desk.pressKey(laptop, KEY_BRIGHTNESSUP, 1);
+    desk.pressKey(laptop, KEY_K, 1);
+    ASSERT_TRUE(desk.waitFor([&] { return desk.forwarded().size() >= 6; }, 5s));
+    const auto events = desk.forwarded();
+    EXPECT_EQ(asked, 1);
+    EXPECT_GE(events.front().us - pressed, 900'000) << "passed on before the deadline";
+    EXPECT_EQ(events[1].code, KEY_BRIGHTNESSUP);
+    EXPECT_EQ(events[4].code, KEY_K);
+    desk.pressKey(laptop, KEY_K, 0);
+    desk.pressKey(laptop, KEY_BRIGHTNESSUP, 0);
+    tap.reset();
+    EXPECT_THAT(desk.clones(), IsEmpty());
+}

@@ -5,6 +5,7 @@
 #include <libevdev/libevdev.h>
 #include <linux/input.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
@@ -536,7 +537,10 @@ std::unique_ptr<KeyTap> KeyTap::create(OnPress onPress)
     if (!impl->scan())
         return nullptr;
     Impl* running = impl.get();
-    impl->thread = std::thread([running] { running->run(); });
+    impl->thread = std::thread([running] {
+        ::pthread_setname_np(::pthread_self(), "lumora-keys");  // as `top -H` and debuggers show it
+        running->run();
+    });
     return std::unique_ptr<KeyTap>(new KeyTap(std::move(impl)));
 }
 

@@ -4,13 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Lumora/DDC/DDCBackend.h"
 #include "Lumora/DDC/DDCService.h"
 #include "Lumora/DDC/IOAVService.h"
+#include "LumoraCore/DDCPacket.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 
 using namespace Lumora;
@@ -99,6 +102,36 @@ TEST_F(Transport, TheBusyTimeIsTheMonitorsWhicheverDescriptorTalks)
     EXPECT_EQ(requestInsideBusyTime(wire), "");
     for (const Transaction& t : wire)
         EXPECT_TRUE(t.outcome == "ok" || t.note == "busy") << VirtualDesk::toJsonLine(t);
+}
+
+// A Set's second copy held up past the monitor's busy time (a loaded machine) is a new Set to the monitor, busy
+// again from there; and a request coming unwaited just after the host's wait may still find a slow monitor busy.
+// Timed with sleeps that can only run long: run long, the monitor is idle by then and the value lands anyway.
+TEST_F(Transport, AValueLandsWhenTheMonitorTookALateCopyOrIsSlowerThanTheWait)
+{
+    desk.emplace(DeskConfig::fromJson(R"({"cards": [{"driver": "i915", "connectors": [
+        {"name": "DP-1", "ddc": {"bus": 5}, "monitor": {"busyMs": 30}},
+        {"name": "DP-2", "ddc": {"bus": 6}, "monitor": {"busyMs": 90}}]}]})"));
+    // One copy of Set VCP brightness, as the transactions send it.
+    const auto write = [](const IOAVServiceRef& service, std::uint16_t value) {
+        const Bytes request = DDC::setVCPRequest(VCPCode::brightness, value);
+        return IOAVService::writeFn()(service, 0x37, 0x51, request.data(), static_cast<std::uint32_t>(request.size()));
+    };
+    using std::chrono::milliseconds;
+
+    const IOAVServiceRef dp1 = open(*desk, "card0-DP-1");
+    ASSERT_EQ(write(dp1, 20), 0);
+    std::this_thread::sleep_for(milliseconds(35));
+    ASSERT_EQ(write(dp1, 20), 0);  // the copy, after the monitor's 30 ms: taken as a new Set
+    std::this_thread::sleep_for(milliseconds(20));
+    EXPECT_EQ(write(dp1, 40), 0);
+    EXPECT_EQ(desk->brightness("card0-DP-1"), 40);
+
+    const IOAVServiceRef dp2 = open(*desk, "card0-DP-2");
+    ASSERT_EQ(write(dp2, 20), 0);
+    std::this_thread::sleep_for(milliseconds(60));  // past the host's wait, inside the monitor's 90 ms
+    EXPECT_EQ(write(dp2, 40), 0);
+    EXPECT_EQ(desk->brightness("card0-DP-2"), 40);
 }
 
 TEST_F(Transport, ANullMessageIsAFailedReadNeverAReading)

@@ -147,14 +147,18 @@ int DDCChannel::write(std::uint8_t address, std::span<const std::uint8_t> bytes)
                         Clock::now() < monitor.lastSetAt + busyTime;
     if (repeat) {
         // Taken either way: NAKed, it is the monitor busy with this very request. Acknowledged, it was ignored by a
-        // monitor busy with it, or taken again by one that minds no busy time: the busy time still runs from the
-        // first.
-        device_->write(address, bytes);
+        // monitor busy with it, or taken as a Set of its own by a monitor whose busy time had run out (a copy held up
+        // on a loaded machine): the busy time then runs from this copy, so that is where it is counted from.
+        if (device_->write(address, bytes) == 0) {
+            monitor.lastSetAt = Clock::now();
+        }
         return 0;
     }
+    // A monitor that acknowledged a Set a moment ago and NAKs now is still busy with it, however long it takes.
+    const bool setLately = !monitor.lastSet.empty() && Clock::now() < monitor.lastSetAt + 2 * busyTime;
     const bool waited = monitor.settle(*device_);
     int status = device_->write(address, bytes);
-    if (status != 0 && waited) {
+    if (status != 0 && (waited || setLately)) {
         std::this_thread::sleep_for(busyTime);
         status = device_->write(address, bytes);
     }

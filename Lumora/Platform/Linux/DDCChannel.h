@@ -5,9 +5,11 @@
 // - Busy after a Set. A monitor takes about 50 ms to apply a Set VCP it acknowledged and meanwhile NAKs its
 //   address, or acknowledges and silently drops what comes. The channel keeps the bytes and the time of the last
 //   Set the monitor acknowledged. A write of those same bytes (a Set is sent twice, 10 ms apart) goes at once and
-//   counts as taken: NAKed, that is the monitor busy with this very request, and the busy time runs from the
-//   first, whatever the monitor makes of the repeat. Any other transfer first waits out the rest of the busy time; if it had to wait and is NAKed anyway, it is tried
-//   once more after another busy time before the failure is reported.
+//   counts as taken: NAKed, that is the monitor busy with this very request; acknowledged, the busy time runs from
+//   that copy (a monitor whose busy time ran out before it came takes it as a new Set). Any other transfer first
+//   waits out the rest of the busy time; if it had to wait, or comes within twice the busy time of the last Set,
+//   and is NAKed anyway, it is tried once more after another busy time before the failure is reported (many
+//   monitors stay busy longer than hosts are told to wait).
 // - The null message. A monitor with nothing to say answers a read with 6E 80 BE (length 0) and filler, which can
 //   pass a reply's checksum. A read that returns it fails (nullMessageStatus): it is never a reply.
 // - Waking. After an acknowledged power-on (Set VCP 0xD6 = 1) many monitors answer nothing for a second or two and

@@ -120,7 +120,11 @@ echo "icon: $icon"
 
 autostart=$(find_in "$config_dirs" autostart/org.lumora.Lumora.desktop) || fail "no autostart entry"
 desktop-file-validate "$autostart"
-[ "$(command -v "$(desktop_key "$autostart" Exec)")" = /usr/bin/lumora ] || fail "$autostart does not start lumora"
+read -r autostart_program autostart_arguments <<<"$(desktop_key "$autostart" Exec)"
+[ "$(command -v "$autostart_program")" = /usr/bin/lumora ] || fail "$autostart does not start lumora"
+# At login Lumora opens no window where there is no tray: the entry asks for that, and the installed lumora knows it.
+[ "$autostart_arguments" = --background ] || fail "$autostart starts lumora without --background"
+/usr/bin/lumora --help | grep -q -- '--background' || fail "the installed lumora does not know --background"
 echo "autostart: $autostart"
 
 metainfo=$(find_in "$data_dirs" metainfo/org.lumora.Lumora.metainfo.xml) || fail "no AppStream metainfo"

@@ -12,6 +12,7 @@
 
 #include <cstdio>
 
+#include "Lumora/App/CommandLine.h"
 #include "Lumora/App/PopoverPanel.h"
 #include "Lumora/App/Translations.h"
 #include "Lumora/Platform/Linux/Desktop/Compositor.h"
@@ -51,12 +52,32 @@ const char* const noTray = QT_TRANSLATE_NOOP(
     "Lumora::AppDelegate",
     "lumora: this desktop has no system tray, so Lumora shows its panel as a window. Start Lumora again to reopen it.");
 
-void say(const QString& message)
+const char* const noTrayInBackground = QT_TRANSLATE_NOOP(
+    "Lumora::AppDelegate",
+    "lumora: this desktop has no system tray, so Lumora waits in the background. Start Lumora to open its panel.");
+const char* const usage = QT_TRANSLATE_NOOP(
+    "Lumora::AppDelegate",
+    "Usage: lumora [--background]\n"
+    "Brightness and standby for every display on the desk, from a panel under a tray icon.\n"
+    "\n"
+    "  --background  start without opening a window (on a desktop without a tray the panel\n"
+    "                opens when Lumora is started again)\n"
+    "  --help        show this text\n"
+    "  --version     show the version\n"
+    "\n"
+    "LUMORA_PROBE=1 lumora lists every display instead; see lumora(1).");
+const char* const unknownArgument = QT_TRANSLATE_NOOP(
+    "Lumora::AppDelegate", "lumora: unknown argument '%1'. Try 'lumora --help'.");
+
+void write(const QString& message, std::FILE* stream)
 {
     const QByteArray line = message.toUtf8() + '\n';
-    std::fputs(line.constData(), stderr);
-    std::fflush(stderr);
+    std::fputs(line.constData(), stream);
+    std::fflush(stream);
 }
+// What went wrong or what Lumora does about it, on stderr; what was asked for (--help, --version), on stdout.
+void say(const QString& message) { write(message, stderr); }
+void print(const QString& message) { write(message, stdout); }
 // Monitors come back slowly after a resume: they are read at once, and again this much later.
 constexpr auto secondRefreshAfterResume = std::chrono::milliseconds(3000);
 
@@ -139,11 +160,23 @@ AppDelegate::~AppDelegate()
 
 int AppDelegate::runApplication(int argc, char** argv)
 {
+    const CommandLine options = CommandLine::parse(argc, argv);
+    if (options.help) {
+        print(Translations::text(messageContext, usage));
+        return 0;
+    }
+    if (options.version) {
+        print(QStringLiteral("lumora " LUMORA_VERSION));
+        return 0;
+    }
     if (const std::optional<QString> problem = chooseDisplayServer()) {
         say(*problem);
         return 1;
     }
     if (!SingleInstance::acquire()) {
+        if (options.background) {
+            return 0;  // started with the session twice: the running one stays as it is
+        }
         // Another Lumora serves this session: it shows its panel, and this one is done.
         QCoreApplication asking(argc, argv);
         if (!SessionBus::showRunningPanel()) {
@@ -152,6 +185,11 @@ int AppDelegate::runApplication(int argc, char** argv)
         return 0;
     }
     QApplication app(argc, argv);
+    // Qt has taken its own options out of argv by now; what is left and not Lumora's is a mistake.
+    if (const CommandLine left = CommandLine::parse(argc, argv); !left.unknown.empty()) {
+        say(Translations::text(messageContext, unknownArgument).arg(QString::fromStdString(left.unknown.front())));
+        return 2;
+    }
     QApplication::setApplicationName(QStringLiteral("Lumora"));
     QApplication::setApplicationVersion(QStringLiteral(LUMORA_VERSION));
     // The installed desktop entry's name: desktops match the windows and the tray item to it (and its icon).
@@ -161,6 +199,7 @@ int AppDelegate::runApplication(int argc, char** argv)
     Translations::install(app);
 
     AppDelegate delegate;
+    delegate.background_ = options.background;
     if (delegate.serveSessionBus() == SessionBus::Claim::takenByAnother) {
         // A Lumora whose lock lives elsewhere serves this session's bus: it shows its panel instead.
         SessionBus::showRunningPanel();
@@ -245,9 +284,9 @@ void AppDelegate::followTray(bool starting)
     }
     if (windowed_ && !saidNoTray_) {
         saidNoTray_ = true;
-        say(tr(noTray));
+        say(starting && background_ ? tr(noTrayInBackground) : tr(noTray));
     }
-    if (windowed_ && starting) {
+    if (windowed_ && starting && !background_) {
         showWindow();
     }
 }

@@ -4,8 +4,8 @@
 // menu on a right click, and refreshes the displays whenever one is added, removed, enabled or disabled, and after
 // a resume from suspend.
 //
-// On a desktop without a tray the panel is an ordinary window instead, opened at start and again whenever Lumora is
-// started a second time; when a tray appears the icon docks and the panel floats under it again. A second start on
+// On a desktop without a tray the panel is an ordinary window instead, opened at start (unless started with
+// --background, as the session's autostart does) and again whenever Lumora is started a second time; when a tray appears the icon docks and the panel floats under it again. A second start on
 // any desktop reaches the running Lumora over the session bus and shows its panel.
 
 #include <QObject>
@@ -38,8 +38,9 @@ public:
     ~AppDelegate() override;
 
     // The application start: one instance per session, a tray-only QApplication, one delegate, the event loop.
-    // Returns the exit status (0 after Quit; 0 at once when another instance runs, which is asked to show its
-    // panel; 1 at once when there is no display server to show anything on).
+    // Returns the exit status (0 after Quit; 0 at once for --help and --version, and when another instance runs,
+    // which is asked to show its panel unless this one was started with --background; 1 at once when there is no
+    // display server to show anything on; 2 for an argument that is neither Lumora's nor Qt's).
     static int runApplication(int argc, char** argv);
 
     // Serves the session bus interface (the panel, and the controller's operations for scripts and shortcuts);
@@ -86,6 +87,7 @@ private:
     QPointer<AboutBox> about_;
     bool windowed_ = false;     // no tray: the panel is an ordinary window
     bool saidNoTray_ = false;
+    bool background_ = false;   // started with --background: no window at start
     // Where a press outside hid the panel while the tray item has no geometry: that press may have been the click
     // on the item itself, whose activation then follows and must not open the panel again.
     std::optional<QPoint> hiddenByPressAt_;

@@ -56,6 +56,34 @@ Die Abfrage funktioniert überall: LUMORA_PROBE=1 lumora</translation>
         <source>Quit Lumora</source>
         <translation>Lumora beenden</translation>
     </message>
+    <message>
+        <source>lumora: this desktop has no system tray, so Lumora waits in the background. Start Lumora to open its panel.</source>
+        <translation>lumora: Diese Arbeitsumgebung hat keinen Infobereich, daher wartet Lumora im Hintergrund. Starten Sie Lumora, um sein Bedienfeld zu öffnen.</translation>
+    </message>
+    <message>
+        <source>Usage: lumora [--background]
+Brightness and standby for every display on the desk, from a panel under a tray icon.
+
+  --background  start without opening a window (on a desktop without a tray the panel
+                opens when Lumora is started again)
+  --help        show this text
+  --version     show the version
+
+LUMORA_PROBE=1 lumora lists every display instead; see lumora(1).</source>
+        <translation>Aufruf: lumora [--background]
+Helligkeit und Bereitschaft für jeden Bildschirm am Arbeitsplatz, über ein Bedienfeld unter einem Symbol im Infobereich.
+
+  --background  ohne Fenster starten (ohne Infobereich öffnet sich das Bedienfeld,
+                wenn Lumora erneut gestartet wird)
+  --help        diesen Text anzeigen
+  --version     die Version anzeigen
+
+LUMORA_PROBE=1 lumora listet stattdessen alle Bildschirme auf; siehe lumora(1).</translation>
+    </message>
+    <message>
+        <source>lumora: unknown argument &apos;%1&apos;. Try &apos;lumora --help&apos;.</source>
+        <translation>lumora: unbekanntes Argument &apos;%1&apos;. Siehe &apos;lumora --help&apos;.</translation>
+    </message>
 </context>
 <context>
     <name>Lumora::DisplayRow</name>

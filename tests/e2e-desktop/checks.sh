@@ -60,14 +60,15 @@ start_desktop()
     pass "display $DISPLAY"
 }
 
-# start_lumora LOG [DESK_FILE]: lumora on the virtual desk (its default desk, or the one in DESK_FILE), in the
-# background as APP_PID, with the desk's control socket and transaction log in WORK.
+# start_lumora LOG [DESK_FILE [ARGUMENT...]]: lumora on the virtual desk (its default desk, or the one in DESK_FILE
+# when not empty), started with ARGUMENTs, in the background as APP_PID, with the desk's control socket and
+# transaction log in WORK.
 start_lumora()
 {
     local log=$1 desk_args=()
     [[ -n ${2:-} ]] && desk_args=(--desk "$2")
     rm -f "$WORK/control"
-    "$VIRTUAL_DESK" "${desk_args[@]}" --control "$WORK/control" --log "$WORK/desk.jsonl" -- "$LUMORA" >"$log" 2>&1 &
+    "$VIRTUAL_DESK" "${desk_args[@]}" --control "$WORK/control" --log "$WORK/desk.jsonl" -- "$LUMORA" "${@:3}" >"$log" 2>&1 &
     APP_PID=$!
     session_track "$APP_PID"
 }

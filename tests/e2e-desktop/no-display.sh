@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The tray application where no display server answers: one line saying why, and exit status 1 (not a crash).
+# The tray application where no display server answers: one line saying why, and exit status 1 (not a crash);
+# --help and --version answer without any display.
 #
 #   no-display.sh LUMORA
 set -uo pipefail
@@ -29,6 +30,23 @@ for c in "${cases[@]}"; do
         echo "ok: $what: status 1, \"$out\""
     else
         echo "FAIL: $what: status $status, $lines lines: $out"
+        failures=$((failures + 1))
+    fi
+done
+# what | argument | what stdout must hold
+asked=(
+    "--help|--help|Usage: lumora [--background]"
+    "-h|-h|LUMORA_PROBE=1 lumora"
+    "--version|--version|lumora "
+)
+for c in "${asked[@]}"; do
+    IFS='|' read -r what argument word <<<"$c"
+    out=$(env -u DISPLAY -u WAYLAND_DISPLAY XDG_RUNTIME_DIR="$WORK/runtime" timeout -k 2 30 "$LUMORA" "$argument" 2>"$WORK/err")
+    status=$?
+    if [[ $status -eq 0 && $out == *"$word"* && ! -s $WORK/err ]]; then
+        echo "ok: $what without a display: status 0, on stdout"
+    else
+        echo "FAIL: $what: status $status, stdout: $out, stderr: $(cat "$WORK/err")"
         failures=$((failures + 1))
     fi
 done

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # End to end on a desktop without a system tray (stock GNOME without the AppIndicator extension, played by Xvfb +
 # openbox and a session bus): the panel opens as an ordinary window titled "Lumora", which the user closes and
-# reopens by starting Lumora again; a second start without a bus leaves the first alone; when a tray appears later
+# reopens by starting Lumora again; started with the session (--background) it opens nothing until started again;
+# an unknown argument is refused; a second start without a bus leaves the first alone; when a tray appears later
 # the icon docks, the window goes and the panel floats under the icon again.
 #
 #   trayless.sh LUMORA VIRTUAL_DESK ARTIFACT_DIR
@@ -29,6 +30,34 @@ lumora_window() { lumora_window_named Lumora managed; }
 no_lumora_window() { ! lumora_window >/dev/null; }
 window_back() { lumora_window >/dev/null; }
 said_no_tray() { grep -c 'no system tray' "$WORK/lumora.log"; }
+
+step "an argument lumora does not know: a clear line and status 2, nothing started"
+bogus_out=$(timeout -k 2 20 "$LUMORA" --bogus 2>&1)
+bogus_status=$?
+check "status 2 (was $bogus_status)" test "$bogus_status" -eq 2
+check "it names the argument and --help (printed: $bogus_out)" \
+    bash -c '[[ $(wc -l <<<"$0") -eq 1 && $0 == *"--bogus"* && $0 == *"lumora --help"* ]]' "$bogus_out"
+
+step "started with the session (--background): no window, a line on stderr; starting lumora opens the panel"
+start_lumora "$WORK/background.log" "" --background
+said_background() { grep -q 'waits in the background' "$WORK/background.log"; }
+check "stderr says it waits in the background" wait_until 20 said_background
+# Once the bus answers, the start is over: a window it had opened would be mapped by now.
+displays_served() { gdbus call --session -d org.lumora.Lumora -o /org/lumora/Lumora \
+    -m org.freedesktop.DBus.Properties.Get org.lumora.Lumora1 Displays >/dev/null 2>&1; }
+check "the session bus is served" wait_until 20 displays_served
+viewable_windows() { lumora_windows | awk '$6 == 1' | wc -l; }
+check "no window is shown ($(viewable_windows))" equals 0 viewable_windows
+again_out=$(timeout -k 2 20 "$LUMORA" --background 2>&1)
+check "started with the session again: status 0, silent, still no window" \
+    bash -c '[[ $0 == 0 && -z $1 && $2 == 0 ]]' "$?" "$again_out" "$(viewable_windows)"
+timeout -k 2 20 "$LUMORA" >/dev/null 2>&1
+check "started from the menu: the panel opens as the window titled Lumora" wait_until 20 window_back
+shot 00-opened-after-background
+kill "$APP_PID" 2>/dev/null
+wait_until 20 bash -c '! kill -0 "$0" 2>/dev/null' "$APP_PID" || abort "lumora did not end on SIGTERM"
+wait "$APP_PID" 2>/dev/null
+wait_until 10 no_lumora_window || abort "its window outlived it"
 
 step "lumora opens its panel as a window titled Lumora, and says why on stderr"
 start_lumora "$WORK/lumora.log"

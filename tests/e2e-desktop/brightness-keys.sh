@@ -126,10 +126,7 @@ panel_orange()
 step "desktop: Xorg (dummy) with eDP-1, DP-1 and HDMI-1 side by side, openbox, trayer"
 monitors_session_start "$WORK" 6400 1440 || abort "Xorg did not start"
 monitors_set eDP-1=1920x1200+0+0 DP-1=2560x1440+1920+0 HDMI-1=1920x1080+4480+0 || abort "xrandr could not lay out the monitors"
-trayer --edge top --align right --widthtype request --height 24 --SetDockType true --SetPartialStrut true \
-    --transparent false --expand false >"$WORK/trayer.log" 2>&1 &
-session_track $!
-wait_until 10 session_has_tray || abort "trayer did not start"
+session_start_tray "$WORK" || abort "trayer did not start"
 pass "display $DISPLAY: $(xrandr --listmonitors | tail -n +2 | awk '{print $2}' | tr -d '+*' | tr '\n' ' ')"
 
 mkdir -p "$XDG_CONFIG_HOME/Lumora"

@@ -96,17 +96,29 @@ session_start()
     fi
 }
 
-# session_start_tray WORKDIR: trayer, an XEmbed system tray at the top right of the screen.
+# session_start_tray WORKDIR: trayer, an XEmbed system tray at the top right of the screen. Now and then trayer
+# never shows its panel (it dies, or hangs, at start on a loaded machine): one that has not shown it in 10 s is
+# ended and started again, three times at most.
 session_start_tray()
 {
-    trayer --edge top --align right --widthtype request --height 24 --SetDockType true --SetPartialStrut true \
-        --transparent false --expand false >"$1/trayer.log" 2>&1 &
-    session_track $!
-    if ! wait_until 20 session_has_tray; then
-        echo "session: trayer did not start; its log:" >&2
+    local attempt pid
+    for attempt in 1 2 3; do
+        trayer --edge top --align right --widthtype request --height 24 --SetDockType true --SetPartialStrut true \
+            --transparent false --expand false >"$1/trayer.log" 2>&1 &
+        pid=$!
+        session_track "$pid"
+        wait_until 10 session_has_tray && return 0
+        if kill -0 "$pid" 2>/dev/null; then
+            echo "session: trayer showed no panel in 10 s (attempt $attempt); its log:" >&2
+            kill -KILL "$pid" 2>/dev/null
+            wait "$pid" 2>/dev/null
+        else
+            wait "$pid" 2>/dev/null
+            echo "session: trayer ended with status $? before showing its panel (attempt $attempt); its log:" >&2
+        fi
         sed 's/^/    trayer: /' "$1/trayer.log" >&2
-        return 1
-    fi
+    done
+    return 1
 }
 
 # session_bus WORKDIR: a private session bus (dbus-daemon), exported as DBUS_SESSION_BUS_ADDRESS. No

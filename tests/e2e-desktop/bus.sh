@@ -183,7 +183,15 @@ xdotool mousemove 10 700
 IX_IY=$(tray_icon) || abort "no icon"
 read -r IX IY IW IH <<<"$IX_IY"
 xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
-check "menu shown" wait_until 10 menu_shown
+if ! wait_until 20 menu_shown; then
+    # Seen once on a CI machine that stalled for many seconds at a time (trayer, up in 30 ms here, took over 20 s
+    # there in the same run): keep what the screen and the windows were, and click once more, as a user would.
+    shot zz-no-menu
+    echo "   NOTE: no menu 20 s after the right click; Lumora's windows (id x y w h viewable):"
+    lumora_windows | sed 's/^/      /'
+    xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+fi
+check "menu shown" wait_until 20 menu_shown
 xdotool key q
 expect_exit_zero "q in the menu"
 if [[ -s $WORK/desk.jsonl ]]; then

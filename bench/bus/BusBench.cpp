@@ -86,15 +86,6 @@ void pumpFor(std::chrono::milliseconds span)
     pumpUntil([] { return false; }, span);
 }
 
-double percentile(std::vector<double> values, double p)
-{
-    if (values.empty()) {
-        return 0.0;
-    }
-    std::sort(values.begin(), values.end());
-    const auto rank = static_cast<std::size_t>(std::ceil(p / 100.0 * values.size()));
-    return values[std::min(values.size() - 1, rank == 0 ? 0 : rank - 1)];
-}
 
 struct Row {
     std::string measure;
@@ -316,9 +307,9 @@ void benchStep(VirtualDesk::Desk& desk, const std::string& busAddress)
         desk.waitFor([&] { return sets(desk, t0).size() >= 2; }, 5s);
         std::this_thread::sleep_for(150ms);  // the monitor's busy time has passed
     }
-    row("gdbus call Step -> first byte on the wire: median (60 calls)", "%.1f ms", percentile(toWireMs, 50));
-    row("gdbus call Step -> first byte on the wire: p99", "%.1f ms", percentile(toWireMs, 99));
-    row("gdbus call Step -> gdbus has its reply and exits: median", "%.1f ms", percentile(gdbusExitMs, 50));
+    row("gdbus call Step -> first byte on the wire: median (60 calls)", "%.1f ms", BenchSupport::percentile(toWireMs, 50));
+    row("gdbus call Step -> first byte on the wire: p99", "%.1f ms", BenchSupport::percentile(toWireMs, 99));
+    row("gdbus call Step -> gdbus has its reply and exits: median", "%.1f ms", BenchSupport::percentile(gdbusExitMs, 50));
 
     for (int i = 0; i < samples; ++i) {
         const double delta = (i % 2) ? -0.05 : 0.05;
@@ -333,8 +324,8 @@ void benchStep(VirtualDesk::Desk& desk, const std::string& busAddress)
         std::this_thread::sleep_for(150ms);
     }
     row("Step on an open connection -> first byte on the wire: median (60 calls)", "%.1f ms (10 ms of it the DDC/CI pause)",
-        percentile(openToWireMs, 50));
-    row("Step on an open connection -> first byte on the wire: p99", "%.1f ms", percentile(openToWireMs, 99));
+        BenchSupport::percentile(openToWireMs, 50));
+    row("Step on an open connection -> first byte on the wire: p99", "%.1f ms", BenchSupport::percentile(openToWireMs, 99));
 }
 
 // ---- 3, 4. Many calls ----------------------------------------------------------------------------------------
@@ -401,35 +392,12 @@ void benchMany(VirtualDesk::Desk& desk)
     row("burst: last call -> last value on the wire", "%.1f ms", burst.lastCallToWireMs);
 }
 
-// Starts this program again under umockdev's preload, which the desk needs.
-void reexecUnderUmockdev(char** argv)
-{
-    const char* preload = std::getenv("LD_PRELOAD");
-    if (preload && std::strstr(preload, "libumockdev-preload")) {
-        return;
-    }
-    std::string asan = std::getenv("ASAN_OPTIONS") ? std::getenv("ASAN_OPTIONS") : "";
-    setenv("ASAN_OPTIONS", (asan.empty() ? "" : asan + ":").append("verify_asan_link_order=0").c_str(), 1);
-    char self[4096];
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0) {
-        die("/proc/self/exe");
-    }
-    self[length] = '\0';
-    std::vector<char*> args{const_cast<char*>("umockdev-wrapper"), self};
-    for (char** a = argv + 1; *a; ++a) {
-        args.push_back(*a);
-    }
-    args.push_back(nullptr);
-    execvp("umockdev-wrapper", args.data());
-    die("umockdev-wrapper");
-}
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    reexecUnderUmockdev(argv);
+    BenchSupport::reexecUnderUmockdev(argv);
     const std::string lumora = argc > 1 ? argv[1] : LUMORA_BINARY;
 
     VirtualDesk::Desk desk(VirtualDesk::DeskConfig::defaultDesk());
@@ -485,3 +453,4 @@ int main(int argc, char** argv)
 }
 
 #include "BusBench.moc"
+#include "bench/support/BenchSupport.h"

@@ -36,6 +36,7 @@
 #include "Lumora/App/SerialQueue.h"
 #include "Lumora/DDC/DisplayEnumerator.h"
 #include "tools/virtual-desk/VirtualDesk.h"
+#include "bench/support/BenchSupport.h"
 
 using namespace std::chrono_literals;
 using Lumora::DisplayController;
@@ -71,17 +72,8 @@ void pumpUntilTime(Clock::time_point when)
                                                          when - Clock::now() + 50ms));
 }
 
-double percentile(std::vector<double> values, double p)
-{
-    if (values.empty()) {
-        return 0.0;
-    }
-    std::sort(values.begin(), values.end());
-    const auto rank = static_cast<std::size_t>(std::ceil(p / 100.0 * values.size()));
-    return values[std::min(values.size() - 1, rank == 0 ? 0 : rank - 1)];
-}
 
-double median(std::vector<double> values) { return percentile(std::move(values), 50); }
+double median(std::vector<double> values) { return BenchSupport::percentile(std::move(values), 50); }
 
 // One figure per monitor profile (a single column when the figure is measured on one only).
 struct Row {
@@ -290,7 +282,7 @@ void benchProfile(const VirtualDesk::MonitorConfig& monitor)
         std::exit(1);
     }
     profileRow("setBrightness on the main thread: median", format("%.2f us", median(costUs)));
-    profileRow("setBrightness on the main thread: p99", format("%.2f us", percentile(costUs, 99)));
+    profileRow("setBrightness on the main thread: p99", format("%.2f us", BenchSupport::percentile(costUs, 99)));
     pumpUntil([] { return false; }, 300ms);  // let the last write land
     if (!desk.violations().empty()) {
         std::fprintf(stderr, "bench_controller: the desk saw violations\n");
@@ -339,7 +331,7 @@ void benchRequestToWire()
         pumpUntil([] { return false; }, 100ms);  // past the monitor's busy time
     }
     row("request -> first byte on the wire: median", "%.2f ms (10 ms of it the DDC/CI pause)", median(toWireMs));
-    row("request -> first byte on the wire: p99", "%.2f ms", percentile(toWireMs, 99));
+    row("request -> first byte on the wire: p99", "%.2f ms", BenchSupport::percentile(toWireMs, 99));
 }
 
 // ---- 4. Refresh ----------------------------------------------------------------------------------------------
@@ -395,31 +387,6 @@ void benchRefresh()
     }
 }
 
-// Starts this program again under umockdev's preload, which the desk needs.
-void reexecUnderUmockdev(char** argv)
-{
-    const char* preload = std::getenv("LD_PRELOAD");
-    if (preload && std::strstr(preload, "libumockdev-preload")) {
-        return;
-    }
-    std::string asan = std::getenv("ASAN_OPTIONS") ? std::getenv("ASAN_OPTIONS") : "";
-    setenv("ASAN_OPTIONS", (asan.empty() ? "" : asan + ":").append("verify_asan_link_order=0").c_str(), 1);
-    char self[4096];
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0) {
-        std::perror("bench_controller: /proc/self/exe");
-        std::exit(1);
-    }
-    self[length] = '\0';
-    std::vector<char*> args{const_cast<char*>("umockdev-wrapper"), self};
-    for (char** a = argv + 1; *a; ++a) {
-        args.push_back(*a);
-    }
-    args.push_back(nullptr);
-    execvp("umockdev-wrapper", args.data());
-    std::perror("bench_controller: umockdev-wrapper");
-    std::exit(1);
-}
 
 void printTable(const char* title, const std::vector<std::string>& columns, const std::vector<Row>& table)
 {
@@ -457,7 +424,7 @@ void printTable(const char* title, const std::vector<std::string>& columns, cons
 
 int main(int argc, char** argv)
 {
-    reexecUnderUmockdev(argv);
+    BenchSupport::reexecUnderUmockdev(argv);
     QCoreApplication app(argc, argv);
 
     VirtualDesk::MonitorConfig ignoring = VirtualDesk::MonitorConfig::realistic();

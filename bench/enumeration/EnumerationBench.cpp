@@ -21,6 +21,7 @@
 
 #include "Lumora/DDC/DisplayEnumerator.h"
 #include "tools/virtual-desk/VirtualDesk.h"
+#include "bench/support/BenchSupport.h"
 
 namespace {
 
@@ -70,35 +71,12 @@ Figures measure(int monitors, bool mst, int byteTimeUs, int runs)
     return {times[times.size() / 2], times[static_cast<std::size_t>(0.95 * static_cast<double>(times.size() - 1))]};
 }
 
-// Starts this program again under umockdev's preload, which the desk needs.
-void reexecUnderUmockdev(char** argv)
-{
-    const char* preload = std::getenv("LD_PRELOAD");
-    if (preload && std::strstr(preload, "libumockdev-preload"))
-        return;
-    std::string asan = std::getenv("ASAN_OPTIONS") ? std::getenv("ASAN_OPTIONS") : "";
-    setenv("ASAN_OPTIONS", (asan.empty() ? "" : asan + ":").append("verify_asan_link_order=0").c_str(), 1);
-    char self[4096];
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0) {
-        std::perror("bench_enumeration: /proc/self/exe");
-        std::exit(1);
-    }
-    self[length] = '\0';
-    std::vector<char*> args{const_cast<char*>("umockdev-wrapper"), self};
-    for (char** a = argv + 1; *a; ++a)
-        args.push_back(*a);
-    args.push_back(nullptr);
-    execvp("umockdev-wrapper", args.data());
-    std::perror("bench_enumeration: umockdev-wrapper");
-    std::exit(1);
-}
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    reexecUnderUmockdev(argv);
+    BenchSupport::reexecUnderUmockdev(argv);
     const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 20;
     std::printf("enumeration (DisplayEnumerator::allDisplays), %d runs each, ms\n", runs);
     std::printf("  %-9s %-22s %16s %16s\n", "monitors", "channels", "0.1 ms/byte", "no wire time");

@@ -47,6 +47,7 @@
 #include "Lumora/App/DisplayController.h"
 #include "Lumora/Hotkeys/HotkeyService.h"
 #include "tools/virtual-desk/VirtualDesk.h"
+#include "bench/support/BenchSupport.h"
 
 using namespace std::chrono_literals;
 
@@ -74,14 +75,6 @@ bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds time
     return true;
 }
 
-double percentile(std::vector<double> values, double p)
-{
-    if (values.empty())
-        return 0.0;
-    std::sort(values.begin(), values.end());
-    const auto rank = static_cast<std::size_t>(std::ceil(p / 100.0 * values.size()));
-    return values[std::min(values.size() - 1, rank == 0 ? 0 : rank - 1)];
-}
 
 struct Row {
     std::string measure;
@@ -187,34 +180,12 @@ private:
     std::thread thread_;
 };
 
-void reexecUnderUmockdev(char** argv)
-{
-    const char* preload = std::getenv("LD_PRELOAD");
-    if (preload && std::strstr(preload, "libumockdev-preload"))
-        return;
-    std::string asan = std::getenv("ASAN_OPTIONS") ? std::getenv("ASAN_OPTIONS") : "";
-    setenv("ASAN_OPTIONS", (asan.empty() ? "" : asan + ":").append("verify_asan_link_order=0").c_str(), 1);
-    char self[4096];
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0) {
-        std::perror("bench_hotkeys: /proc/self/exe");
-        std::exit(1);
-    }
-    self[length] = '\0';
-    std::vector<char*> args{const_cast<char*>("umockdev-wrapper"), self};
-    for (char** a = argv + 1; *a; ++a)
-        args.push_back(*a);
-    args.push_back(nullptr);
-    execvp("umockdev-wrapper", args.data());
-    std::perror("bench_hotkeys: umockdev-wrapper");
-    std::exit(1);
-}
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    reexecUnderUmockdev(argv);
+    BenchSupport::reexecUnderUmockdev(argv);
     QTemporaryDir home;
     QFile config(home.filePath(QStringLiteral("screens.json")));
     config.open(QIODevice::WriteOnly);
@@ -292,14 +263,14 @@ int main(int argc, char** argv)
             toWire.push_back(double(*wire - pressed) / 1000.0);
     }
     row("brightness key to first byte on the wire, ms (p50 / p99 / max, 40 presses)", "%.2f / %.2f / %.2f",
-        percentile(toWire, 50), percentile(toWire, 99), percentile(toWire, 100));
+        BenchSupport::percentile(toWire, 50), BenchSupport::percentile(toWire, 99), BenchSupport::percentile(toWire, 100));
 
     // 2. Letters: press to clone, through Lumora and through the bare forwarder.
     const std::vector<double> letters = typeLetters(desk);
     row("a letter from the keyboard to its clone, us (p50 / p99 / max, 500 presses)", "%.0f / %.0f / %.0f",
-        percentile(letters, 50), percentile(letters, 99), percentile(letters, 100));
+        BenchSupport::percentile(letters, 50), BenchSupport::percentile(letters, 99), BenchSupport::percentile(letters, 100));
     row("  the same through a bare forwarder (the emulation's own cost), us", "%.0f / %.0f / %.0f",
-        percentile(bare, 50), percentile(bare, 99), percentile(bare, 100));
+        BenchSupport::percentile(bare, 50), BenchSupport::percentile(bare, 99), BenchSupport::percentile(bare, 100));
     (void)bareEvents;
 
     // 3. A letter right behind a brightness key that goes on to the desktop (cursor on the built-in panel).
@@ -318,7 +289,7 @@ int main(int argc, char** argv)
         pumpUntil([&] { return passedOnAt(desk, KEY_BRIGHTNESSDOWN, 0, pressed).has_value(); }, 5s);
     }
     row("a letter typed right behind a passed brightness key, us (p50 / p99 / max, 100)", "%.0f / %.0f / %.0f",
-        percentile(behind, 50), percentile(behind, 99), percentile(behind, 100));
+        BenchSupport::percentile(behind, 50), BenchSupport::percentile(behind, 99), BenchSupport::percentile(behind, 100));
 
     std::size_t width = 0, valueWidth = 0;
     for (const Row& r : rows) {

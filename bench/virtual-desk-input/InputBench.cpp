@@ -30,6 +30,7 @@
 #include <string>
 #include <thread>
 #include <vector>
+#include "bench/support/BenchSupport.h"
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
@@ -233,32 +234,12 @@ void benchCloneLife()
     rows.push_back({"libevdev_uinput_destroy", percentiles(destroy, "ms", 1000)});
 }
 
-void reexecUnderUmockdev(char** argv)
-{
-    const char* preload = std::getenv("LD_PRELOAD");
-    if (preload && std::strstr(preload, "libumockdev-preload"))
-        return;
-    char self[4096];
-    const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) {
-        std::perror("bench_virtual_desk_input: /proc/self/exe");
-        std::exit(1);
-    }
-    self[n] = 0;
-    std::vector<char*> args{const_cast<char*>("umockdev-wrapper"), self};
-    for (char** a = argv + 1; *a; ++a)
-        args.push_back(*a);
-    args.push_back(nullptr);
-    ::execvp("umockdev-wrapper", args.data());
-    std::perror("bench_virtual_desk_input: umockdev-wrapper");
-    std::exit(1);
-}
 
 } // namespace
 
 int main(int, char** argv)
 {
-    reexecUnderUmockdev(argv);
+    BenchSupport::reexecUnderUmockdev(argv);
     benchStartAndEnd();
     benchKeyToReader();
     benchForwarding();

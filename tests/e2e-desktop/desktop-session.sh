@@ -74,25 +74,35 @@ session_start()
     rm -f "$work/displayfd"
     Xvfb -displayfd 3 -screen 0 "${size}x24" -nolisten tcp -noreset 3>"$work/displayfd" >"$work/xvfb.log" 2>&1 &
     session_track $!
-    if ! wait_until 15 test -s "$work/displayfd"; then
-        echo "session: Xvfb did not start" >&2
+    session_connect "$work" Xvfb && session_start_wm "$work" || return 1
+    if [[ $tray == tray ]]; then
+        session_start_tray "$work"
+    fi
+}
+
+# session_connect WORKDIR SERVER: waits for the X server just started with -displayfd 3>WORKDIR/displayfd to give
+# its display and answer; exports DISPLAY.
+session_connect()
+{
+    if ! wait_until 20 test -s "$1/displayfd"; then
+        echo "session: $2 did not start" >&2
         return 1
     fi
-    export DISPLAY=":$(tr -d '\n' <"$work/displayfd")"
+    export DISPLAY=":$(tr -d '\n' <"$1/displayfd")"
     if ! wait_until 10 xprop -root _XKB_RULES_NAMES >/dev/null 2>&1; then
         echo "session: no X server on $DISPLAY" >&2
         return 1
     fi
+}
 
-    openbox --sm-disable >"$work/openbox.log" 2>&1 &
+# session_start_wm WORKDIR: openbox on DISPLAY.
+session_start_wm()
+{
+    openbox --sm-disable >"$1/openbox.log" 2>&1 &
     session_track $!
     if ! wait_until 10 session_has_wm; then
         echo "session: openbox did not start" >&2
         return 1
-    fi
-
-    if [[ $tray == tray ]]; then
-        session_start_tray "$work"
     fi
 }
 

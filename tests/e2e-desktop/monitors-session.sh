@@ -51,21 +51,7 @@ CONF
     Xorg -displayfd 3 -config "$work/xorg.conf" -noreset -nolisten tcp -logfile "$work/xorg.log" \
         3>"$work/displayfd" >"$work/xorg.out" 2>&1 &
     session_track $!
-    if ! wait_until 20 test -s "$work/displayfd"; then
-        echo "session: Xorg did not start (see xorg.log)" >&2
-        return 1
-    fi
-    export DISPLAY=":$(tr -d '\n' <"$work/displayfd")"
-    if ! wait_until 10 xprop -root _XKB_RULES_NAMES >/dev/null 2>&1; then
-        echo "session: no X server on $DISPLAY" >&2
-        return 1
-    fi
-    openbox --sm-disable >"$work/openbox.log" 2>&1 &
-    session_track $!
-    if ! wait_until 10 session_has_wm; then
-        echo "session: openbox did not start" >&2
-        return 1
-    fi
+    session_connect "$work" "Xorg (see xorg.log)" && session_start_wm "$work"
 }
 
 # monitors_set NAME=WIDTHxHEIGHT+X+Y ...: exactly these monitors (besides DUMMY0), replacing the ones set before.

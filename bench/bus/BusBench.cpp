@@ -41,6 +41,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/support/BenchSupport.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 
 extern char** environ;
@@ -453,4 +454,3 @@ int main(int argc, char** argv)
 }
 
 #include "BusBench.moc"
-#include "bench/support/BenchSupport.h"

@@ -45,13 +45,14 @@ bool isPowerOn(std::span<const std::uint8_t> set)
 struct DDCChannel::Monitor {
     std::mutex turn;  // held for a whole transfer, its waits included
     std::vector<std::uint8_t> lastSet;  // the last Set the monitor acknowledged; empty before the first
-    Clock::time_point lastSetAt;
+    Clock::time_point lastSetAt;       // when the monitor had acknowledged it: its busy time ends by then + busyTime
+    Clock::time_point lastSetSentAt;   // when it was sent: the monitor's busy time cannot have begun before
     std::optional<Clock::time_point> poweredOnAt;  // a power-on acknowledged then, not yet answered since
 
     // Waits out the busy time of the last acknowledged Set, and a wake in progress; true when it had to wait.
     bool settle(I2CDevice& device);
     void waitUntilAwake(I2CDevice& device, Clock::time_point deadline);
-    void acknowledged(std::span<const std::uint8_t> set);
+    void acknowledged(std::span<const std::uint8_t> set, Clock::time_point sentAt);
 };
 
 bool DDCChannel::Monitor::settle(I2CDevice& device)
@@ -96,10 +97,11 @@ void DDCChannel::Monitor::waitUntilAwake(I2CDevice& device, Clock::time_point de
     }
 }
 
-void DDCChannel::Monitor::acknowledged(std::span<const std::uint8_t> set)
+void DDCChannel::Monitor::acknowledged(std::span<const std::uint8_t> set, Clock::time_point sentAt)
 {
     lastSet.assign(set.begin(), set.end());
     lastSetAt = Clock::now();
+    lastSetSentAt = sentAt;
     if (isPowerOn(set)) {
         poweredOnAt = lastSetAt;
     } else if (isPowerCommand(set)) {
@@ -147,9 +149,9 @@ int DDCChannel::write(std::uint8_t address, std::span<const std::uint8_t> bytes)
                         Clock::now() < monitor.lastSetAt + busyTime;
     if (repeat) {
         // Taken either way: NAKed, it is the monitor busy with this very request. Acknowledged, it was ignored by a
-        // monitor busy with it, or taken as a Set of its own by a monitor whose busy time had run out (a copy held up
-        // on a loaded machine): the busy time then runs from this copy, so that is where it is counted from.
-        if (device_->write(address, bytes) == 0) {
+        // monitor busy with it, or, when it came a busy time or more after the first copy was sent (held up on a
+        // loaded machine), taken as a Set of its own: the busy time then runs from this copy.
+        if (device_->write(address, bytes) == 0 && Clock::now() >= monitor.lastSetSentAt + busyTime) {
             monitor.lastSetAt = Clock::now();
         }
         return 0;
@@ -157,13 +159,15 @@ int DDCChannel::write(std::uint8_t address, std::span<const std::uint8_t> bytes)
     // A monitor that acknowledged a Set a moment ago and NAKs now is still busy with it, however long it takes.
     const bool setLately = !monitor.lastSet.empty() && Clock::now() < monitor.lastSetAt + 2 * busyTime;
     const bool waited = monitor.settle(*device_);
+    Clock::time_point sentAt = Clock::now();
     int status = device_->write(address, bytes);
     if (status != 0 && (waited || setLately)) {
         std::this_thread::sleep_for(busyTime);
+        sentAt = Clock::now();
         status = device_->write(address, bytes);
     }
     if (status == 0 && set) {
-        monitor.acknowledged(bytes);
+        monitor.acknowledged(bytes, sentAt);
     }
     return status;
 }

@@ -5,8 +5,9 @@
 // - Busy after a Set. A monitor takes about 50 ms to apply a Set VCP it acknowledged and meanwhile NAKs its
 //   address, or acknowledges and silently drops what comes. The channel keeps the bytes and the time of the last
 //   Set the monitor acknowledged. A write of those same bytes (a Set is sent twice, 10 ms apart) goes at once and
-//   counts as taken: NAKed, that is the monitor busy with this very request; acknowledged, the busy time runs from
-//   that copy (a monitor whose busy time ran out before it came takes it as a new Set). Any other transfer first
+//   counts as taken: NAKed, that is the monitor busy with this very request; acknowledged a busy time or more after
+//   the first copy was sent (held up on a loaded machine), the monitor may have taken it as a new Set, and the busy
+//   time runs from that copy. Any other transfer first
 //   waits out the rest of the busy time; if it had to wait, or comes within twice the busy time of the last Set,
 //   and is NAKed anyway, it is tried once more after another busy time before the failure is reported (many
 //   monitors stay busy longer than hosts are told to wait).

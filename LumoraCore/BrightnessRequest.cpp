@@ -25,6 +25,22 @@ std::optional<Rejection> check(double value, double low, double high, const char
     return std::nullopt;
 }
 
+// "; the displays are 103 (DELL U2720Q), 95 (Built-in Display)."
+std::string listing(const Listed& displays)
+{
+    if (displays.empty()) {
+        return "; no display is listed (yet).";
+    }
+    std::string text = "; the displays are ";
+    for (std::size_t i = 0; i < displays.size(); ++i) {
+        if (i > 0) {
+            text += ", ";
+        }
+        text += std::to_string(displays[i].first) + " (" + displays[i].second + ")";
+    }
+    return text + ".";
+}
+
 }  // namespace
 
 std::optional<Rejection> checkFraction(double fraction)
@@ -40,24 +56,23 @@ std::optional<Rejection> checkDelta(double delta)
 
 std::string unknownDisplay(std::uint32_t id, const Listed& displays)
 {
-    std::string message = "There is no display " + std::to_string(id);
-    if (displays.empty()) {
-        return message + "; no display is listed (yet).";
-    }
-    message += "; the displays are ";
-    for (std::size_t i = 0; i < displays.size(); ++i) {
-        if (i > 0) {
-            message += ", ";
-        }
-        message += std::to_string(displays[i].first) + " (" + displays[i].second + ")";
-    }
-    return message + ".";
+    return "There is no display " + std::to_string(id) + listing(displays);
 }
 
 std::string cannotPowerOff(std::uint32_t id, const std::string& name)
 {
     return "Display " + std::to_string(id) + " (" + name +
            ") has no standby: only external monitors driven over DDC/CI do.";
+}
+
+std::string noDisplayInUse()
+{
+    return "There is no display in use: no connected display is shown on the desktop.";
+}
+
+std::string notAdjustable(std::uint32_t id, const Listed& displays)
+{
+    return "Display " + std::to_string(id) + ", the display in use, is not one Lumora can adjust" + listing(displays);
 }
 
 }  // namespace Lumora::BrightnessRequest

@@ -42,5 +42,12 @@ using Listed = std::vector<std::pair<std::uint32_t, std::string>>;
 std::string unknownDisplay(std::uint32_t id, const Listed& displays);
 // "Display 95 (Built-in Display) has no standby: only external monitors driven over DDC/CI do."
 std::string cannotPowerOff(std::uint32_t id, const std::string& name);
+// A request for the display in use (the one a brightness key would act on) when there is none: no connected
+// display is shown on the desktop.
+std::string noDisplayInUse();
+// A request for the display in use when that display is not among the listed ones (a monitor without a DDC/CI
+// channel, or the displays are not read yet): "Display 117, the display in use, is not one Lumora can adjust; the
+// displays are 103 (DELL U2720Q), 95 (Built-in Display)."
+std::string notAdjustable(std::uint32_t id, const Listed& displays);
 
 }  // namespace Lumora::BrightnessRequest

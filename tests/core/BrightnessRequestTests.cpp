@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <limits>
+#include <string>
 
 #include "LumoraCore/BrightnessRequest.h"
 
@@ -81,4 +82,24 @@ TEST(BrightnessRequest, AStepIsFromMinusOneToOneBothIncluded)
                           c.shown + ".");
         }
     }
+}
+
+TEST(BrightnessRequest, RefusalsNameTheDisplaysThereAre)
+{
+    const BrightnessRequest::Listed desk{{103, "DELL U2720Q"}, {95, "Built-in Display"}};
+    const struct {
+        std::string message;
+        const char* expected;
+    } cases[] = {
+        {BrightnessRequest::unknownDisplay(42, desk),
+         "There is no display 42; the displays are 103 (DELL U2720Q), 95 (Built-in Display)."},
+        {BrightnessRequest::unknownDisplay(42, {}), "There is no display 42; no display is listed (yet)."},
+        {BrightnessRequest::notAdjustable(120, desk),
+         "Display 120, the display in use, is not one Lumora can adjust; the displays are 103 (DELL U2720Q), 95 "
+         "(Built-in Display)."},
+        {BrightnessRequest::notAdjustable(120, {}),
+         "Display 120, the display in use, is not one Lumora can adjust; no display is listed (yet)."},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.message, c.expected);
 }

@@ -9,18 +9,14 @@ bool isBrightnessPress(const KeyEvent& event)
            (event.value == InputCode::valueDown || event.value == InputCode::valueRepeat);
 }
 
-KeyOutcome decide(const KeyEvent& event, bool option, const std::vector<TargetResolver::Display>& displays,
-                  const std::optional<Rect>& focusedWindow, Point cursor)
+KeyOutcome decide(const KeyEvent& event, bool option, const std::optional<TargetResolver::Decision>& inUse)
 {
-    if (!isBrightnessPress(event) || displays.empty())
-        return {};
-    const std::optional<TargetResolver::Decision> decision = TargetResolver::resolve(displays, focusedWindow, cursor);
-    if (!decision || decision->action != TargetResolver::Action::adjust)
+    if (!isBrightnessPress(event) || !inUse || inUse->action != TargetResolver::Action::adjust)
         return {};
     const bool up = event.code == InputCode::keyBrightnessUp;
     if (option)
-        return {KeyOutcome::Call::setBrightness, decision->displayID, up ? 1.0 : 0.0, true};
-    return {KeyOutcome::Call::step, decision->displayID, up ? stepSize : -stepSize, true};
+        return {KeyOutcome::Call::setBrightness, inUse->displayID, up ? 1.0 : 0.0, true};
+    return {KeyOutcome::Call::step, inUse->displayID, up ? stepSize : -stepSize, true};
 }
 
 }  // namespace Lumora::KeyEventDecision

@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <vector>
 
 #include "LumoraCore/TargetResolver.h"
 
@@ -63,11 +62,12 @@ constexpr double stepSize = 0.0625;
 // they belong. Key-ups, other keys and every other kind of event never do, and always go on.
 bool isBrightnessPress(const KeyEvent& event);
 
-// The complete outcome. A brightness press with displays present is resolved (TargetResolver::resolve) and, when
-// the chosen display is an external DDC/CI monitor, consumed: F1 steps it down and F2 up by stepSize, or with
-// Option held F1 sets it to 0.0 (standby) and F2 to 1.0 (awake, full). Everything else goes on untouched.
-KeyOutcome decide(const KeyEvent& event, bool option, const std::vector<TargetResolver::Display>& displays,
-                  const std::optional<Rect>& focusedWindow, Point cursor);
+// The complete outcome, given where the press belongs: the resolver's decision for the display in use
+// (TargetResolver::resolve over the active displays, the focused window and the cursor; absent when there is no
+// display). A brightness press whose display is an external DDC/CI monitor (adjust) is consumed: F1 steps it down
+// and F2 up by stepSize, or with Option held F1 sets it to 0.0 (standby) and F2 to 1.0 (awake, full). Everything
+// else goes on untouched.
+KeyOutcome decide(const KeyEvent& event, bool option, const std::optional<TargetResolver::Decision>& inUse);
 
 }  // namespace KeyEventDecision
 }  // namespace Lumora

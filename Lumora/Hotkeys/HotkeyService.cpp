@@ -3,12 +3,8 @@
 #include <QSettings>
 #include <QTimer>
 
-#include <unordered_set>
-
 #include "Lumora/App/DisplayController.h"
-#include "Lumora/Platform/Linux/Desktop/Cursor.h"
-#include "Lumora/Platform/Linux/Desktop/DisplayFrames.h"
-#include "Lumora/Platform/Linux/Desktop/FocusedWindow.h"
+#include "Lumora/Hotkeys/DisplayInUse.h"
 #include "Lumora/Platform/Linux/Desktop/InputAccessRequest.h"
 #include "Lumora/Platform/Linux/Desktop/InputAccessWatcher.h"
 #include "Lumora/Platform/Linux/Input/InputAccess.h"
@@ -100,12 +96,7 @@ bool HotkeyService::handle(const KeyEvent& event, bool option)
 {
     if (!KeyEventDecision::isBrightnessPress(event))
         return false;
-    const std::vector<TargetResolver::Display> displays = onlineDisplays();
-    if (displays.empty())
-        return false;
-    const std::optional<Rect> window = focusedWindowFrame();
-    const Point cursor = Cursor::position().value_or(Point{0, 0});
-    const KeyOutcome outcome = KeyEventDecision::decide(event, option, displays, window, cursor);
+    const KeyOutcome outcome = KeyEventDecision::decide(event, option, DisplayInUse::resolve(controller_.displays()));
     switch (outcome.call) {
     case KeyOutcome::Call::step:
         controller_.step(outcome.displayID, outcome.amount);
@@ -117,24 +108,6 @@ bool HotkeyService::handle(const KeyEvent& event, bool option)
         break;
     }
     return outcome.consumed;
-}
-
-std::vector<TargetResolver::Display> HotkeyService::onlineDisplays() const
-{
-    std::unordered_set<std::uint32_t> ddc;
-    for (const DisplaySnapshot& snapshot : controller_.displays()) {
-        if (snapshot.canPowerOff)
-            ddc.insert(snapshot.id);
-    }
-    std::vector<TargetResolver::Display> displays;
-    for (const DisplayFrame& display : DisplayFrames::active())
-        displays.push_back({display.id, display.frame, ddc.count(display.id) != 0});
-    return displays;
-}
-
-std::optional<Rect> HotkeyService::focusedWindowFrame() const
-{
-    return FocusedWindow::frame();
 }
 
 bool HotkeyService::readTrust() const

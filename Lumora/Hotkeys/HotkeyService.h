@@ -1,7 +1,8 @@
 #pragma once
-// Makes the keyboard's brightness keys act on the external monitor the user works on: F1 one sixteenth darker,
-// F2 one sixteenth brighter; with Option (Alt) held, F1 puts that monitor into standby (0.0) and F2 wakes it at full
-// brightness (1.0). Keys that concern the built-in panel, and every other key, go on to the desktop unchanged.
+// Makes the keyboard's brightness keys act on the external monitor the user works on (DisplayInUse): F1 one
+// sixteenth darker, F2 one sixteenth brighter; with Option (Alt) held, F1 puts that monitor into standby (0.0) and
+// F2 wakes it at full brightness (1.0). Keys that concern the built-in panel, and every other key, go on to the
+// desktop unchanged.
 //
 // The feature is off until the user switches it on; the switch is kept in the settings under
 // "useF1F2ForExternalBrightness". Taking the keys needs access to the keyboards and to /dev/uinput ("trusted");
@@ -20,11 +21,8 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
-#include <vector>
 
 #include "LumoraCore/KeyEventDecision.h"
-#include "LumoraCore/TargetResolver.h"
 
 namespace Lumora {
 
@@ -71,8 +69,6 @@ private:
     void stopTap();
     void pressArrived(std::uint64_t tapGeneration, const Platform::KeyPress& press);
     bool handle(const KeyEvent& event, bool option);
-    std::vector<TargetResolver::Display> onlineDisplays() const;
-    std::optional<Rect> focusedWindowFrame() const;
     bool readTrust() const;
     void assignEnabled(bool value);
     void assignTrusted(bool value);

@@ -1,5 +1,5 @@
 // What a brightness key does, as the complete outcome table: which events ask where they belong, which call each
-// makes and whether the desktop still gets the event.
+// makes on the display in use and whether the desktop still gets the event.
 
 #include <gtest/gtest.h>
 
@@ -71,7 +71,9 @@ TEST(KeyEventDecision, OutcomeTable)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        const KeyOutcome outcome = KeyEventDecision::decide(c.event, c.option, c.displays, c.window, c.cursor);
+        // As a press is handled: the display in use, resolved from the desktop's inputs, then the key's outcome.
+        const KeyOutcome outcome =
+            KeyEventDecision::decide(c.event, c.option, TargetResolver::resolve(c.displays, c.window, c.cursor));
         EXPECT_EQ(outcome.call, c.expected.call);
         EXPECT_EQ(outcome.displayID, c.expected.displayID);
         EXPECT_EQ(outcome.amount, c.expected.amount);

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "HotkeysTestEnvironment.h"
+#include "Lumora/Hotkeys/DisplayInUse.h"
 #include "Lumora/Platform/Linux/Desktop/Cursor.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayFrames.h"
 #include "Lumora/Platform/Linux/Desktop/FocusedWindow.h"
@@ -99,6 +100,25 @@ std::string monitorsOf(const Layout& layout)
     return specs;
 }
 
+// The controller's list as it stands once read: every output, the DDC/CI monitors able to power off.
+std::vector<Lumora::DisplaySnapshot> controllerList()
+{
+    std::vector<Lumora::DisplaySnapshot> list;
+    for (const Output& o : chosen->outputs)
+        list.push_back({o.id, o.connector, 0.5, true, o.ddc});
+    return list;
+}
+
+// What the keys and the session bus decide for the display `id`: act on a DDC/CI monitor, leave the rest.
+Lumora::TargetResolver::Decision inUse(std::uint32_t id)
+{
+    for (const Output& o : chosen->outputs) {
+        if (o.id == id)
+            return {id, o.ddc ? Lumora::TargetResolver::Action::adjust : Lumora::TargetResolver::Action::passThrough};
+    }
+    return {id, Lumora::TargetResolver::Action::passThrough};
+}
+
 std::vector<Lumora::TargetResolver::Display> resolverDisplays(const std::vector<Lumora::DisplayFrame>& frames)
 {
     std::vector<Lumora::TargetResolver::Display> displays;
@@ -157,6 +177,11 @@ TEST_F(ResolverInputs, TheFocusedWindowWithItsDecorationsAndTheCursorPickTheirDi
     const auto byWindow = Lumora::TargetResolver::resolve(displays, focused, layout.cursor);
     ASSERT_TRUE(byWindow);
     EXPECT_EQ(byWindow->displayID, layout.windowOn);
+    // Gathered and decided in one place for the keys and the session bus, from the controller's list.
+    EXPECT_EQ(Lumora::DisplayInUse::resolve(controllerList()), inUse(layout.windowOn));
+    // Before the controller's first list every display is left to the desktop.
+    EXPECT_EQ(Lumora::DisplayInUse::resolve({}),
+              (Lumora::TargetResolver::Decision{layout.windowOn, Lumora::TargetResolver::Action::passThrough}));
 
     QCursor::setPos(int(layout.cursor.x), int(layout.cursor.y));
     ASSERT_TRUE(pumpUntil([&] { return Lumora::Cursor::position() == layout.cursor; }, 5s));
@@ -166,6 +191,7 @@ TEST_F(ResolverInputs, TheFocusedWindowWithItsDecorationsAndTheCursorPickTheirDi
 
     window.close();
     EXPECT_TRUE(pumpUntil([] { return !Lumora::FocusedWindow::frame(); }, 5s)) << "no window is active any more";
+    EXPECT_EQ(Lumora::DisplayInUse::resolve(controllerList()), inUse(layout.cursorOn));
 }
 
 int main(int argc, char** argv)

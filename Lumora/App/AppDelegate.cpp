@@ -11,10 +11,12 @@
 #include <chrono>
 
 #include <cstdio>
+#include <optional>
 
 #include "Lumora/App/CommandLine.h"
 #include "Lumora/App/PopoverPanel.h"
 #include "Lumora/App/Translations.h"
+#include "Lumora/Hotkeys/DisplayInUse.h"
 #include "Lumora/Platform/Linux/Desktop/Compositor.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayChangeMonitor.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayServer.h"
@@ -219,6 +221,10 @@ SessionBus::Claim AppDelegate::serveSessionBus()
     actions.step = [this](std::uint32_t id, double delta) { controller_.step(id, delta); };
     actions.togglePower = [this](std::uint32_t id) { controller_.togglePower(id); };
     actions.refresh = [this] { controller_.refresh(); };
+    actions.displayInUse = [this]() -> std::optional<std::uint32_t> {
+        const std::optional<TargetResolver::Decision> inUse = DisplayInUse::resolve(controller_.displays());
+        return inUse ? std::optional<std::uint32_t>(inUse->displayID) : std::nullopt;
+    };
     SessionBus::Claim outcome = SessionBus::Claim::noBus;
     sessionBus_ = SessionBus::claim(std::move(actions), outcome);
     if (sessionBus_ != nullptr) {

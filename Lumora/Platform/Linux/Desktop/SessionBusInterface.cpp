@@ -113,14 +113,19 @@ const DisplaySnapshot* find(const std::vector<DisplaySnapshot>& displays, std::u
     return nullptr;
 }
 
+BrightnessRequest::Listed listed(const std::vector<DisplaySnapshot>& displays)
+{
+    BrightnessRequest::Listed list;
+    for (const DisplaySnapshot& d : displays) {
+        list.emplace_back(d.id, d.name);
+    }
+    return list;
+}
+
 Failure unknownDisplay(std::uint32_t id, const std::vector<DisplaySnapshot>& displays)
 {
-    BrightnessRequest::Listed listed;
-    for (const DisplaySnapshot& d : displays) {
-        listed.emplace_back(d.id, d.name);
-    }
     return {errorPrefix + QLatin1String("UnknownDisplay"),
-            QString::fromStdString(BrightnessRequest::unknownDisplay(id, listed))};
+            QString::fromStdString(BrightnessRequest::unknownDisplay(id, listed(displays)))};
 }
 
 // One method: its arguments' signature, a sentence on what they are, and what it does with them. A call that
@@ -160,6 +165,51 @@ std::optional<Failure> step(const SessionBusActions& actions, const QList<QVaria
     return std::nullopt;
 }
 
+// The display the brightness keys would act on, when the controller lists it; else why not.
+std::optional<Failure> displayInUse(const SessionBusActions& actions, std::uint32_t& id)
+{
+    const std::optional<std::uint32_t> inUse = actions.displayInUse ? actions.displayInUse() : std::nullopt;
+    if (!inUse) {
+        return Failure{errorPrefix + QLatin1String("NoDisplayInUse"),
+                       QString::fromStdString(BrightnessRequest::noDisplayInUse())};
+    }
+    const std::vector<DisplaySnapshot>& displays = actions.displays();
+    if (find(displays, *inUse) == nullptr) {
+        return Failure{errorPrefix + QLatin1String("NotAdjustable"),
+                       QString::fromStdString(BrightnessRequest::notAdjustable(*inUse, listed(displays)))};
+    }
+    id = *inUse;
+    return std::nullopt;
+}
+
+std::optional<Failure> setDisplayInUse(const SessionBusActions& actions, const QList<QVariant>& args)
+{
+    const double fraction = args[0].toDouble();
+    if (const auto rejection = BrightnessRequest::checkFraction(fraction)) {
+        return rejected(*rejection);
+    }
+    std::uint32_t id = 0;
+    if (auto failure = displayInUse(actions, id)) {
+        return failure;
+    }
+    actions.setBrightness(id, fraction);
+    return std::nullopt;
+}
+
+std::optional<Failure> stepDisplayInUse(const SessionBusActions& actions, const QList<QVariant>& args)
+{
+    const double delta = args[0].toDouble();
+    if (const auto rejection = BrightnessRequest::checkDelta(delta)) {
+        return rejected(*rejection);
+    }
+    std::uint32_t id = 0;
+    if (auto failure = displayInUse(actions, id)) {
+        return failure;
+    }
+    actions.step(id, delta);
+    return std::nullopt;
+}
+
 std::optional<Failure> togglePower(const SessionBusActions& actions, const QList<QVariant>& args)
 {
     const std::uint32_t id = args[0].toUInt();
@@ -192,6 +242,8 @@ std::optional<Failure> showPanel(const SessionBusActions& actions, const QList<Q
 const Method methods[] = {
     {"SetBrightness", "ud", "a display id and a brightness fraction", &setBrightness},
     {"Step", "ud", "a display id and a step", &step},
+    {"SetDisplayInUse", "d", "a brightness fraction", &setDisplayInUse},
+    {"StepDisplayInUse", "d", "a step", &stepDisplayInUse},
     {"TogglePower", "u", "a display id", &togglePower},
     {"Refresh", "", "no arguments", &refresh},
     {"ShowPanel", "", "no arguments", &showPanel},
@@ -319,7 +371,8 @@ void SessionBusInterface::handleProperties(const QDBusMessage& message, const QD
             return;
         }
         replyError(message, connection, QStringLiteral("org.freedesktop.DBus.Error.PropertyReadOnly"),
-                   QStringLiteral("%1 is read-only: change displays with SetBrightness, Step and TogglePower.")
+                   QStringLiteral("%1 is read-only: change displays with SetBrightness, Step, TogglePower, "
+                                  "SetDisplayInUse and StepDisplayInUse.")
                        .arg(args[1].toString()));
         return;
     }

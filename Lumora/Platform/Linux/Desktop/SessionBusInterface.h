@@ -7,6 +7,12 @@
 // so a call does exactly what the panel does with the same value. Arguments are checked first: a call with an
 // unknown display or a value out of range is answered with an org.lumora.Lumora1.Error.* and changes nothing.
 //
+// StepDisplayInUse and SetDisplayInUse name no display: they act on the display the brightness keys would choose at
+// that moment, for desktop shortcuts bound in place of the keys. Unlike a key, which leaves a display that is not
+// an external DDC/CI monitor to the desktop's own handling, they have no desktop handling behind them: they act on
+// any display the controller lists (the built-in panel through its backlight too), and are refused with
+// NoDisplayInUse or NotAdjustable when there is no display in use or it is not one the controller lists.
+//
 // PropertiesChanged: displaysChanged() may come many times in one turn of the event loop (one operation changes the
 // list several times; a burst of calls queues many operations). The signal goes once, at the end of the turn, with
 // the whole list, and only when the list differs from the one last sent. A client (an on-screen display, a status
@@ -19,6 +25,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "Lumora/App/DisplaySnapshot.h"
@@ -33,6 +40,9 @@ struct SessionBusActions {
     std::function<void(std::uint32_t id, double delta)> step;
     std::function<void(std::uint32_t id)> togglePower;
     std::function<void()> refresh;
+    // The number of the display the brightness keys would act on now (the one holding most of the focused window,
+    // else the one under the pointer, else the first); nothing when no display is shown.
+    std::function<std::optional<std::uint32_t>()> displayInUse;
 };
 
 class SessionBusInterface : public QDBusVirtualObject {

@@ -19,38 +19,15 @@ HERE=$(cd "$(dirname "$0")" && pwd)
 source "$HERE/desktop-session.sh"
 # shellcheck source=checks.sh
 source "$HERE/checks.sh"
+# shellcheck source=bus-calls.sh
+source "$HERE/bus-calls.sh"
 
-for tool in gdbus busctl dbus-send; do
-    command -v "$tool" >/dev/null 2>&1 || abort "$tool is missing (scripts/install-deps.sh installs it)"
-done
-
-DEST=(--session --dest org.lumora.Lumora --object-path /org/lumora/Lumora)
-# call METHOD ARGS...: a method of org.lumora.Lumora1, as the README shows it.
-call() { local method=$1; shift; timeout -k 2 20 gdbus call "${DEST[@]}" --method "org.lumora.Lumora1.$method" -- "$@"; }
-client() { timeout -k 2 30 /usr/bin/python3 "$HERE/bus-client.py" "$@"; }
 SIGNALS=$WORK/signals.jsonl
 signals() { [[ -f $SIGNALS ]] && wc -l <"$SIGNALS" || echo 0; }
 # more_signals_than N: more than N PropertiesChanged recorded so far (re-read at each try of wait_until).
 more_signals_than() { (( $(signals) > $1 )); }
-# shown ID: "brightness on" of a display in the Displays property.
-shown() { client displays | awk -F'\t' -v id="$1" '$1 == id {print $2, $3}'; }
 # signalled INDEX ID: "brightness on" of a display in PropertiesChanged number INDEX (-1: the last).
 signalled() { client signal "$SIGNALS" "$1" "$2" | tr '\t' ' '; }
-# fails CALL... EXPECTED_ERROR: the call fails with that D-Bus error name.
-fails()
-{
-    local expected=${*: -1} out
-    out=$("${@:1:$#-1}" 2>&1) && { echo "   (succeeded: $out)"; return 1; }
-    [[ $out == *"$expected"* ]] || { echo "   (said: $out)"; return 1; }
-}
-# The whole observable state of the desk: brightness and power of both monitors, the backlight, the number of
-# I2C transactions so far.
-desk_state()
-{
-    echo "$(desk_value brightness card0-DP-1) $(desk_value power card0-DP-1)" \
-         "$(desk_value brightness card0-HDMI-A-1) $(desk_value power card0-HDMI-A-1)" \
-         "$(desk_value backlight intel_backlight) $(desk_value transactions)"
-}
 
 step "desktop: Xvfb, openbox, trayer, a session bus; a client recording PropertiesChanged"
 start_desktop
@@ -103,6 +80,14 @@ check "an int32 step: InvalidArgs" fails timeout -k 2 20 dbus-send --session --p
 check "Displays cannot be set: PropertyReadOnly" fails timeout -k 2 20 gdbus call "${DEST[@]}" \
     --method org.freedesktop.DBus.Properties.Set org.lumora.Lumora1 Displays "<@a(usdbb) []>" "org.freedesktop.DBus.Error.PropertyReadOnly"
 check "no such method: UnknownMethod" fails call Brighter 103 "org.freedesktop.DBus.Error.UnknownMethod"
+check "StepDisplayInUse with a display id: InvalidArgs" fails timeout -k 2 20 dbus-send --session --print-reply \
+    --dest=org.lumora.Lumora /org/lumora/Lumora org.lumora.Lumora1.StepDisplayInUse uint32:103 double:0.1 \
+    "org.freedesktop.DBus.Error.InvalidArgs: StepDisplayInUse takes (d), a step, not (ud)."
+# Xvfb's one screen shows none of the desk's connectors (no output name, no EDID of theirs).
+check "StepDisplayInUse on a desktop that shows none of the displays: NoDisplayInUse" \
+    fails call StepDisplayInUse 0.0625 \
+    "$E.NoDisplayInUse: There is no display in use: no connected display is shown on the desktop."
+check "SetDisplayInUse likewise" fails call SetDisplayInUse 0.5 "$E.NoDisplayInUse"
 check "monitors, backlight and the desk's transaction count as before ($BEFORE)" equals "$BEFORE" desk_state
 check "Displays as before" equals "$SHOWN_BEFORE" client displays
 

@@ -25,40 +25,10 @@ if ! monitors_session_available; then
     echo "SKIP: needs Xorg with the dummy driver, xrandr, and root"
     exit 77
 fi
-for tool in openbox trayer xdotool xwininfo xprop xmessage import; do
-    command -v "$tool" >/dev/null 2>&1 || { echo "FAIL: $tool is missing (scripts/install-deps.sh installs it)"; exit 1; }
-done
-
-rm -rf "$ARTIFACTS"
-mkdir -p "$ARTIFACTS"
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/lumora-keys.XXXXXX")
-FAILURES=0
-cleanup()
-{
-    touch "$WORK/stop"
-    session_stop
-    cp "$WORK"/*.log "$WORK"/*.jsonl "$ARTIFACTS/" 2>/dev/null || true
-    rm -rf "$WORK"
-}
-trap cleanup EXIT
-session_environment "$WORK"
-
-step() { echo "== $*"; }
-pass() { echo "   ok: $*"; }
-fail() { echo "   FAIL: $*"; FAILURES=$((FAILURES + 1)); }
-check() { local what=$1; shift; if "$@"; then pass "$what"; else fail "$what"; fi; }
-shot() { screenshot "$ARTIFACTS/$1.png" && echo "   screenshot: $ARTIFACTS/$1.png"; }
-desk() { "$VIRTUAL_DESK" --send "$WORK/control" "$@"; }
-desk_value() { desk "$@" | awk '$1 == "ok" {print $2}'; }
-equals() { [[ "$("${@:2}")" == "$1" ]]; }
-finish()
-{
-    echo
-    if (( FAILURES == 0 )); then echo "1 passed, 0 failed"; exit 0; fi
-    echo "0 passed, 1 failed ($FAILURES checks failed)"
-    exit 1
-}
-abort() { fail "$*"; shot "zz-abort" 2>/dev/null; finish; }
+# shellcheck source=checks.sh
+source "$HERE/checks.sh"
+# The desk, which outlives lumora in the last step, ends once told to.
+before_cleanup() { touch "$WORK/stop"; }
 
 # The default desk's keyboards: event0 the laptop keyboard (letters, Alt, brightness keys), event1 the Video Bus,
 # event2 an external keyboard (letters, Alt, no brightness keys), event3 its consumer-control interface.

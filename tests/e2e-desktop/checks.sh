@@ -19,10 +19,12 @@ WORK=$(mktemp -d "${TMPDIR:-/tmp}/lumora-e2e.XXXXXX")
 FAILURES=0
 APP_PID=""
 
+# A scenario that must do something before its session ends defines before_cleanup.
 cleanup()
 {
+    if declare -F before_cleanup >/dev/null; then before_cleanup; fi
     session_stop
-    cp "$WORK"/*.log "$ARTIFACTS/" 2>/dev/null || true
+    cp "$WORK"/*.log "$WORK"/*.jsonl "$ARTIFACTS/" 2>/dev/null || true
     rm -rf "$WORK"
 }
 trap cleanup EXIT
@@ -45,7 +47,7 @@ finish()
     echo "0 passed, 1 failed ($FAILURES checks failed)"
     exit 1
 }
-abort() { fail "$*"; shot "zz-abort"; finish; }
+abort() { fail "$*"; shot "zz-abort" 2>/dev/null; finish; }
 
 # start_desktop [notray]: the virtual desktop, tried twice: one that does not come up is about this machine, not
 # about Lumora, but a second failure is reported.

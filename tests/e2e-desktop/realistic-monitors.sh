@@ -22,48 +22,11 @@ VIRTUAL_DESK=$2
 ARTIFACTS=$3
 HERE=$(cd "$(dirname "$0")" && pwd)
 
-if ! command -v Xvfb >/dev/null 2>&1; then
-    echo "SKIP: Xvfb is not installed"
-    exit 77
-fi
-for tool in openbox trayer xdotool xwininfo xprop import dbus-daemon gdbus; do
-    command -v "$tool" >/dev/null 2>&1 || { echo "FAIL: $tool is missing (scripts/install-deps.sh installs it)"; exit 1; }
-done
-
 # shellcheck source=desktop-session.sh
 source "$HERE/desktop-session.sh"
-
-rm -rf "$ARTIFACTS"
-mkdir -p "$ARTIFACTS"
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/lumora-e2e-realistic.XXXXXX")
-FAILURES=0
-
-cleanup()
-{
-    session_stop
-    cp "$WORK"/*.log "$ARTIFACTS/" 2>/dev/null || true
-    rm -rf "$WORK"
-}
-trap cleanup EXIT
-
-session_environment "$WORK"
-
-step() { echo "== $*"; }
-pass() { echo "   ok: $*"; }
-fail() { echo "   FAIL: $*"; FAILURES=$((FAILURES + 1)); }
-check() { local what=$1; shift; if "$@"; then pass "$what"; else fail "$what"; fi; }
-shot() { screenshot "$ARTIFACTS/$1.png" && echo "   screenshot: $ARTIFACTS/$1.png"; }
-desk() { "$VIRTUAL_DESK" --send "$WORK/control" "$@"; }
-desk_value() { desk "$@" | awk '$1 == "ok" {print $2}'; }
-equals() { [[ "$("${@:2}")" == "$1" ]]; }
-finish()
-{
-    echo
-    if (( FAILURES == 0 )); then echo "1 passed, 0 failed"; exit 0; fi
-    echo "0 passed, 1 failed ($FAILURES checks failed)"
-    exit 1
-}
-abort() { fail "$*"; shot "zz-abort"; finish; }
+# shellcheck source=checks.sh
+source "$HERE/checks.sh"
+command -v gdbus >/dev/null 2>&1 || { echo "FAIL: gdbus is missing (scripts/install-deps.sh installs it)"; exit 1; }
 
 # The desk's trace of every transfer, as lumora's run prints it (one JSON object per line).
 TRACE=$WORK/lumora.log

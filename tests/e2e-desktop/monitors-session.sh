@@ -14,6 +14,12 @@ monitors_session_available()
         [[ -e /usr/lib/xorg/modules/drivers/dummy_drv.so ]]
 }
 
+# Sourced where this machine cannot run it, the scenario is skipped.
+if ! monitors_session_available; then
+    echo "SKIP: needs Xorg with the dummy driver, xrandr, and root"
+    exit 77
+fi
+
 # monitors_session_start WORK WIDTH HEIGHT: Xorg (dummy) with one WIDTHxHEIGHT screen and openbox; exports
 # DISPLAY. The mode's pixel clock stays under the driver's 300 MHz by refreshing slowly.
 monitors_session_start()

@@ -75,6 +75,44 @@ start_lumora()
     session_track "$APP_PID"
 }
 
+# start_docked LOG [DESK_FILE [ARGUMENT...]]: start_lumora, then its sun docked in the tray, at IX IY IW IH.
+start_docked()
+{
+    start_lumora "$@"
+    wait_until 30 icon_docked || abort "the sun never docked in the tray ($1)"
+    read -r IX IY IW IH < <(tray_icon)
+}
+# click_icon [BUTTON]: a click on the docked icon (button 1 unless given).
+click_icon() { xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click "${1:-1}"; }
+# open_panel: a click on the icon, and the panel shown, at PX PY PW PH.
+open_panel() { click_icon 1; wait_until 10 panel_shown && read -r PX PY PW PH < <(panel_geometry); }
+# quit_from_footer WHAT: the footer's Quit ends lumora with status 0.
+quit_from_footer()
+{
+    read -r PX PY PW PH < <(panel_geometry)
+    xdotool mousemove $(( PX + PW - 16 - 30 )) $(( PY + PH - 16 - 12 )) click 1
+    expect_exit_zero "$1"
+}
+# started_again_quietly WHAT: lumora started once more exits with status 0 and prints nothing.
+started_again_quietly()
+{
+    local out status
+    out=$(timeout -k 2 20 "$LUMORA" 2>&1)
+    status=$?
+    check "$1: exit status 0 (was $status)" test "$status" -eq 0
+    check "$1: printed nothing (printed: $out)" test -z "$out"
+}
+# groove_x PERCENT: the x of that point of a slider's groove in the shown panel, from the dim sun to the bright one.
+groove_x() { echo $(( PX + 40 + 220 * $1 / 100 )); }
+# power_button SLIDER_Y: "x y" of the power button of the row whose slider is at SLIDER_Y (a dark mark above it).
+power_button()
+{
+    local x=$(( PX + 300 - 16 - 12 )) marks
+    screenshot "$WORK/power.png"
+    mapfile -t marks < <(dark_rows "$WORK/power.png" "$x" $(( $1 - 40 )) $(( $1 - 8 )))
+    echo "$x ${marks[$(( ${#marks[@]} / 2 ))]:-$(( $1 - 25 ))}"
+}
+
 # expect_exit_zero WHAT: the application ends within 20 s of WHAT, with status 0.
 expect_exit_zero()
 {

@@ -38,11 +38,8 @@ fi
 source "$HERE/desktop-session.sh"
 cleanup() { session_stop; rm -rf "$WORK"; }
 trap cleanup EXIT
-unset DBUS_SESSION_BUS_ADDRESS WAYLAND_DISPLAY QT_QPA_PLATFORM
-export XDG_RUNTIME_DIR="$WORK/runtime"
-mkdir -p "$XDG_RUNTIME_DIR" "$(dirname "$SHOT")"
-chmod 700 "$XDG_RUNTIME_DIR"
-export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0:detect_leaks=0"
+session_environment "$WORK"
+mkdir -p "$(dirname "$SHOT")"
 
 echo "No X session: Lumora on a virtual desktop (Xvfb + openbox + trayer) with the virtual desk."
 session_start "$WORK" 1280x800 || { echo "demo: the virtual desktop did not start" >&2; exit 1; }
@@ -54,13 +51,7 @@ echo "The sun docked in the tray at $IX,$IY; clicking it."
 xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1
 wait_until 10 panel_shown || { echo "demo: the panel did not open" >&2; exit 1; }
 # The panel grows its rows once the displays have been read.
-three_rows()
-{
-    local x y w h
-    screenshot "$WORK/now.png"
-    read -r x y w h < <(panel_geometry) || return 1
-    [[ $(slider_rows "$WORK/now.png" "$x" "$y" "$h" | wc -l) -eq 3 ]]
-}
+three_rows() { [[ $(panel_rows) -eq 3 ]]; }
 wait_until 10 three_rows || echo "demo: fewer rows than displays after 10 s" >&2
 xdotool mousemove 640 600
 screenshot "$SHOT"

@@ -232,6 +232,15 @@ panel_geometry()
     lumora_windows | awk '$4 == 300 && $6 == 1 {print $2, $3, $4, $5; found=1; exit} END {exit !found}'
 }
 panel_shown() { panel_geometry >/dev/null; }
+panel_id() { lumora_windows | awk '$4 == 300 && $6 == 1 {print $1; exit}'; }
+# panel_rows: how many slider rows the shown panel has now (a screenshot into WORK).
+panel_rows()
+{
+    local x y w h
+    screenshot "$WORK/rows.png"
+    read -r x y w h < <(panel_geometry) || return 1
+    slider_rows "$WORK/rows.png" "$x" "$y" "$h" | wc -l
+}
 panel_hidden() { ! panel_shown; }
 
 # menu_geometry: "x y width height" of a shown Lumora window that is neither the panel nor the icon, nor a tooltip.

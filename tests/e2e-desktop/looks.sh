@@ -33,20 +33,7 @@ brightest()
 {
     session_convert "$1" -crop "$4x$5+$2+$3" +repage -colorspace Gray -depth 8 -format '%[fx:int(255*maxima)]' info:
 }
-open_panel()
-{
-    read -r IX IY IW IH < <(tray_icon) || return 1
-    xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1
-    wait_until 10 panel_shown || return 1
-    read -r PX PY PW PH < <(panel_geometry)
-}
-quit_from_footer()
-{
-    read -r PX PY PW PH < <(panel_geometry)
-    xdotool mousemove $(( PX + PW - 16 - 30 )) $(( PY + PH - 16 - 12 )) click 1
-    expect_exit_zero "$1"
-}
-rows_shown() { screenshot "$WORK/rows.png"; read -r PX PY PW PH < <(panel_geometry) || return 1; [[ $(slider_rows "$WORK/rows.png" "$PX" "$PY" "$PH" | wc -l) -ge $1 ]]; }
+rows_shown() { (( $(panel_rows) >= $1 )); }
 
 step "light, then dark without a restart (qt6ct, the Adwaita icons)"
 if [[ -f /usr/lib/x86_64-linux-gnu/qt6/plugins/platformthemes/libqt6ct.so ]] || command -v qt6ct >/dev/null 2>&1; then
@@ -62,8 +49,7 @@ color_scheme_path=/usr/share/qt6ct/colors/darker.conf"
         mv "$XDG_CONFIG_HOME/qt6ct/qt6ct.conf.new" "$XDG_CONFIG_HOME/qt6ct/qt6ct.conf"
     }
     theme light
-    QT_QPA_PLATFORMTHEME=qt6ct start_lumora "$WORK/lumora-themes.log"
-    wait_until 20 icon_docked || abort "the sun never docked"
+    QT_QPA_PLATFORMTHEME=qt6ct start_docked "$WORK/lumora-themes.log"
     open_panel || abort "no panel"
     wait_until 10 rows_shown 3
     shot 01-light
@@ -84,12 +70,11 @@ else
 fi
 
 step "German from the system locale (LANGUAGE=de)"
-LANGUAGE=de start_lumora "$WORK/lumora-de.log"
-wait_until 20 icon_docked || abort "the sun never docked (German)"
+LANGUAGE=de start_docked "$WORK/lumora-de.log"
 open_panel || abort "no panel (German)"
 wait_until 10 rows_shown 3
 shot 03-german
-xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+click_icon 3
 wait_until 10 menu_shown || abort "no menu (German)"
 read -r NX NY NW NH < <(menu_geometry)
 xdotool mousemove $(( NX + 40 )) $(( NY + 12 )) click 1
@@ -98,7 +83,7 @@ check "the first menu item opens a window titled Über Lumora" wait_until 10 ger
 shot 04-german-about
 ABOUT=$(lumora_window_named "Über Lumora")
 xdotool windowactivate --sync "$ABOUT" key Escape 2>/dev/null
-xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+click_icon 3
 wait_until 10 menu_shown || abort "no menu (German)"
 xdotool key q
 expect_exit_zero "q in the German menu"
@@ -122,8 +107,7 @@ desk_of()
 for n in 12 20; do
     step "$n displays on a 1280x800 screen: the rows scroll, the footer stays on screen"
     desk_of "$n" "$WORK/desk-$n.json"
-    start_lumora "$WORK/lumora-$n.log" "$WORK/desk-$n.json"
-    wait_until 30 icon_docked || abort "the sun never docked ($n displays)"
+    start_docked "$WORK/lumora-$n.log" "$WORK/desk-$n.json"
     open_panel || abort "no panel ($n displays)"
     # The panel grows to its full height once the refresh of the opening has read every monitor.
     grown() { read -r PX PY PW PH < <(panel_geometry) && (( PH > 400 )); }

@@ -47,7 +47,7 @@ settled()
 }
 
 step "desktop: Xvfb, openbox, trayer; logind (python-dbusmock) on a private system bus"
-session_start "$WORK" 1280x800 || { session_stop; session_start "$WORK" 1280x800; } || abort "the virtual desktop did not start"
+start_desktop
 dbus-daemon --session --nofork --address="unix:path=$WORK/system-bus" --print-address=3 3>"$WORK/system-bus.address" \
     >"$WORK/dbus-daemon.log" 2>&1 &
 session_track $!
@@ -62,20 +62,17 @@ step "start lumora on the default desk (DP-1 and HDMI-A-1: realistic monitors; e
 "$VIRTUAL_DESK" --control "$WORK/control" --trace -- "$LUMORA" >"$TRACE" 2>&1 &
 APP_PID=$!
 session_track "$APP_PID"
-wait_until 20 icon_docked || abort "the sun never docked in the tray"
+wait_until 30 icon_docked || abort "the sun never docked in the tray"
 read -r IX IY IW IH < <(tray_icon)
-open_panel() { xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1; wait_until 10 panel_shown; }
-close_panel() { xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1; wait_until 10 panel_hidden; }
+close_panel() { click_icon; wait_until 10 panel_hidden; }
 open_panel || abort "no panel after a click on the icon"
-row_count() { screenshot "$WORK/rows.png"; read -r PX PY PW PH < <(panel_geometry) || return 1; [[ $(slider_rows "$WORK/rows.png" "$PX" "$PY" "$PH" | wc -l) -eq $1 ]]; }
-wait_until 10 row_count 3 || abort "the panel never showed three rows"
+wait_until 10 equals 3 panel_rows || abort "the panel never showed three rows"
 read -r PX PY PW PH < <(panel_geometry)
 shot 01-panel
 mapfile -t ROWS < <(slider_rows "$ARTIFACTS/01-panel.png" "$PX" "$PY" "$PH")
 CONNECTORS=(card0-DP-1 card0-HDMI-A-1)
-GROOVE_LEFT=$(( PX + 40 ))
-GROOVE_RIGHT=$(( PX + 260 ))
-at_percent() { echo $(( GROOVE_LEFT + (GROOVE_RIGHT - GROOVE_LEFT) * $1 / 100 )); }
+GROOVE_LEFT=$(groove_x 0)
+GROOVE_RIGHT=$(groove_x 100)
 
 # drags N: N drags, each on a monitor's row chosen at random, from a random place to a random end; after each,
 # the monitor must hold the last value sent to it, and that value must be where the slider was let go.
@@ -87,9 +84,9 @@ drags()
         connector=${CONNECTORS[$row]}
         from=$(( 5 + RANDOM % 91 ))
         to=$(( 5 + RANDOM % 91 ))
-        xdotool mousemove "$(at_percent "$from")" "${ROWS[$row]}" mousedown 1
+        xdotool mousemove "$(groove_x "$from")" "${ROWS[$row]}" mousedown 1
         for f in 1 2 3 4 5 6 7 8; do
-            x=$(( $(at_percent "$from") + ($(at_percent "$to") - $(at_percent "$from")) * f / 8 ))
+            x=$(( $(groove_x "$from") + ($(groove_x "$to") - $(groove_x "$from")) * f / 8 ))
             xdotool mousemove "$x" "${ROWS[$row]}"
             sleep 0.03
         done
@@ -126,10 +123,7 @@ step "standby with the power button, past the refresh 2 s later, and the button 
 KEPT=$(desk_value brightness card0-DP-1)
 y=${ROWS[0]}
 shot 04-before-power
-POWER_X=$(( PX + 300 - 16 - 12 ))
-mapfile -t marks < <(dark_rows "$ARTIFACTS/04-before-power.png" "$POWER_X" $(( y - 40 )) $(( y - 8 )))
-POWER_Y=$(( y - 25 ))
-(( ${#marks[@]} > 0 )) && POWER_Y=${marks[$(( ${#marks[@]} / 2 ))]}
+read -r POWER_X POWER_Y < <(power_button "$y")
 power_asks=$(count wire card0-DP-1 get 0xD6)
 xdotool mousemove "$POWER_X" "$POWER_Y" click 1
 check "DP-1 in standby (D6 = 04)" wait_until 10 equals 4 desk_value power card0-DP-1

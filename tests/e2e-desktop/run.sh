@@ -30,34 +30,25 @@ session_bus "$WORK" || abort "no session bus"
 
 step "start lumora on the virtual desk (default desk: DP-1 and HDMI-A-1 monitors, eDP-1 panel)"
 start=$(now_ms)
-start_lumora "$WORK/lumora.log"
-wait_until 20 icon_docked || abort "the sun never docked in the tray"
-echo "   docked after $(( $(now_ms) - start )) ms"
-read -r IX IY IW IH < <(tray_icon)
-pass "icon at ${IX},${IY} ${IW}x${IH}"
+start_docked "$WORK/lumora.log"
+pass "icon at ${IX},${IY} ${IW}x${IH}, docked after $(( $(now_ms) - start )) ms"
 shot 01-docked
 
 step "a second lumora asks the first to show its panel (session bus) and exits quietly"
-second_out=$(timeout -k 2 20 "$LUMORA" 2>&1)
-second_status=$?
-check "second instance exit status 0 (was $second_status)" test "$second_status" -eq 0
-check "second instance printed nothing (printed: $second_out)" test -z "$second_out"
+started_again_quietly "the second instance"
 check "the first one shows its panel" wait_until 10 panel_shown
 check "the first one is still docked" icon_docked
 check "the first one is still running" running "$APP_PID"
 read -r PX PY PW PH < <(panel_geometry)
 check "the panel opens under the icon (y $PY, icon bottom $(( IY + IH )))" test "$PY" -eq $(( IY + IH + 6 ))
-PANEL_ID=$(lumora_windows | awk '$4 == 300 && $6 == 1 {print $1; exit}')
-check "the panel has the keyboard focus" wait_until 10 equals "$PANEL_ID" xdotool getwindowfocus
+check "the panel has the keyboard focus" wait_until 10 equals "$(panel_id)" xdotool getwindowfocus
 xdotool key Escape
 check "Escape hides it" wait_until 10 panel_hidden
 
 step "left click on the icon opens the panel under it"
-xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1
-wait_until 10 panel_shown || abort "no panel after a click on the icon"
-row_count() { local n; screenshot "$WORK/rows.png"; read -r PX PY PW PH < <(panel_geometry) || return 1; n=$(slider_rows "$WORK/rows.png" "$PX" "$PY" "$PH" | wc -l); [[ $n -eq $1 ]]; }
+open_panel || abort "no panel after a click on the icon"
 # Rows appear once the refresh of the opening has read the monitors.
-wait_until 10 row_count 3 || true
+wait_until 10 equals 3 panel_rows
 read -r PX PY PW PH < <(panel_geometry)
 expected_x=$(( IX + IW / 2 - 150 ))
 (( expected_x > 1280 - 300 )) && expected_x=$(( 1280 - 300 ))
@@ -70,17 +61,11 @@ mapfile -t ROWS < <(slider_rows "$ARTIFACTS/02-panel-open.png" "$PX" "$PY" "$PH"
 check "one row per emulated display: 3 sliders (found ${#ROWS[@]}: ${ROWS[*]})" test "${#ROWS[@]}" -eq 3
 (( ${#ROWS[@]} >= 2 )) || abort "no rows to work with"
 
-# The groove of a slider runs from the dim sun to the bright sun: 16 + 16 + 8 ... 300 - 16 - 16 - 8.
-GROOVE_LEFT=$(( PX + 40 ))
-GROOVE_RIGHT=$(( PX + 260 ))
-at_fraction() { echo $(( GROOVE_LEFT + (GROOVE_RIGHT - GROOVE_LEFT) * $1 / 100 )); }
-
 step "drag the first slider (DP-1) from 80% down to 30%"
 y=${ROWS[0]}
-before_writes=$(desk_value transactions)
-xdotool mousemove "$(at_fraction 80)" "$y" mousedown 1
+xdotool mousemove "$(groove_x 80)" "$y" mousedown 1
 for f in 75 70 65 60 55 50 45 40 35 30; do
-    xdotool mousemove "$(at_fraction "$f")" "$y"
+    xdotool mousemove "$(groove_x "$f")" "$y"
     sleep 0.03
 done
 xdotool mouseup 1
@@ -93,12 +78,8 @@ shot 03-dragged
 check "HDMI-A-1 untouched at 70" equals 70 desk_value brightness card0-HDMI-A-1
 
 step "power button of the first row: standby, then on again at the kept brightness"
-read -r _ _ _ PH < <(panel_geometry)
 shot 04-before-power
-POWER_X=$(( PX + 300 - 16 - 12 ))
-mapfile -t marks < <(dark_rows "$ARTIFACTS/04-before-power.png" "$POWER_X" $(( y - 40 )) $(( y - 8 )))
-POWER_Y=$(( y - 25 ))
-(( ${#marks[@]} > 0 )) && POWER_Y=${marks[$(( ${#marks[@]} / 2 ))]}
+read -r POWER_X POWER_Y < <(power_button "$y")
 xdotool mousemove "$POWER_X" "$POWER_Y" click 1
 check "DP-1 in standby (D6 = 04)" wait_until 10 equals 4 desk_value power card0-DP-1
 check "the panel stays up after a click in it" panel_shown
@@ -110,10 +91,10 @@ shot 06-woken
 
 step "hot-plug: unplug HDMI-A-1, its row goes; plug it in, its row comes back"
 desk unplug card0-HDMI-A-1 >/dev/null
-check "two rows after the unplug" wait_until 10 row_count 2
+check "two rows after the unplug" wait_until 10 equals 2 panel_rows
 shot 07-unplugged
 desk plug card0-HDMI-A-1 >/dev/null
-check "three rows after the plug" wait_until 10 row_count 3
+check "three rows after the plug" wait_until 10 equals 3 panel_rows
 shot 08-plugged
 
 step "Alt+Tab leaves the panel up; a click in another window hides it and that window gets its click"
@@ -128,7 +109,7 @@ sleep 0.3
 check "panel still shown after Alt+Tab" panel_shown
 shot 09-alt-tab
 XM=$(xdotool search --onlyvisible --name '^xmessage$' | head -1)
-read -r MX MY MW MH < <(xwininfo -id "$XM" | awk '/Absolute upper-left X/ {x=$4} /Absolute upper-left Y/ {y=$4} /^ *Width:/ {w=$2} /^ *Height:/ {h=$2} END {print x, y, w, h}')
+read -r MX MY _ MH < <(window_geometry "$XM")
 # The button sits at the bottom left of xmessage's window.
 xdotool mousemove $(( MX + 20 )) $(( MY + MH - 12 )) click 1
 check "panel hidden by the click in the other window" wait_until 10 panel_hidden
@@ -142,10 +123,8 @@ wait_until 10 bash -c 'xdotool search --onlyvisible --name "^xmessage$" >/dev/nu
 OTHER=$(xdotool search --onlyvisible --name '^xmessage$' | head -1)
 xdotool windowactivate --sync "$OTHER" 2>/dev/null
 check "the other application has the focus" wait_until 10 equals "$OTHER" xdotool getwindowfocus
-xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1
-wait_until 10 panel_shown || abort "no panel for the keyboard"
-PANEL_ID=$(lumora_windows | awk '$4 == 300 && $6 == 1 {print $1; exit}')
-check "the panel has the keyboard focus" wait_until 10 equals "$PANEL_ID" xdotool getwindowfocus
+open_panel || abort "no panel for the keyboard"
+check "the panel has the keyboard focus" wait_until 10 equals "$(panel_id)" xdotool getwindowfocus
 xdotool mousemove 640 700
 # The first control of the first row (DP-1's power button) has the focus; Tab moves on to its slider.
 KEYED=$(desk_value brightness card0-DP-1)
@@ -165,9 +144,7 @@ check "Escape hides the panel" wait_until 10 panel_hidden
 check "the focus is back on the other application" wait_until 10 equals "$OTHER" xdotool getwindowfocus
 
 step "tooltips show although the panel is never the active window"
-xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1
-wait_until 10 panel_shown || abort "no panel for the tooltip"
-read -r PX PY PW PH < <(panel_geometry)
+open_panel || abort "no panel for the tooltip"
 mapfile -t ROWS < <(screenshot "$WORK/tip.png"; slider_rows "$WORK/tip.png" "$PX" "$PY" "$PH")
 xdotool windowactivate --sync "$OTHER" 2>/dev/null
 wait_until 10 equals "$OTHER" xdotool getwindowfocus
@@ -190,7 +167,7 @@ check "closed by a click elsewhere" wait_until 10 panel_hidden
 sleep 0.6   # beyond the double-click interval
 
 step "the icon toggles: open, and a second click closes"
-xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 1
+click_icon
 check "opens" wait_until 10 panel_shown
 sleep 0.6   # beyond the double-click interval, so that the next press is a fresh click
 xdotool click 1
@@ -204,7 +181,7 @@ xdotool click 1
 check "closes again" wait_until 10 panel_hidden
 
 step "About Lumora from the menu: its whole title shows"
-xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+click_icon 3
 wait_until 10 menu_shown || abort "no menu"
 read -r NX NY NW NH < <(menu_geometry)
 # "About Lumora" is the first item.
@@ -220,7 +197,7 @@ about_gone() { ! lumora_window_named "About Lumora" >/dev/null; }
 check "About closes" wait_until 10 about_gone
 
 step "right click: the status menu; Quit ends lumora with status 0"
-xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+click_icon 3
 check "menu shown" wait_until 10 menu_shown
 check "right click did not open the panel" panel_hidden
 shot 11-menu
@@ -254,25 +231,18 @@ if [[ -n ${UPDATE_PLUGIN:-} && -f $UPDATE_PLUGIN ]]; then
     chmod 755 "$WORK/install/bin/$PRIVATE_LIBDIR"
     chmod 644 "$WORK/install/bin/$PRIVATE_LIBDIR/liblumora-update.so"
     export LUMORA_TEST_UPDATE_LOG="$WORK/update.log"
-    start_with_plugin()
-    {
-        "$VIRTUAL_DESK" -- "$WORK/install/bin/lumora" >"$WORK/lumora-with-plugin.log" 2>&1 &
-        APP_PID=$!
-        session_track "$APP_PID"
-        wait_until 20 icon_docked || abort "the sun never docked (with the plugin)"
-        read -r IX IY IW IH < <(tray_icon)
-    }
+    start_with_plugin() { LUMORA="$WORK/install/bin/lumora" start_docked "$WORK/lumora-with-plugin.log"; }
     if (( EUID == 0 )); then
         start_with_plugin
         check "the plugin made its controller at start, started, without delegates" wait_until 10 grep -qx "create 1 0" "$WORK/update.log"
-        xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+        click_icon 3
         check "menu shown" wait_until 10 menu_shown
         shot 12-menu-with-updater
         read -r NX NY NW NH < <(menu_geometry)
         # "Check for Updates…" is the second item: its text is dark now, grey when disabled (11-menu.png).
         xdotool mousemove $(( NX + 40 )) $(( NY + 32 )) click 1
         check "Check for Updates reached the plugin once" wait_until 10 bash -c '[[ $(grep -cx "check 0" "$0") == 1 ]]' "$WORK/update.log"
-        xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+        click_icon 3
         check "menu shown again" wait_until 10 menu_shown
         xdotool key q
         expect_exit_zero "q in the menu"
@@ -286,7 +256,7 @@ if [[ -n ${UPDATE_PLUGIN:-} && -f $UPDATE_PLUGIN ]]; then
     chmod 777 "$WORK/install/bin/$PRIVATE_LIBDIR"
     start_with_plugin
     check "no controller made" test ! -s "$WORK/update.log"
-    xdotool mousemove $(( IX + IW / 2 )) $(( IY + IH / 2 )) click 3
+    click_icon 3
     check "menu shown" wait_until 10 menu_shown
     xdotool key q
     expect_exit_zero "q in the menu"

@@ -54,7 +54,7 @@ step "one click: the panel opens at the pointer"
 click "$ITEM_X" "$ITEM_Y"
 check "shown" wait_until 10 panel_shown
 read -r PX PY PW PH < <(panel_geometry)
-PANEL_ID=$(lumora_windows | awk '$4 == 300 && $6 == 1 {print $1; exit}')
+PANEL_ID=$(panel_id)
 check "6 below the pointer (y $PY)" test "$PY" -eq $(( ITEM_Y + 6 ))
 check "centred on the pointer, kept on screen (x $PX)" test "$PX" -eq $(( 1280 - 300 ))
 check "mapped once" wait_until 10 equals 1 map_events map "$PANEL_ID"
@@ -77,8 +77,6 @@ click "$ITEM_X" "$ITEM_Y"
 check "and the next click on the item opens it" wait_until 10 panel_shown
 
 step "the footer's Quit ends lumora"
-read -r PX PY PW PH < <(panel_geometry)
-xdotool mousemove $(( PX + PW - 16 - 30 )) $(( PY + PH - 16 - 12 )) click 1
-expect_exit_zero "Quit"
+quit_from_footer "Quit"
 
 finish

@@ -1,0 +1,340 @@
+// The real `lumora` probe on emulated desks: what it prints, byte for byte, and what reaches each monitor. The desk
+// runs in this process, so that the test also sees how often each bus was opened (a bus that is no display bus must
+// never be); lumora runs as a child under the same preload.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include "support/Subprocess.h"
+#include "tools/virtual-desk/VirtualDesk.h"
+
+namespace {
+
+using LumoraTest::Environment;
+using VirtualDesk::Transaction;
+
+const Environment probeEnvironment{{"LUMORA_PROBE", "1"},
+                                   // The panel is written through sysfs here, never through a real logind.
+                                   {"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/lumora-test-bus"},
+                                   // No display server: the probe must not need one.
+                                   {"QT_QPA_PLATFORM", "xcb"},
+                                   {"DISPLAY", std::nullopt},
+                                   {"WAYLAND_DISPLAY", std::nullopt}};
+
+// The probe on the desk, with LUMORA_PROBE_SET when given.
+LumoraTest::ProcessResult probe(const std::optional<std::string>& set, std::vector<std::string> argv = {LUMORA_BINARY})
+{
+    Environment env = probeEnvironment;
+    env["LUMORA_PROBE_SET"] = set;
+    return LumoraTest::runProcess(argv, env, std::chrono::seconds(60));
+}
+
+// Per connector, the brightness values set on its monitor.
+std::map<std::string, std::vector<int>> brightnessSets(const VirtualDesk::Desk& desk)
+{
+    std::map<std::string, std::vector<int>> sets;
+    for (const Transaction& t : desk.transactions()) {
+        if (t.request == "set" && t.code == 0x10)
+            sets[t.connector].push_back(t.value);
+    }
+    return sets;
+}
+
+struct Case {
+    const char* what;
+    std::string desk;
+    std::string out;                                // the probe's report, byte for byte
+    std::map<std::string, std::vector<int>> sets;   // per connector, the brightness values set on its monitor
+    std::vector<int> neverOpened;                   // buses that are no display bus
+    std::map<std::string, int> backlights;          // backlight values after the run
+    std::optional<std::string> set = "40";          // LUMORA_PROBE_SET
+    std::map<std::string, int> gets = {};           // per connector, the reads sent to its monitor
+};
+
+const std::string noChannel = " (connected); see \"Monitors that are not listed\" in Lumora's README.\n";
+
+// A DisplayPort monitor with a 0...255 scale, an HDMI monitor without a name, the laptop panel.
+const std::string threeDisplays = R"({
+  "cards": [{"connectors": [
+    {"name": "DP-1", "connectorId": 95, "edid": {"vendor": "DEL", "model": 41156, "serial": 7, "name": "DELL U2720Q"},
+     "ddc": {"bus": 5, "via": "aux"}, "monitor": {"max": 255, "current": 51}},
+    {"name": "HDMI-A-1", "connectorId": 103, "edid": {"vendor": "GSM", "model": 23305},
+     "ddc": {"bus": 3, "via": "link"}, "monitor": {"max": 100, "current": 50}},
+    {"name": "eDP-1", "connectorId": 110, "edid": {"vendor": "BOE", "model": 2330}, "ddc": {"bus": 4, "via": "aux"}}
+  ]}],
+  "backlights": [{"name": "intel_backlight", "type": "raw", "max": 1000, "brightness": 730, "connector": "card0-eDP-1"}]
+})";
+
+std::string threeDisplaysSet(const std::string& percent)
+{
+    return "Displays: 3  (IOAVService: true, DisplayServices: true)\n"
+           "\u2022 [95] DELL U2720Q (external/DDC) brightness=20%\n    set " + percent + "%\n"
+           "\u2022 [103] Display 103 (external/DDC) brightness=50%\n    set " + percent + "%\n"
+           "\u2022 [110] Built-in Display (internal) brightness=73%\n    set " + percent + "%\n";
+}
+
+std::string withoutI2CDev(std::string desk)
+{
+    desk.insert(desk.find('{') + 1, R"("i2cDev": false, )");
+    return desk;
+}
+
+const Case cases[] = {
+    {"every display set, each monitor scaled by its own maximum", threeDisplays, threeDisplaysSet("40"),
+     {{"card0-DP-1", {102, 102}}, {"card0-HDMI-A-1", {40, 40}}}, {}, {{"intel_backlight", 400}}},
+    {"without a set value: read, and nothing written", threeDisplays,
+     "Displays: 3  (IOAVService: true, DisplayServices: true)\n"
+     "\u2022 [95] DELL U2720Q (external/DDC) brightness=20%\n"
+     "\u2022 [103] Display 103 (external/DDC) brightness=50%\n"
+     "\u2022 [110] Built-in Display (internal) brightness=73%\n",
+     {}, {}, {{"intel_backlight", 730}}, std::nullopt},
+    {"150 is clamped to 100", threeDisplays, threeDisplaysSet("100"),
+     {{"card0-DP-1", {255, 255}}, {"card0-HDMI-A-1", {100, 100}}}, {}, {{"intel_backlight", 1000}}, "150"},
+    {"-20 is clamped to 0, and still written", threeDisplays, threeDisplaysSet("0"),
+     {{"card0-DP-1", {0, 0}}, {"card0-HDMI-A-1", {0, 0}}}, {}, {{"intel_backlight", 0}}, "-20"},
+    {"a monitor that never answers reads n/a after five attempts and is still written",
+     R"({"cards": [{"connectors": [
+        {"name": "HDMI-A-1", "connectorId": 77, "edid": {"vendor": "ACR", "model": 1234, "name": "Silent"},
+         "ddc": {"bus": 3}, "monitor": {"faults": {"neverAnswer": true}}}]}]})",
+     "Displays: 1  (IOAVService: true, DisplayServices: false)\n"
+     "\u2022 [77] Silent (external/DDC) brightness=n/a\n"
+     "    set 70%\n",
+     {{"card0-HDMI-A-1", {70, 70}}}, {}, {}, "+70", {{"card0-HDMI-A-1", 5}}},
+    {"identical monitors (same vendor, model, unknown serial) pair in order, each reads its own brightness",
+     R"({"cards": [{"connectors": [
+        {"name": "DP-1", "connectorId": 80, "edid": {"vendor": "DEL", "model": 41156, "name": "DELL P2419H"},
+         "ddc": {"bus": 5}, "monitor": {"current": 30}},
+        {"name": "DP-2", "connectorId": 81, "edid": {"vendor": "DEL", "model": 41156, "name": "DELL P2419H"},
+         "ddc": {"bus": 6}, "monitor": {"current": 70}}]}]})",
+     "Displays: 2  (IOAVService: true, DisplayServices: false)\n"
+     "\u2022 [80] DELL P2419H (external/DDC) brightness=30%\n"
+     "\u2022 [81] DELL P2419H (external/DDC) brightness=70%\n",
+     {}, {}, {}, std::nullopt},
+    {"online order [external, built-in, external on card1]: externals first; card1's ids carry its index",
+     R"({"cards": [
+        {"connectors": [
+          {"name": "HDMI-A-1", "connectorId": 5, "edid": {"vendor": "GSM", "model": 1}, "ddc": {"bus": 3}, "monitor": {}},
+          {"name": "eDP-1", "connectorId": 6, "edid": {"vendor": "BOE", "model": 2}}]},
+        {"index": 1, "connectors": [
+          {"name": "DP-1", "connectorId": 7, "edid": {"vendor": "DEL", "model": 3}, "ddc": {"bus": 9}, "monitor": {}}]}],
+       "backlights": [{"name": "acpi_video0", "type": "firmware", "max": 10, "brightness": 5}]})",
+     "Displays: 3  (IOAVService: true, DisplayServices: true)\n"
+     "\u2022 [5] Display 5 (external/DDC) brightness=50%\n"
+     "\u2022 [65543] Display 65543 (external/DDC) brightness=50%\n"
+     "\u2022 [6] Built-in Display (internal) brightness=50%\n",
+     {}, {}, {}, std::nullopt},
+    {"without the kernel's i2c-dev only the panel is listed, and a note says why", withoutI2CDev(threeDisplays),
+     "Displays: 1  (IOAVService: false, DisplayServices: true)\n"
+     "\u2022 [110] Built-in Display (internal) brightness=73%\n"
+     "    set 10%\n"
+     "Note: i2c-dev is not loaded, so no external monitor can be reached; load it with \"sudo modprobe i2c-dev\" "
+     "(see \"Device access\" in Lumora's README).\n",
+     {}, {}, {{"intel_backlight", 100}}, "10"},
+    {"a panel without backlight is listed and written, but reads n/a",
+     R"({"cards": [{"connectors": [
+        {"name": "eDP-1", "connectorId": 40, "edid": {"vendor": "BOE", "model": 2}, "ddc": {"bus": 4}}]}]})",
+     "Displays: 1  (IOAVService: true, DisplayServices: false)\n"
+     "\u2022 [40] Built-in Display (internal) brightness=n/a\n"
+     "    set 30%\n",
+     {}, {}, {}, "30"},
+    {"no active display: the header alone, and nothing is set",
+     R"({"cards": [{"connectors": [
+        {"name": "DP-1", "status": "disconnected", "ddc": {"bus": 5}},
+        {"name": "HDMI-A-1", "enabled": false, "edid": {"vendor": "GSM", "model": 1}, "ddc": {"bus": 3},
+         "monitor": {}}]}]})",
+     "Displays: 0  (IOAVService: true, DisplayServices: false)\n", {}, {}, {}, "50"},
+    {"an EDID of seven bytes of junk: nothing to compare, but one display and one channel pair, named by number",
+     R"({"cards": [{"connectors": [
+        {"name": "DVI-D-1", "edid": {"raw": "00FFFFFF0102"}, "ddc": {"bus": 2}, "monitor": {"current": 25}},
+        {"name": "VGA-1", "status": "disconnected", "edid": {"raw": ""}, "ddc": {"bus": 7}}]}]})",
+     "Displays: 1  (IOAVService: true, DisplayServices: false)\n"
+     "\u2022 [DVIID] Display DVIID (external/DDC) brightness=25%\n",
+     {}, {}, {}, std::nullopt},
+    {"two identical monitors, the first behind a dock that blocks DDC: the second keeps its own channel",
+     R"({"cards": [{"connectors": [
+        {"name": "DP-1", "connectorId": 80, "edid": {"vendor": "DEL", "model": 41156, "name": "DELL P2419H"}},
+        {"name": "DP-2", "connectorId": 81, "edid": {"vendor": "DEL", "model": 41156, "name": "DELL P2419H"},
+         "ddc": {"bus": 6}, "monitor": {"current": 70}}]}]})",
+     "Displays: 1  (IOAVService: true, DisplayServices: false)\n"
+     "\u2022 [81] DELL P2419H (external/DDC) brightness=70%\n"
+     "    set 40%\n"
+     "Note: no DDC channel found for card0-DP-1" + noChannel,
+     {{"card0-DP-2", {40, 40}}},
+     {},
+     {}},
+    {"two identical monitors, the first with DDC/CI switched off: each is written on its own channel only",
+     R"({"cards": [{"connectors": [
+        {"name": "DP-1", "connectorId": 80, "edid": {"vendor": "DEL", "model": 41156, "name": "DELL P2419H"},
+         "ddc": {"bus": 5}},
+        {"name": "DP-2", "connectorId": 81, "edid": {"vendor": "DEL", "model": 41156, "name": "DELL P2419H"},
+         "ddc": {"bus": 6}, "monitor": {"current": 70}}]}]})",
+     "Displays: 2  (IOAVService: true, DisplayServices: false)\n"
+     "\u2022 [80] DELL P2419H (external/DDC) brightness=n/a\n"
+     "    set 40%\n"
+     "\u2022 [81] DELL P2419H (external/DDC) brightness=70%\n"
+     "    set 40%\n",
+     {{"card0-DP-2", {40, 40}}},
+     {},
+     {}},
+    {"an active monitor without a channel beside a connected but disabled one with a channel: nothing is shared",
+     R"({"cards": [{"connectors": [
+        {"name": "DP-1", "connectorId": 80, "edid": {"vendor": "DEL", "model": 41156}},
+        {"name": "HDMI-A-1", "connectorId": 90, "enabled": false, "edid": {"vendor": "GSM", "model": 23305},
+         "ddc": {"bus": 3, "name": "i915 gmbus dpb"}, "monitor": {"current": 30}}]}]})",
+     "Displays: 0  (IOAVService: true, DisplayServices: false)\n"
+     "Note: no DDC channel found for card0-DP-1" + noChannel,
+     {},
+     {3},
+     {}},
+    {"MST: identical monitors pair in bus order, others by identity; an unused gmbus pin and SMBus stay unwritten",
+     R"({"cards": [{"connectors": [
+        {"name": "DP-1", "status": "disconnected", "ddc": {"bus": 5}},
+        {"name": "DP-3", "connectorId": 120, "edid": {"vendor": "DEL", "model": 41156, "name": "DELL P2419H"},
+         "ddc": {"bus": 7, "via": "pci", "eepromAddress": 128}, "monitor": {"current": 30}},
+        {"name": "DP-4", "connectorId": 121, "edid": {"vendor": "DEL", "model": 41156, "name": "DELL P2419H"},
+         "ddc": {"bus": 8, "via": "pci", "eepromAddress": 77}, "monitor": {"current": 60}},
+        {"name": "DP-5", "connectorId": 122, "edid": {"vendor": "GSM", "model": 23305, "name": "LG HDR 4K"},
+         "ddc": {"bus": 11, "via": "pci", "eepromAddress": 3}, "monitor": {"current": 45}},
+        {"name": "DP-6", "connectorId": 123, "edid": {"vendor": "ACR", "model": 1234, "name": "Acer XF270H"},
+         "ddc": {"bus": 10, "via": "pci", "eepromAddress": 255}, "monitor": {"current": 55}},
+        {"name": "eDP-1", "connectorId": 95, "edid": {"vendor": "BOE", "model": 2330}, "ddc": {"bus": 4}}]}],
+       "backlights": [{"name": "intel_backlight", "max": 1000, "brightness": 500, "connector": "card0-eDP-1"}],
+       "otherBuses": [{"bus": 12, "name": "i915 gmbus dpc", "card": 0}, {"bus": 0, "name": "SMBus I801 adapter"}]})",
+     "Displays: 5  (IOAVService: true, DisplayServices: true)\n"
+     "\u2022 [120] DELL P2419H (external/DDC) brightness=30%\n"
+     "    set 40%\n"
+     "\u2022 [121] DELL P2419H (external/DDC) brightness=60%\n"
+     "    set 40%\n"
+     "\u2022 [122] LG HDR 4K (external/DDC) brightness=45%\n"
+     "    set 40%\n"
+     "\u2022 [123] Acer XF270H (external/DDC) brightness=55%\n"
+     "    set 40%\n"
+     "\u2022 [95] Built-in Display (internal) brightness=50%\n"
+     "    set 40%\n",
+     {{"card0-DP-3", {40, 40}}, {"card0-DP-4", {40, 40}}, {"card0-DP-5", {40, 40}}, {"card0-DP-6", {40, 40}}},
+     {0},
+     {{"intel_backlight", 400}}},
+    {"NVIDIA: monitors on the driver's buses by identity; its empty buses answer nothing; the USB-C and SMU buses "
+     "and SMBus are never opened",
+     R"({"cards": [{"pci": "0000:01:00.0", "driver": "nvidia", "connectors": [
+        {"name": "DP-1", "connectorId": 100, "edid": {"vendor": "DEL", "model": 41156, "serial": 7, "name": "DELL U2720Q"},
+         "ddc": {"bus": 7, "via": "pci", "name": "NVIDIA i2c adapter 7 at 1:00.0"}, "monitor": {"current": 20}},
+        {"name": "DP-2", "connectorId": 101, "status": "disconnected"},
+        {"name": "HDMI-A-1", "connectorId": 102, "edid": {"vendor": "GSM", "model": 23305, "name": "LG HDR 4K"},
+         "ddc": {"bus": 5, "via": "pci", "name": "NVIDIA i2c adapter 5 at 1:00.0"},
+         "monitor": {"max": 255, "current": 51}}]}],
+       "otherBuses": [{"bus": 1, "name": "NVIDIA i2c adapter 1 at 1:00.0", "card": 0},
+                      {"bus": 3, "name": "NVIDIA i2c adapter 3 at 1:00.0", "card": 0},
+                      {"bus": 9, "name": "NVIDIA GPU I2C adapter", "card": 0},
+                      {"bus": 2, "name": "AMDGPU SMU 0", "card": 0},
+                      {"bus": 0, "name": "SMBus I801 adapter"}]})",
+     "Displays: 2  (IOAVService: true, DisplayServices: false)\n"
+     "\u2022 [100] DELL U2720Q (external/DDC) brightness=20%\n"
+     "    set 40%\n"
+     "\u2022 [102] LG HDR 4K (external/DDC) brightness=20%\n"
+     "    set 40%\n",
+     {{"card0-DP-1", {40, 40}}, {"card0-HDMI-A-1", {102, 102}}},
+     {9, 2, 0},
+     {}},
+    {"a hybrid laptop: the panel's backlight is the one under the built-in connector in use",
+     R"({"cards": [
+        {"connectors": [{"name": "eDP-1", "connectorId": 95, "status": "disconnected", "ddc": {"bus": 4}}]},
+        {"index": 1, "pci": "0000:01:00.0", "driver": "nvidia", "connectors": [
+          {"name": "eDP-1", "connectorId": 60, "edid": {"vendor": "BOE", "model": 2330}, "ddc": {"bus": 8}},
+          {"name": "DP-1", "connectorId": 61, "edid": {"vendor": "DEL", "model": 41156, "name": "DELL U2720Q"},
+           "ddc": {"bus": 9}, "monitor": {"current": 50}}]}],
+       "backlights": [{"name": "intel_backlight", "max": 1000, "brightness": 300, "connector": "card0-eDP-1"},
+                      {"name": "nvidia_0", "max": 100, "brightness": 64, "connector": "card1-eDP-1"}]})",
+     "Displays: 2  (IOAVService: true, DisplayServices: true)\n"
+     "\u2022 [65597] DELL U2720Q (external/DDC) brightness=50%\n"
+     "    set 40%\n"
+     "\u2022 [65596] Built-in Display (internal) brightness=64%\n"
+     "    set 40%\n",
+     {{"card1-DP-1", {40, 40}}},
+     {},
+     {{"nvidia_0", 40}, {"intel_backlight", 300}}},
+};
+
+TEST(Probe, ListsEachMonitorOnItsOwnChannelAndWritesNothingButDDCCI)
+{
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        VirtualDesk::Desk desk(VirtualDesk::DeskConfig::fromJson(c.desk), {"", false});
+        const LumoraTest::ProcessResult run = probe(c.set);
+        ASSERT_EQ(run.exitStatus, 0) << run.err;
+        EXPECT_EQ(run.out, c.out);
+
+        std::set<std::string> read;  // connectors whose monitor was read (before anything was set on it)
+        std::map<std::string, int> gets;
+        for (const Transaction& t : desk.transactions()) {
+            if (t.direction == VirtualDesk::Direction::Write)
+                EXPECT_EQ(t.address, 0x37) << "bus " << t.bus << ": a write that was not DDC/CI";
+            if (t.request == "get") {
+                read.insert(t.connector);
+                ++gets[t.connector];
+            }
+            if (t.request == "set")
+                EXPECT_TRUE(read.count(t.connector)) << t.connector << " written before it was read";
+        }
+        EXPECT_EQ(brightnessSets(desk), c.sets) << "brightness set on each connector's monitor";
+        for (const auto& [connector, count] : c.gets)
+            EXPECT_EQ(gets[connector], count) << connector;
+        for (int bus : c.neverOpened)
+            EXPECT_EQ(desk.opens(bus), 0) << "bus " << bus << " is no display bus";
+        for (const auto& [name, value] : c.backlights)
+            EXPECT_EQ(desk.backlightBrightness(name), value) << name;
+        EXPECT_THAT(desk.violations(), ::testing::IsEmpty());
+    }
+}
+
+TEST(Probe, GarbageSetValuesWriteNothingAndSayNothing)
+{
+    VirtualDesk::Desk desk(VirtualDesk::DeskConfig::fromJson(threeDisplays), {"", false});
+    for (std::string value : {"", " 40", "40%", "4.5", "abc", "+-4", "99999999999999999999"}) {
+        const LumoraTest::ProcessResult run = probe(value);
+        ASSERT_EQ(run.exitStatus, 0) << value;
+        EXPECT_EQ(run.out.find("set"), std::string::npos) << value;
+    }
+    for (const Transaction& t : desk.transactions())
+        EXPECT_NE(t.request, "set") << t.connector;
+    EXPECT_EQ(desk.backlightBrightness("intel_backlight"), 730);
+}
+
+TEST(Probe, PermissionNotesNameTheChannelsThisUserMayNotOpen)
+{
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "runs the probe as another user, which takes root";
+    // DP-1 has its own channel; DP-3 and DP-4 sit behind MST, so either DPMST adapter could be theirs; the
+    // disabled HDMI monitor is not missing, and the SMBus adapter is no display bus.
+    VirtualDesk::Desk desk(VirtualDesk::DeskConfig::fromJson(R"({"cards": [{"connectors": [
+        {"name": "DP-1", "edid": {"vendor": "DEL", "model": 1}, "ddc": {"bus": 5}, "monitor": {}},
+        {"name": "DP-3", "edid": {"vendor": "DEL", "model": 2}, "ddc": {"bus": 7, "via": "pci"}, "monitor": {}},
+        {"name": "DP-4", "edid": {"vendor": "DEL", "model": 3}, "ddc": {"bus": 8, "via": "pci"}, "monitor": {}},
+        {"name": "HDMI-A-1", "enabled": false, "ddc": {"bus": 3}, "monitor": {}}]}],
+      "otherBuses": [{"bus": 0, "name": "SMBus I801 adapter"}]})"),
+                           {"", false});
+    // The desk's nodes stand for pseudo-terminals that only root may open: as nobody, every open is refused as a
+    // real /dev/i2c-N without the udev rule's grant would be. Nobody may still read the desk's sysfs and reach the
+    // emulation's sockets.
+    namespace fs = std::filesystem;
+    fs::permissions(desk.rootDir(), fs::perms::others_read | fs::perms::others_exec, fs::perm_options::add);
+    for (const auto& entry : fs::recursive_directory_iterator(fs::path(desk.rootDir()) / "ioctl"))
+        fs::permissions(entry.path(), fs::perms::all, fs::perm_options::add);
+    const LumoraTest::ProcessResult run =
+        probe(std::nullopt, {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", LUMORA_BINARY});
+    ASSERT_EQ(run.exitStatus, 0) << run.err;
+    const std::string readme = "; see \"Device access\" in Lumora's README.\n";
+    EXPECT_EQ(run.out, "Displays: 0  (IOAVService: true, DisplayServices: false)\n"
+                       "Note: no permission to open /dev/i2c-5" + readme +
+                       "Note: no permission to open /dev/i2c-7" + readme +
+                       "Note: no permission to open /dev/i2c-8" + readme);
+    EXPECT_TRUE(desk.transactions().empty());
+}
+
+}  // namespace

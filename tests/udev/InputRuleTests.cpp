@@ -4,54 +4,17 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <map>
-#include <sstream>
 
-#include "support/Subprocess.h"
+#include "Udevadm.h"
 #include "tools/virtual-desk/VirtualDesk.h"
-
-namespace {
 
 namespace fs = std::filesystem;
 
-// What udevadm reported for one device: its path and its tags.
-struct Seen {
-    std::string devpath;
-    std::string tags;
-};
-
-std::map<std::string, Seen> udevadmTest(const std::vector<std::string>& devpaths)
-{
-    std::vector<std::string> argv = {"/usr/bin/unshare", "--mount", "--map-root-user", UDEVADM_TEST_SCRIPT, INPUT_RULE};
-    argv.insert(argv.end(), devpaths.begin(), devpaths.end());
-    const char* preload = std::getenv("LD_PRELOAD");
-    const LumoraTest::ProcessResult run = LumoraTest::runProcess(
-        argv, {{"LD_PRELOAD", std::nullopt}, {"LUMORA_UDEV_PRELOAD", preload ? preload : ""}}, std::chrono::seconds(120));
-    EXPECT_EQ(run.exitStatus, 0) << run.out << run.err;
-    std::map<std::string, Seen> seen;
-    std::istringstream out(run.out);
-    std::string current;
-    for (std::string line; std::getline(out, line);) {
-        if (line.rfind("== ", 0) == 0)
-            current = line.substr(3);
-        else if (line.rfind("DEVPATH=", 0) == 0)
-            seen[current].devpath = "/sys" + line.substr(8);
-        else if (line.rfind("TAGS=", 0) == 0)
-            seen[current].tags = line.substr(5);
-    }
-    return seen;
-}
-
-}  // namespace
-
 TEST(InputRule, TagsEveryKeyDeviceAndUinputForTheSeatAndNothingElse)
 {
-    const LumoraTest::ProcessResult probe =
-        LumoraTest::runProcess({"/usr/bin/unshare", "--mount", "--map-root-user", "/bin/true"}, {}, std::chrono::seconds(30));
-    if (probe.exitStatus != 0)
-        GTEST_SKIP() << "mount namespaces are not available here: " << probe.err;
+    if (const std::string why = LumoraTest::udevadmUnavailable(); !why.empty())
+        GTEST_SKIP() << why;
 
     VirtualDesk::Desk desk(VirtualDesk::DeskConfig::defaultDesk(), {"", false});
     const struct {
@@ -70,13 +33,13 @@ TEST(InputRule, TagsEveryKeyDeviceAndUinputForTheSeatAndNothingElse)
     std::vector<std::string> devpaths;
     for (const auto& d : devices)
         devpaths.push_back(fs::canonical("/sys/class/" + d.device).string());
-    const std::map<std::string, Seen> seen = udevadmTest(devpaths);
+    const auto seen = LumoraTest::udevadmTest(INPUT_RULE, devpaths);
     for (std::size_t i = 0; i < std::size(devices); ++i) {
         SCOPED_TRACE(devices[i].what);
         const auto it = seen.find(devpaths[i]);
         ASSERT_NE(it, seen.end()) << "udevadm said nothing about " << devpaths[i];
         EXPECT_EQ(it->second.devpath, devpaths[i]) << "udevadm did not read the device from the desk";
-        EXPECT_EQ(it->second.tags.find(":uaccess:") != std::string::npos, devices[i].granted)
+        EXPECT_EQ(it->second.granted(), devices[i].granted)
             << devices[i].device << " tags \"" << it->second.tags << "\"";
     }
 }

@@ -1,23 +1,15 @@
 // The udev rule that grants the user at the seat the display buses (data/60-lumora-i2c.rules), judged by udev's
 // own matcher against a table of real adapter names and parents.
 //
-// How it runs: the desk below is built in this process (the test runs under umockdev-wrapper) with the layout the
-// kernel makes: cards of several drivers, each under its PCI device, adapters as DisplayPort AUX children of their
-// connector, as targets of a connector's `ddc` link, or under the GPU with nothing linking them, and an SMBus
-// controller. Then tests/udev/udevadm-test.sh runs systemd's `udevadm test` on every adapter's i2c-dev node, in a
-// mount namespace of its own (unshare --mount --map-root-user) where our rule is the only rule and udevadm's
-// database and links go to scratch space, and under umockdev's preload, so that udevadm reads the desk's sysfs.
-// The test reads the tags udevadm reports for each node.
+// The desk below has the layout the kernel makes: cards of several drivers, each under its PCI device, adapters as
+// DisplayPort AUX children of their connector, as targets of a connector's `ddc` link, or under the GPU with nothing
+// linking them, and an SMBus controller.
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <map>
-#include <sstream>
 
-#include "support/Subprocess.h"
+#include "Udevadm.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 
 namespace {
@@ -77,43 +69,21 @@ const struct {
 
 TEST(UdevRule, GrantsDisplayBusesOnlyAsUdevItselfMatchesThem)
 {
-    const LumoraTest::ProcessResult probe =
-        LumoraTest::runProcess({"/usr/bin/unshare", "--mount", "--map-root-user", "/bin/true"}, {}, std::chrono::seconds(30));
-    if (probe.exitStatus != 0)
-        GTEST_SKIP() << "mount namespaces are not available here: " << probe.err;
+    if (const std::string why = LumoraTest::udevadmUnavailable(); !why.empty())
+        GTEST_SKIP() << why;
 
     VirtualDesk::Desk deskOnTestBed(VirtualDesk::DeskConfig::fromJson(desk), {"", false});
-    std::vector<std::string> argv = {"/usr/bin/unshare", "--mount", "--map-root-user", UDEVADM_TEST_SCRIPT, UDEV_RULE};
-    std::map<std::string, int> busOf;
-    for (const auto& a : adapters) {
-        const std::string devpath = fs::canonical("/sys/class/i2c-dev/i2c-" + std::to_string(a.bus)).string();
-        argv.push_back(devpath);
-        busOf[devpath] = a.bus;
-    }
-    const char* preload = std::getenv("LD_PRELOAD");
-    ASSERT_NE(preload, nullptr);
-    const LumoraTest::ProcessResult run = LumoraTest::runProcess(
-        argv, {{"LD_PRELOAD", std::nullopt}, {"LUMORA_UDEV_PRELOAD", preload}}, std::chrono::seconds(120));
-    ASSERT_EQ(run.exitStatus, 0) << run.out << run.err;
-
-    // Per node: the device path udevadm read, and its tags.
-    std::map<int, std::pair<std::string, std::string>> seen;
-    std::istringstream out(run.out);
-    int bus = -1;
-    for (std::string line; std::getline(out, line);) {
-        if (line.rfind("== ", 0) == 0)
-            bus = busOf.at(line.substr(3));
-        else if (line.rfind("DEVPATH=", 0) == 0)
-            seen[bus].first = "/sys" + line.substr(8);
-        else if (line.rfind("TAGS=", 0) == 0)
-            seen[bus].second = line.substr(5);
-    }
-    for (const auto& a : adapters) {
-        SCOPED_TRACE(a.what);
-        const std::string devpath = fs::canonical("/sys/class/i2c-dev/i2c-" + std::to_string(a.bus)).string();
-        EXPECT_EQ(seen[a.bus].first, devpath) << "udevadm did not read the node from the desk";
-        EXPECT_EQ(seen[a.bus].second.find(":uaccess:") != std::string::npos, a.granted)
-            << "i2c-" << a.bus << " tags \"" << seen[a.bus].second << "\"";
+    std::vector<std::string> devpaths;
+    for (const auto& a : adapters)
+        devpaths.push_back(fs::canonical("/sys/class/i2c-dev/i2c-" + std::to_string(a.bus)).string());
+    const auto seen = LumoraTest::udevadmTest(UDEV_RULE, devpaths);
+    for (std::size_t i = 0; i < std::size(adapters); ++i) {
+        SCOPED_TRACE(adapters[i].what);
+        const auto it = seen.find(devpaths[i]);
+        ASSERT_NE(it, seen.end()) << "udevadm said nothing about " << devpaths[i];
+        EXPECT_EQ(it->second.devpath, devpaths[i]) << "udevadm did not read the node from the desk";
+        EXPECT_EQ(it->second.granted(), adapters[i].granted)
+            << "i2c-" << adapters[i].bus << " tags \"" << it->second.tags << "\"";
     }
 }
 

@@ -17,7 +17,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cmath>
 
 #include "Lumora/App/DisplayController.h"
@@ -26,33 +25,12 @@
 #include "Lumora/UI/DisplayRow.h"
 #include "Lumora/UI/PopoverView.h"
 #include "Lumora/UI/Style.h"
+#include "TestDisplays.h"
 
 using namespace Lumora;
+using LumoraTest::desk;
 
 namespace {
-
-struct Backend final : DisplayBackend {
-    Backend(bool ddc, double reading) : ddc(ddc), reading(reading) {}
-    bool canPowerOff() const override { return ddc; }
-    std::optional<double> readBrightness() override { return reading; }
-    void writeBrightness(double) override {}
-    void setPower(bool) override {}
-    const bool ddc;
-    const double reading;
-};
-
-std::vector<DisplayInfo> desk(int monitors, bool builtIn)
-{
-    std::vector<DisplayInfo> list;
-    for (int i = 0; i < monitors; ++i) {
-        list.push_back({static_cast<std::uint32_t>(11 + i), "Monitor " + std::to_string(i + 1),
-                        std::make_shared<Backend>(true, 0.5)});
-    }
-    if (builtIn) {
-        list.push_back({99, "Built-in Display", std::make_shared<Backend>(false, 0.8)});
-    }
-    return list;
-}
 
 // The panel as the application builds it, over a real controller, refreshed once and shown.
 struct Shown {
@@ -67,12 +45,7 @@ struct Shown {
         EXPECT_TRUE(QTest::qWaitForWindowActive(&panel, 5000));
     }
     PopoverView* view() const { return static_cast<PopoverView*>(panel.contentView()); }
-    DisplayRow* row(int index) const
-    {
-        auto rows = view()->findChildren<DisplayRow*>();
-        std::sort(rows.begin(), rows.end(), [](auto* a, auto* b) { return a->y() < b->y(); });
-        return rows.at(index);
-    }
+    DisplayRow* row(int index) const { return LumoraTest::rowsOf(*view()).at(index); }
 
     const std::vector<DisplayInfo> displays;
     DisplayController controller{[this] { return displays; }};

@@ -11,31 +11,18 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cmath>
 
 #include "Lumora/App/DisplayController.h"
 #include "Lumora/UI/DisplayRow.h"
 #include "Lumora/UI/PopoverView.h"
+#include "TestDisplays.h"
 
 using namespace Lumora;
+using LumoraTest::builtIn;
+using LumoraTest::monitor;
 
 namespace {
-
-// A display's hardware: a reading the test can change; whatever the controller sends it is dropped.
-struct Backend final : DisplayBackend {
-    Backend(bool ddc, double reading) : ddc(ddc), reading(reading) {}
-    bool canPowerOff() const override { return ddc; }
-    std::optional<double> readBrightness() override { return reading.load(); }
-    void writeBrightness(double) override {}
-    void setPower(bool) override {}
-    const bool ddc;
-    std::atomic<double> reading;
-};
-
-std::shared_ptr<Backend> monitor(double reading = 0.5) { return std::make_shared<Backend>(true, reading); }
-std::shared_ptr<Backend> builtIn() { return std::make_shared<Backend>(false, 0.8); }
 
 template <typename T>
 T* find(const QObject* parent, const char* name)
@@ -61,18 +48,7 @@ struct Panel {
         QApplication::processEvents();
         return done;
     }
-    // The shown rows, top to bottom.
-    std::vector<DisplayRow*> rows() const
-    {
-        std::vector<DisplayRow*> rows;
-        for (DisplayRow* row : view.findChildren<DisplayRow*>()) {
-            if (row->isVisibleTo(&view)) {
-                rows.push_back(row);
-            }
-        }
-        std::sort(rows.begin(), rows.end(), [](DisplayRow* a, DisplayRow* b) { return a->y() < b->y(); });
-        return rows;
-    }
+    std::vector<DisplayRow*> rows() const { return LumoraTest::rowsOf(view); }
 
     const std::vector<DisplayInfo> displays;
     std::atomic<int> enumerations{0};

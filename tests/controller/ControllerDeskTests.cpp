@@ -11,7 +11,7 @@
 #include <memory>
 #include <utility>
 
-#include "EventLoop.h"
+#include "support/EventLoop.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 
 using Lumora::DisplayController;

@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "EventLoop.h"
+#include "support/EventLoop.h"
 #include "Lumora/DDC/DisplayBackend.h"
 
 using Lumora::DisplayController;

@@ -20,7 +20,7 @@
 #include <set>
 #include <sstream>
 
-#include "EventLoop.h"
+#include "support/EventLoop.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 
 using Lumora::DisplayController;

@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "EventLoop.h"
+#include "support/EventLoop.h"
 #include "Lumora/DDC/IOAVService.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 

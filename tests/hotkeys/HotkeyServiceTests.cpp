@@ -16,10 +16,6 @@ using Lumora::HotkeyService;
 
 namespace {
 
-const std::string laptop = "/dev/input/event0";
-const std::string videoBus = "/dev/input/event1";
-const std::string external = "/dev/input/event2";
-const std::string consumer = "/dev/input/event3";
 const std::string uinput = "/dev/uinput";
 const std::string grant = "0660";
 const std::string deny = "0600";

@@ -1,20 +1,22 @@
 #pragma once
-// Shared by the brightness keys' tests: the stand-in pkexec's record, bounded waits on the event loop, and the
-// settings file.
+// Shared by the brightness keys' tests: the desk's input nodes, the stand-in pkexec's record, and the settings file.
 
-#include <QEventLoop>
-#include <QDeadlineTimer>
 #include <QFile>
 #include <QSettings>
 #include <QString>
-#include <QTimer>
 
-#include <chrono>
-#include <functional>
+#include <string>
+
+#include "support/EventLoop.h"
 
 namespace LumoraTest {
 
-using namespace std::chrono_literals;
+// The default desk's keyboards: the laptop keyboard (letters, Alt, the brightness keys), the ACPI Video Bus, an
+// external keyboard's main interface (letters, Alt; no brightness keys) and its consumer-control interface.
+inline const std::string laptop = "/dev/input/event0";
+inline const std::string videoBus = "/dev/input/event1";
+inline const std::string external = "/dev/input/event2";
+inline const std::string consumer = "/dev/input/event3";
 
 // The screens of the tests' offscreen desktop: the default desk's connectors side by side, in pixels.
 constexpr const char* deskScreensJson = R"({"screens": [
@@ -37,20 +39,6 @@ inline QStringList pkexecRuns()
 inline void clearPkexecRuns()
 {
     QFile::remove(pkexecLog);
-}
-
-// Runs the event loop until `done` holds (true) or `timeout` passed (false).
-inline bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 10s)
-{
-    const QDeadlineTimer deadline(timeout);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QEventLoop idle;
-        QTimer::singleShot(2ms, &idle, &QEventLoop::quit);
-        idle.exec();
-    }
-    return true;
 }
 
 // The setting as stored ("" when absent).

@@ -4,10 +4,6 @@
 // service with its real tap over the desk's emulated keyboards and uinput, the real controller over its emulated
 // monitors, on an offscreen desktop whose screens stand where the desk's connectors do (eDP-1 0-1920, the DELL on
 // DP-1 1920-4480, the LG on HDMI-A-1 4480-6400); no window is focused there, so the cursor picks the display.
-//
-// The default desk's keyboards: event0 the laptop keyboard (letters, Alt, the brightness keys), event1 the ACPI
-// Video Bus, event2 an external keyboard's main interface (letters, Alt; no brightness keys), event3 its
-// consumer-control interface (media and brightness keys).
 
 #include <QCursor>
 
@@ -36,10 +32,6 @@ using ::testing::IsEmpty;
 
 namespace {
 
-const std::string laptop = "/dev/input/event0";
-const std::string videoBus = "/dev/input/event1";
-const std::string external = "/dev/input/event2";
-const std::string consumer = "/dev/input/event3";
 const std::string dell = "card0-DP-1";
 const QPoint onDell(3000, 700);
 const QPoint onPanel(900, 600);
@@ -90,13 +82,8 @@ protected:
     {
         storeSetting(true);
         controller = std::make_unique<Lumora::DisplayController>();
-        bool published = false;
-        const auto connection = QObject::connect(controller.get(), &Lumora::DisplayController::displaysChanged,
-                                                 [&] { published = true; });
-        controller->refresh();
-        const bool listed = pumpUntil([&] { return published; });
-        QObject::disconnect(connection);
-        ASSERT_TRUE(listed);
+        watch.emplace(*controller);
+        ASSERT_TRUE(watch->refreshAndWait());
         start();
     }
 
@@ -152,6 +139,7 @@ protected:
 
     VirtualDesk::Desk desk{VirtualDesk::DeskConfig::defaultDesk()};
     std::unique_ptr<Lumora::DisplayController> controller;
+    std::optional<Watch> watch;
     std::unique_ptr<HotkeyService> service;
 };
 

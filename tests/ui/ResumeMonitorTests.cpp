@@ -1,9 +1,6 @@
 // Resume from suspend as logind tells it: python-dbusmock's logind template on a private bus stands in for the
 // system bus. PrepareForSleep(false) is a resume, PrepareForSleep(true) is not; without a bus nothing happens.
 
-#include <QCoreApplication>
-#include <QDeadlineTimer>
-
 #include <unistd.h>
 
 #include <chrono>
@@ -15,24 +12,15 @@
 
 #include "Lumora/Platform/Linux/Desktop/ResumeMonitor.h"
 #include "support/ChildProcess.h"
+#include "support/EventLoop.h"
 #include "support/Subprocess.h"
 
 using namespace std::chrono_literals;
 using Lumora::ResumeMonitor;
 using LumoraTest::Child;
+using LumoraTest::pumpUntil;
 
 namespace {
-
-bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 20s)
-{
-    const QDeadlineTimer deadline(timeout);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents, 50);
-    }
-    return true;
-}
 
 // A private bus as the system bus, with logind on it.
 class Logind {
@@ -79,14 +67,14 @@ TEST(ResumeMonitor, EveryResumeIsToldAndNothingElse)
     Logind logind;
     int resumes = 0;
     ResumeMonitor monitor([&] { ++resumes; });
-    ASSERT_TRUE(pumpUntil([&] { return monitor.isSubscribed(); })) << "never subscribed";
+    ASSERT_TRUE(pumpUntil([&] { return monitor.isSubscribed(); }, 20s)) << "never subscribed";
     logind.prepareForSleep(true);
     logind.prepareForSleep(false);
-    ASSERT_TRUE(pumpUntil([&] { return resumes > 0; }));
+    ASSERT_TRUE(pumpUntil([&] { return resumes > 0; }, 20s));
     EXPECT_EQ(resumes, 1) << "going to sleep is not a resume";  // the signals arrive in the order they were sent
     logind.prepareForSleep(true);
     logind.prepareForSleep(false);
-    ASSERT_TRUE(pumpUntil([&] { return resumes > 1; }));
+    ASSERT_TRUE(pumpUntil([&] { return resumes > 1; }, 20s));
     EXPECT_EQ(resumes, 2);
 }
 

@@ -1,5 +1,5 @@
 #pragma once
-// Bounded waits on the main thread's event loop, and watching a controller's list, for the controller's tests.
+// Bounded waits on the main thread's event loop, and watching a controller's list.
 
 #include <QDeadlineTimer>
 #include <QEventLoop>

@@ -84,8 +84,3 @@ TEST(KeyEventDecision, OutcomeTable)
                       (c.event.value == 1 || c.event.value == 2));
     }
 }
-
-TEST(KeyEventDecision, StepIsOneSixteenth)
-{
-    EXPECT_EQ(KeyEventDecision::stepSize * 16, 1.0);
-}

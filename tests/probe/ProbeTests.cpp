@@ -154,7 +154,7 @@ const Case cases[] = {
         {"name": "DVI-D-1", "edid": {"raw": "00FFFFFF0102"}, "ddc": {"bus": 2}, "monitor": {"current": 25}},
         {"name": "VGA-1", "status": "disconnected", "edid": {"raw": ""}, "ddc": {"bus": 7}}]}]})",
      "Displays: 1  (IOAVService: true, DisplayServices: false)\n"
-     "\u2022 [DVIID] Display DVIID (external/DDC) brightness=25%\n",
+     "\u2022 [95] Display 95 (external/DDC) brightness=25%\n",
      {}, {}, {}, std::nullopt},
     {"two identical monitors, the first behind a dock that blocks DDC: the second keeps its own channel",
      R"({"cards": [{"connectors": [

@@ -1,6 +1,7 @@
 // The controller end to end on the virtual desk, with the real enumerator and backends: what reaches the monitors
 // on the wire for requests during a held write, stepping, the power toggle, a monitor unplugged in standby, a
-// refresh behind a write; and how the desk is listed, a monitor that cannot be read included.
+// refresh behind a write. (What is shown for a monitor that cannot be read or that stays in standby is decided
+// above the wire: ControllerRuleTests.)
 //
 // The default desk: card0-DP-1 is the DELL U2720Q (display 103, brightness 50 of 100), card0-HDMI-A-1 the LG HDR
 // 4K (display 110, 70 of 100), card0-eDP-1 the built-in panel (display 95, backlight at half).
@@ -60,15 +61,6 @@ protected:
     Watch watch{*controller};
     const DisplaySnapshot panel{panelID, "Built-in Display", 0.5, true, false};
 };
-
-TEST_F(ControllerOnDesk, ListsTheDeskWithAMonitorThatCannotBeReadAtFullBrightness)
-{
-    desk.setFaults(lg, {.neverAnswer = true});
-    ASSERT_TRUE(watch.refreshAndWait());
-    EXPECT_EQ(controller->displays(), (std::vector<DisplaySnapshot>{{dellID, "DELL U2720Q", 0.5, true, true},
-                                                                   {lgID, "LG HDR 4K", 1.0, true, true},
-                                                                   panel}));
-}
 
 TEST_F(ControllerOnDesk, RequestsDuringOneHeldWriteReachTheWireCoalesced)
 {
@@ -151,24 +143,6 @@ TEST_F(ControllerOnDesk, AMonitorUnpluggedInStandbyStaysListedAndCanStillBeWoken
     ASSERT_TRUE(watch.refreshAndWait());
     EXPECT_EQ(controller->displays(), (std::vector<DisplaySnapshot>{{dellID, "DELL U2720Q", 0.5, true, true},
                                                                    {lgID, "LG HDR 4K", 1.0, true, true}, panel}));
-}
-
-TEST_F(ControllerOnDesk, AMonitorInStandbyStaysShownInStandbyAcrossRefreshesUntilItsOwnButtonWakesIt)
-{
-    controller->togglePower(dellID);
-    ASSERT_TRUE(pumpUntil([&] { return desk.powerMode(dell) == 4; }));
-    for (int refresh = 0; refresh < 2; ++refresh) {
-        ASSERT_TRUE(watch.refreshAndWait());
-        EXPECT_EQ(watch.shown(dellID), (DisplaySnapshot{dellID, "DELL U2720Q", 0.0, false, true}));
-    }
-    EXPECT_EQ(sets(dell), (std::vector<Set>{{power, 4}})) << "nothing written to the sleeping monitor";
-
-    desk.setBrightness(dell, 40);
-    desk.setPowerMode(dell, 1);  // its own button: it ignores requests while it wakes, then says it is on
-    EXPECT_TRUE(pumpUntil([&] { return watch.refreshAndWait() && watch.shown(dellID).isOn; }, 20s));
-    EXPECT_EQ(watch.shown(dellID), (DisplaySnapshot{dellID, "DELL U2720Q", 0.4, true, true}));
-    controller->togglePower(dellID);  // on: so the toggle puts it back into standby
-    EXPECT_TRUE(pumpUntil([&] { return desk.powerMode(dell) == 4; }));
 }
 
 TEST_F(ControllerOnDesk, AMonitorWokenAfterARefreshInStandbyIsWrittenOnItsOwnScale)

@@ -7,8 +7,6 @@
 #include <memory>
 #include <tuple>
 
-#include "Lumora/App/Probe.h"
-#include "Lumora/DDC/DDCBackend.h"
 #include "Lumora/DDC/DDCService.h"
 #include "Lumora/DDC/DisplayEnumerator.h"
 #include "Lumora/DDC/IOAVService.h"
@@ -108,30 +106,6 @@ TEST_F(OnDesk, GetAndSetTravelAsOneI2CMessageEachToTheDDCAddress)
     EXPECT_GE(wire[1].startUs - wire[0].endUs, 50'000) << "the reply is read 50 ms after the request";
 }
 
-TEST_F(OnDesk, AMonitorThatNeverAnswersCostsFiveAttempts)
-{
-    DDCService ddc(open("card0-DP-2"));
-    EXPECT_FALSE(ddc.getVCP(VCPCode::brightness));
-    std::vector<Transaction> wire = on("card0-DP-2");
-    ASSERT_EQ(wire.size(), 10u);
-    for (std::size_t i = 0; i < wire.size(); ++i)
-        EXPECT_EQ(wire[i].request, i % 2 == 0 ? "get" : "") << i;
-}
-
-TEST_F(OnDesk, TheDDCBackendLearnsTheMaximumAndScalesByIt)
-{
-    DDCBackend backend(open("card0-HDMI-A-1"));
-    EXPECT_DOUBLE_EQ(*backend.readBrightness(), 0.2);
-    backend.writeBrightness(0.4);
-    EXPECT_EQ(desk->brightness("card0-HDMI-A-1"), 102);
-
-    backend.setPower(false);
-    EXPECT_EQ(desk->powerMode("card0-HDMI-A-1"), 4);
-    backend.setPower(true);
-    EXPECT_EQ(desk->powerMode("card0-HDMI-A-1"), 1);
-    EXPECT_EQ(desk->brightness("card0-HDMI-A-1"), 102) << "power commands leave the brightness alone";
-}
-
 TEST_F(OnDesk, EnumerationPairsEveryConnectedMonitorAndListsThePanelLast)
 {
     std::vector<DisplayInfo> displays = DisplayEnumerator::allDisplays();
@@ -176,17 +150,3 @@ TEST_F(OnDesk, ADDCLinkToNowhereLeavesTheConnectorOut)
         EXPECT_NE(display.id, 120u);
 }
 
-TEST_F(OnDesk, TheProbeSetsEveryDisplayThePanelIncluded)
-{
-    // The panel is written through sysfs here, never through a real logind.
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/lumora-test-bus", 1);
-    setenv("LUMORA_PROBE_SET", "60", 1);
-    ::testing::internal::CaptureStdout();
-    Probe::run();
-    std::string out = ::testing::internal::GetCapturedStdout();
-    unsetenv("LUMORA_PROBE_SET");
-    EXPECT_EQ(out.rfind("Displays: 4  (IOAVService: true, DisplayServices: true)\n", 0), 0u) << out;
-    EXPECT_EQ(desk->backlightBrightness("intel_backlight"), 600);
-    EXPECT_EQ(desk->brightness("card0-DP-1"), 60);
-    EXPECT_EQ(desk->brightness("card0-HDMI-A-1"), 153);
-}

@@ -215,9 +215,6 @@ if [[ -s $WORK/desk.jsonl ]]; then
     check "DP-1 got D6 04 then D6 01 (got ${power_sets[*]})" test "${power_sets[*]}" == "4 1"
     last_brightness=$(sets card0-DP-1 0x10 | tail -1)
     check "the newest brightness written to DP-1 is the last one keyed, $PAGED (was $last_brightness)" test "$last_brightness" == "$PAGED"
-    drag_writes=$(sets card0-DP-1 0x10 | uniq | wc -l)
-    echo "   distinct brightness values written to DP-1: $drag_writes"
-    check "the monitors were written at all" test "$(grep -c '"request":"set"' "$WORK/desk.jsonl")" -gt 0
 else
     fail "the virtual desk wrote no log"
 fi

@@ -10,6 +10,7 @@
 #include "Lumora/DDC/DDCService.h"
 #include "Lumora/DDC/DisplayEnumerator.h"
 #include "Lumora/DDC/IOAVService.h"
+#include "Channel.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 
 using namespace Lumora;
@@ -49,22 +50,8 @@ protected:
     void SetUp() override { desk->clearTransactions(); }
     void TearDown() override { EXPECT_TRUE(desk->violations().empty()) << desk->violations().front(); }
 
-    static std::vector<Transaction> on(const std::string& connector)
-    {
-        std::vector<Transaction> out;
-        for (const Transaction& t : desk->transactions()) {
-            if (t.connector == connector)
-                out.push_back(t);
-        }
-        return out;
-    }
-    static IOAVServiceRef open(const std::string& connector)
-    {
-        IOAVService::CreateFn create = IOAVService::createFn();
-        if (!create)
-            return nullptr;
-        return create(("/dev/i2c-" + std::to_string(desk->busNumber(connector))).c_str());
-    }
+    static std::vector<Transaction> on(const std::string& connector) { return LumoraTest::on(*desk, connector); }
+    static IOAVServiceRef open(const std::string& connector) { return LumoraTest::open(*desk, connector); }
 };
 
 using Bytes = std::vector<std::uint8_t>;

@@ -12,35 +12,22 @@
 
 #include "Lumora/DDC/DDCBackend.h"
 #include "Lumora/DDC/DDCService.h"
-#include "Lumora/DDC/IOAVService.h"
 #include "LumoraCore/DDCPacket.h"
+#include "Channel.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 
 using namespace Lumora;
 using VirtualDesk::Desk;
 using VirtualDesk::DeskConfig;
 using VirtualDesk::Transaction;
+using LumoraTest::on;
+using LumoraTest::open;
 
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::int64_t busyUs = 50'000;
-
-IOAVServiceRef open(const Desk& desk, const std::string& connector)
-{
-    return IOAVService::createFn()(("/dev/i2c-" + std::to_string(desk.busNumber(connector))).c_str());
-}
-
-std::vector<Transaction> on(const Desk& desk, const std::string& connector)
-{
-    std::vector<Transaction> out;
-    for (const Transaction& t : desk.transactions()) {
-        if (t.connector == connector)
-            out.push_back(t);
-    }
-    return out;
-}
 
 // Every transfer to the monitor but the repeat of a Set starts at least the busy time after the last Set the monitor
 // acknowledged (its first copy: the busy time runs from there). Returns the first one that does not, as text;

@@ -277,6 +277,34 @@ TEST(ControllerRules, AMonitorHeldInStandbyStaysShownSoUntilItSaysItIsOn)
     }
 }
 
+// The refresh found the monitor held in standby and asks only its power mode; the user wakes it meanwhile. The
+// refresh read no brightness, so what it publishes keeps the wake's.
+TEST(ControllerRules, AMonitorWokenWhileARefreshAsksItsPowerModeShowsTheBrightnessItWokeAt)
+{
+    Rig rig;
+    rig.dell->power = std::nullopt;  // silent in standby
+    ASSERT_TRUE(rig.watch.refreshAndWait());
+    rig.controller->setBrightness(dellID, 0.7);
+    rig.controller->togglePower(dellID);
+    const auto lastCall = [&] {
+        const Calls calls = rig.dell->calls();
+        return calls.empty() ? std::string() : calls.back();
+    };
+    ASSERT_TRUE(pumpUntil([&] { return lastCall() == "off"; }));
+    rig.dell->hold(true);
+    rig.controller->refresh();
+    ASSERT_TRUE(pumpUntil([&] { return lastCall() == "power"; }));
+    rig.controller->togglePower(dellID);
+    rig.dell->hold(false);
+    // The wake's write runs behind the power read, which the refresh published after; then the main thread has been
+    // handed the publication, and runs it before a call posted now.
+    ASSERT_TRUE(pumpUntil([&] { return lastCall() == writeOf(0.7); }));
+    bool published = false;
+    QTimer::singleShot(0, [&] { published = true; });
+    ASSERT_TRUE(pumpUntil([&] { return published; }));
+    EXPECT_EQ(rig.watch.shown(dellID), (DisplaySnapshot{dellID, "display 5", 0.7, true, true}));
+}
+
 TEST(ControllerRules, RefreshesPublishInCallOrderEachEnumeratingOnceThePreviousHasBeenRead)
 {
     Rig rig;

@@ -77,7 +77,7 @@ stop_app()    # ends the lumora of start_app; every figure starts from a desktop
     kill -TERM "$APP" 2>/dev/null
     wait_until 10 bash -c '! kill -0 "$0" 2>/dev/null' "$APP" || { echo "desktop figures: lumora did not end" >&2; exit 1; }
     wait "$APP" 2>/dev/null
-    wait_until 10 bash -c '! xwininfo -root -tree | grep -q "(\"lumora\" \"Lumora\")"' ||
+    wait_until 10 bash -c '! xwininfo -root -tree | grep "(\"lumora\" \"Lumora\")" >/dev/null' ||
         { echo "desktop figures: lumora's windows did not go" >&2; exit 1; }
 }
 

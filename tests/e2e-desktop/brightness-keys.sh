@@ -11,17 +11,12 @@
 # Exit status: 0 passed, 1 failed, 77 skipped (no Xorg with the dummy driver on this machine, or not root).
 set -uo pipefail
 
-LUMORA=$1
-VIRTUAL_DESK=$2
-ARTIFACTS=$3
 HERE=$(cd "$(dirname "$0")" && pwd)
 
-# shellcheck source=desktop-session.sh
-source "$HERE/desktop-session.sh"
+# shellcheck source=checks.sh
+source "$HERE/checks.sh" "$@"
 # shellcheck source=monitors-session.sh
 source "$HERE/monitors-session.sh"
-# shellcheck source=checks.sh
-source "$HERE/checks.sh"
 # The desk, which outlives lumora in the last step, ends once told to.
 before_cleanup() { touch "$WORK/stop"; }
 

@@ -9,16 +9,11 @@
 # Exit status: 0 passed, 1 failed, 77 skipped (no Xvfb). Screenshots and logs stay in ARTIFACT_DIR.
 set -uo pipefail
 
-LUMORA=$1
-VIRTUAL_DESK=$2
-ARTIFACTS=$3
 INTROSPECTION=$4
 HERE=$(cd "$(dirname "$0")" && pwd)
 
-# shellcheck source=desktop-session.sh
-source "$HERE/desktop-session.sh"
 # shellcheck source=checks.sh
-source "$HERE/checks.sh"
+source "$HERE/checks.sh" "$@"
 # shellcheck source=bus-calls.sh
 source "$HERE/bus-calls.sh"
 

@@ -1,9 +1,17 @@
-# The end-to-end scenarios' shared frame: a work directory, checks that count failures, screenshots kept as
-# artefacts, the virtual desk's control, and the closing line ctest reads. Sourced after desktop-session.sh by
-# each scenario script, which sets LUMORA, VIRTUAL_DESK and ARTIFACTS first.
+# The end-to-end scenarios' shared frame: the desktop session's tools, a work directory, checks that count
+# failures, screenshots kept as artefacts, the virtual desk's control, and the closing line ctest reads. Each
+# scenario script sources it with its own arguments, LUMORA VIRTUAL_DESK ARTIFACT_DIR first:
+#
+#   source "$HERE/checks.sh" "$@"
 #
 # Every scenario prints "1 passed, 0 failed" or "0 passed, 1 failed (...)" last and exits 0 or 1; 77 when the
 # machine has no Xvfb.
+
+LUMORA=$1
+VIRTUAL_DESK=$2
+ARTIFACTS=$3
+# shellcheck source=desktop-session.sh
+source "$(dirname "${BASH_SOURCE[0]}")/desktop-session.sh"
 
 if ! command -v Xvfb >/dev/null 2>&1; then
     echo "SKIP: Xvfb is not installed"

@@ -7,12 +7,15 @@
 
 SESSION_PIDS=()
 
-# session_environment WORK: a desktop of our own. No StatusNotifier host over D-Bus (the icon docks through
-# XEmbed), a private runtime directory under WORK (the single-instance lock lives there), a private configuration
-# directory, and sanitizer options that suit a Qt program run under umockdev.
+# session_environment WORK: a desktop of our own. No session bus until a test starts its own (session_bus): the
+# address "disabled:" keeps libdbus and GLib from autolaunching one through the X server, a bus that would outlive
+# the test and that made trayer hang at start now and then. No StatusNotifier host over D-Bus, then (the icon docks
+# through XEmbed); a private runtime directory under WORK (the single-instance lock lives there), a private
+# configuration directory, and sanitizer options that suit a Qt program run under umockdev.
 session_environment()
 {
-    unset DBUS_SESSION_BUS_ADDRESS WAYLAND_DISPLAY QT_QPA_PLATFORM
+    unset WAYLAND_DISPLAY QT_QPA_PLATFORM
+    export DBUS_SESSION_BUS_ADDRESS=disabled:
     export XDG_RUNTIME_DIR="$1/runtime" XDG_CONFIG_HOME="$1/config"
     mkdir -p "$XDG_RUNTIME_DIR" "$XDG_CONFIG_HOME"
     chmod 700 "$XDG_RUNTIME_DIR"
@@ -146,8 +149,8 @@ session_bus()
     DBUS_SESSION_BUS_ADDRESS=$(head -1 "$1/bus-address")
 }
 
-session_has_wm() { xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q 'window id'; }
-session_has_tray() { xwininfo -root -tree 2>/dev/null | grep -q '("panel" "trayer")'; }
+session_has_wm() { xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep 'window id' >/dev/null; }
+session_has_tray() { xwininfo -root -tree 2>/dev/null | grep '("panel" "trayer")' >/dev/null; }
 
 # session_stop: ends every tracked process (TERM, then KILL after a grace period) and reaps it.
 session_stop()
@@ -208,8 +211,8 @@ lumora_window_named()
 {
     local id
     for id in $(xdotool search --onlyvisible --classname '^lumora$' 2>/dev/null); do
-        xprop -id "$id" _NET_WM_NAME 2>/dev/null | grep -qxF "_NET_WM_NAME(UTF8_STRING) = \"$1\"" || continue
-        if [[ ${2:-} == managed ]] && ! xprop -id "$id" WM_STATE 2>/dev/null | grep -q 'window state: Normal'; then
+        xprop -id "$id" _NET_WM_NAME 2>/dev/null | grep -xF "_NET_WM_NAME(UTF8_STRING) = \"$1\"" >/dev/null || continue
+        if [[ ${2:-} == managed ]] && ! xprop -id "$id" WM_STATE 2>/dev/null | grep 'window state: Normal' >/dev/null; then
             continue
         fi
         echo "$id"
@@ -249,7 +252,7 @@ menu_geometry()
     local id x y w h v
     while read -r id x y w h v; do
         (( w != 300 && w > 60 && v == 1 )) || continue
-        xprop -id "$id" _NET_WM_WINDOW_TYPE 2>/dev/null | grep -q TOOLTIP && continue
+        xprop -id "$id" _NET_WM_WINDOW_TYPE 2>/dev/null | grep TOOLTIP >/dev/null && continue
         echo "$x $y $w $h"
         return 0
     done < <(lumora_windows)
@@ -261,7 +264,7 @@ tooltip_shown()
 {
     local id
     for id in $(xdotool search --onlyvisible --classname '^lumora$' 2>/dev/null); do
-        xprop -id "$id" _NET_WM_WINDOW_TYPE 2>/dev/null | grep -q _NET_WM_WINDOW_TYPE_TOOLTIP && return 0
+        xprop -id "$id" _NET_WM_WINDOW_TYPE 2>/dev/null | grep _NET_WM_WINDOW_TYPE_TOOLTIP >/dev/null && return 0
     done
     return 1
 }

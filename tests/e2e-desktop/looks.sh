@@ -9,15 +9,10 @@
 # Exit status: 0 passed, 1 failed, 77 skipped (no Xvfb).
 set -uo pipefail
 
-LUMORA=$1
-VIRTUAL_DESK=$2
-ARTIFACTS=$3
 HERE=$(cd "$(dirname "$0")" && pwd)
 
-# shellcheck source=desktop-session.sh
-source "$HERE/desktop-session.sh"
 # shellcheck source=checks.sh
-source "$HERE/checks.sh"
+source "$HERE/checks.sh" "$@"
 
 step "desktop: Xvfb, openbox, trayer"
 start_desktop

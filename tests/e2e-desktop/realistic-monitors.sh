@@ -17,15 +17,10 @@
 # Exit status: 0 passed, 1 failed, 77 skipped (no Xvfb on this machine). Screenshots and logs stay in ARTIFACT_DIR.
 set -uo pipefail
 
-LUMORA=$1
-VIRTUAL_DESK=$2
-ARTIFACTS=$3
 HERE=$(cd "$(dirname "$0")" && pwd)
 
-# shellcheck source=desktop-session.sh
-source "$HERE/desktop-session.sh"
 # shellcheck source=checks.sh
-source "$HERE/checks.sh"
+source "$HERE/checks.sh" "$@"
 command -v gdbus >/dev/null 2>&1 || { echo "FAIL: gdbus is missing (scripts/install-deps.sh installs it)"; exit 1; }
 
 # The desk's trace of every transfer, as lumora's run prints it (one JSON object per line).
@@ -138,7 +133,7 @@ xdotool mousemove "$POWER_X" "$POWER_Y" click 1
 check "DP-1 on again (D6 = 01)" wait_until 15 equals 1 desk_value power card0-DP-1
 # The monitor kept its brightness in standby; what counts is that the wake's restore reached it while it ignored
 # requests for 1.5 s after waking.
-restored() { wire card0-DP-1 set | tail -n +$(( sets_before + 1 )) | grep -F "\"value\":$KEPT," | grep -qF '"outcome":"ok"'; }
+restored() { wire card0-DP-1 set | tail -n +$(( sets_before + 1 )) | grep -F "\"value\":$KEPT," | grep -F '"outcome":"ok"' >/dev/null; }
 check "DP-1 took its kept brightness ($KEPT) after waking" wait_until 15 restored
 check "DP-1 holds it, and is still on" bash -c '[[ $0 == "$1" && $2 == 1 ]]' \
     "$(desk_value brightness card0-DP-1)" "$KEPT" "$(desk_value power card0-DP-1)"
@@ -194,6 +189,6 @@ check "the second read came at least 2 s after the signal" test $(( $(now_ms) - 
 
 step "the desk's rules"
 check "the virtual desk saw no violation" bash -c '! grep -q "VIOLATION" "$0"' "$TRACE"
-check "nothing was ever written to an address but 0x37" bash -c '! grep "\"dir\":\"write\"" "$0" | grep -v "\"addr\":\"0x37\"" | grep -q .' "$TRACE"
+check "nothing was ever written to an address but 0x37" bash -c '! grep "\"dir\":\"write\"" "$0" | grep -v "\"addr\":\"0x37\"" | grep . >/dev/null' "$TRACE"
 
 finish

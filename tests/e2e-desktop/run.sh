@@ -11,18 +11,13 @@
 # Exit status: 0 passed, 1 failed, 77 skipped (no Xvfb on this machine). Screenshots stay in ARTIFACT_DIR.
 set -uo pipefail
 
-LUMORA=$1
-VIRTUAL_DESK=$2
-ARTIFACTS=$3
 UPDATE_PLUGIN=${4:-}
 PRIVATE_LIBDIR=${5:-}
 MAP_LOG=${6:-}
 HERE=$(cd "$(dirname "$0")" && pwd)
 
-# shellcheck source=desktop-session.sh
-source "$HERE/desktop-session.sh"
 # shellcheck source=checks.sh
-source "$HERE/checks.sh"
+source "$HERE/checks.sh" "$@"
 
 step "desktop: Xvfb, openbox, trayer, a session bus"
 start_desktop

@@ -9,16 +9,11 @@
 # Exit status: 0 passed, 1 failed, 77 skipped (no Xvfb). Screenshots stay in ARTIFACT_DIR.
 set -uo pipefail
 
-LUMORA=$1
-VIRTUAL_DESK=$2
-ARTIFACTS=$3
 MAP_LOG=$4
 HERE=$(cd "$(dirname "$0")" && pwd)
 
-# shellcheck source=desktop-session.sh
-source "$HERE/desktop-session.sh"
 # shellcheck source=checks.sh
-source "$HERE/checks.sh"
+source "$HERE/checks.sh" "$@"
 
 command -v gdbus >/dev/null 2>&1 || abort "gdbus is missing (scripts/install-deps.sh installs it)"
 

@@ -10,21 +10,16 @@
 # Exit status: 0 passed, 1 failed, 77 skipped (no Xvfb). Screenshots stay in ARTIFACT_DIR.
 set -uo pipefail
 
-LUMORA=$1
-VIRTUAL_DESK=$2
-ARTIFACTS=$3
 HERE=$(cd "$(dirname "$0")" && pwd)
 
-# shellcheck source=desktop-session.sh
-source "$HERE/desktop-session.sh"
 # shellcheck source=checks.sh
-source "$HERE/checks.sh"
+source "$HERE/checks.sh" "$@"
 
 step "desktop without a tray: Xvfb, openbox, a session bus"
 start_desktop notray
 session_bus "$WORK" || abort "no session bus"
 
-managed() { xprop -id "$1" WM_STATE 2>/dev/null | grep -q 'window state: Normal'; }
+managed() { xprop -id "$1" WM_STATE 2>/dev/null | grep 'window state: Normal' >/dev/null; }
 # The window titled Lumora that the window manager manages (the icon docked in a tray is titled Lumora too).
 lumora_window() { lumora_window_named Lumora managed; }
 no_lumora_window() { ! lumora_window >/dev/null; }
@@ -94,7 +89,7 @@ check "the window titled Lumora is gone" wait_until 10 no_lumora_window
 read -r IX IY IW IH < <(tray_icon)
 check "a click on the icon opens the panel" open_panel
 check "under the icon (y $PY, icon bottom $(( IY + IH )))" test "$PY" -eq $(( IY + IH + 6 ))
-check "floating again: not managed by the window manager" bash -c '! xprop -id "$0" WM_STATE 2>/dev/null | grep -q Normal' "$(panel_id)"
+check "floating again: not managed by the window manager" bash -c '! xprop -id "$0" WM_STATE 2>/dev/null | grep Normal >/dev/null' "$(panel_id)"
 shot 03-tray-arrived
 sleep 0.6   # beyond the double-click interval
 xdotool click 1

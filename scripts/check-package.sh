@@ -92,7 +92,7 @@ for line in "${expected[@]}"; do
 done
 
 step "files where the desktop looks for them"
-# The places the freedesktop specifications and the system tools read, with their default search paths.
+# The places the freedesktop standards and the system tools read, with their default search paths.
 find_in() {  # find_in DIRS RELATIVE-PATH: the first DIRS entry (colon-separated) holding it
   local dir
   IFS=: read -ra dirs <<<"$1"

@@ -42,6 +42,7 @@
 #include <vector>
 
 #include "bench/support/BenchSupport.h"
+#include "bench/support/EventPump.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 
 extern char** environ;
@@ -65,22 +66,7 @@ const QString interface = QStringLiteral("org.lumora.Lumora1");
 
 // ---- Small helpers -------------------------------------------------------------------------------------------
 
-bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
-{
-    const auto deadline = Clock::now() + timeout;
-    for (;;) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents);
-        if (done()) {
-            return true;
-        }
-        if (Clock::now() >= deadline) {
-            return false;
-        }
-        QEventLoop idle;
-        QTimer::singleShot(1ms, Qt::PreciseTimer, &idle, &QEventLoop::quit);
-        idle.exec();
-    }
-}
+using BenchSupport::pumpUntil;
 
 void pumpFor(std::chrono::milliseconds span)
 {

@@ -37,6 +37,7 @@
 #include "Lumora/DDC/DisplayEnumerator.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 #include "bench/support/BenchSupport.h"
+#include "bench/support/EventPump.h"
 
 using namespace std::chrono_literals;
 using Lumora::DisplayController;
@@ -49,22 +50,7 @@ const std::string dell = "card0-DP-1";
 
 // ---- Small helpers -------------------------------------------------------------------------------------------
 
-bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
-{
-    const auto deadline = Clock::now() + timeout;
-    for (;;) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents);
-        if (done()) {
-            return true;
-        }
-        if (Clock::now() >= deadline) {
-            return false;
-        }
-        QEventLoop idle;
-        QTimer::singleShot(1ms, Qt::PreciseTimer, &idle, &QEventLoop::quit);
-        idle.exec();
-    }
-}
+using BenchSupport::pumpUntil;
 
 void pumpUntilTime(Clock::time_point when)
 {

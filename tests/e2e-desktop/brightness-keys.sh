@@ -45,22 +45,6 @@ grabbed() { equals 1 desk_value grabbed "$1"; }
 none_grabbed() { equals 0 desk_value grabbed event0 && equals 0 desk_value grabbed event1 && equals 0 desk_value grabbed event3; }
 all_grabbed() { grabbed event0 && grabbed event1 && grabbed event3; }
 
-# The window the user works in: an ordinary window, moved to X Y and focused.
-WINDOW=""
-work_at()
-{
-    local x=$1 y=$2
-    if [[ -z $WINDOW ]]; then
-        xmessage -geometry "900x500+$x+$y" "the window you work in" >/dev/null 2>&1 &
-        session_track $!
-        wait_until 10 bash -c 'xdotool search --onlyvisible --name "^xmessage$" >/dev/null' || return 1
-        WINDOW=$(xdotool search --onlyvisible --name '^xmessage$' | head -1)
-    else
-        xdotool windowmove --sync "$WINDOW" "$x" "$y" >/dev/null 2>&1 || return 1
-    fi
-    xdotool windowactivate --sync "$WINDOW" >/dev/null 2>&1
-    wait_until 10 bash -c '[[ $(xdotool getactivewindow 2>/dev/null) == "$0" ]]' "$WINDOW"
-}
 
 # orange_pixels FILE X Y W H: how many pixels of that part of the image are the warning's orange.
 orange_pixels()

@@ -29,24 +29,6 @@ values() { desk_state | awk '{ NF--; print }'; }
 monitors() { echo "$(desk_value brightness "$DELL") $(desk_value brightness "$LG")"; }
 listed() { [[ $(client displays 2>/dev/null | wc -l) -eq 3 ]]; }
 
-# The window the user works in: an ordinary window, moved to X Y and focused.
-WINDOW=""
-WINDOW_PID=""
-work_at()
-{
-    local x=$1 y=$2
-    if [[ -z $WINDOW ]]; then
-        xmessage -geometry "900x500+$x+$y" "the window you work in" >/dev/null 2>&1 &
-        WINDOW_PID=$!
-        session_track "$WINDOW_PID"
-        wait_until 10 bash -c 'xdotool search --onlyvisible --name "^xmessage$" >/dev/null' || return 1
-        WINDOW=$(xdotool search --onlyvisible --name '^xmessage$' | head -1)
-    else
-        xdotool windowmove --sync "$WINDOW" "$x" "$y" >/dev/null 2>&1 || return 1
-    fi
-    xdotool windowactivate --sync "$WINDOW" >/dev/null 2>&1
-    wait_until 10 bash -c '[[ $(xdotool getactivewindow 2>/dev/null) == "$0" ]]' "$WINDOW"
-}
 window_gone() { ! xwininfo -id "$WINDOW" >/dev/null 2>&1; }
 
 step "desktop: Xorg (dummy) with eDP-1, DP-1, HDMI-1 side by side and DP-3 below, openbox, trayer, a session bus"

@@ -76,3 +76,23 @@ monitors_set()
         xrandr --setmonitor "$name" "$w/$(( w * 254 / 960 ))x$h/$(( h * 254 / 960 ))+$x+$y" none || return 1
     done
 }
+
+# work_at X Y: the window the user works in (WINDOW, its process WINDOW_PID), an ordinary window opened or moved
+# to X Y and focused.
+WINDOW=""
+WINDOW_PID=""
+work_at()
+{
+    local x=$1 y=$2
+    if [[ -z $WINDOW ]]; then
+        xmessage -geometry "900x500+$x+$y" "the window you work in" >/dev/null 2>&1 &
+        WINDOW_PID=$!
+        session_track "$WINDOW_PID"
+        wait_until 10 bash -c 'xdotool search --onlyvisible --name "^xmessage$" >/dev/null' || return 1
+        WINDOW=$(xdotool search --onlyvisible --name '^xmessage$' | head -1)
+    else
+        xdotool windowmove --sync "$WINDOW" "$x" "$y" >/dev/null 2>&1 || return 1
+    fi
+    xdotool windowactivate --sync "$WINDOW" >/dev/null 2>&1
+    wait_until 10 bash -c '[[ $(xdotool getactivewindow 2>/dev/null) == "$0" ]]' "$WINDOW"
+}

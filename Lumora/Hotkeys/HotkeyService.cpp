@@ -71,10 +71,13 @@ void HotkeyService::startTap()
     if (eventTap_ != nullptr)
         return;
     const std::uint64_t generation = ++tapGeneration_;
-    // Runs on a capture thread: only hands the press to this thread and returns.
+    // Runs on a capture thread: only hands the press to this thread, through the mailbox, and returns.
     eventTap_ = Platform::KeyTap::create([this, generation](const Platform::KeyPress& press) {
-        QMetaObject::invokeMethod(this, [this, generation, press] { pressArrived(generation, press); },
-                                  Qt::QueuedConnection);
+        {
+            std::lock_guard<std::mutex> hold(pressesMutex_);
+            presses_.emplace_back(generation, press);
+        }
+        QMetaObject::invokeMethod(this, "takePresses", Qt::QueuedConnection);
     });
     if (eventTap_ == nullptr)
         assignTrusted(false);
@@ -83,6 +86,19 @@ void HotkeyService::startTap()
 void HotkeyService::stopTap()
 {
     eventTap_.reset();
+}
+
+// Main thread: decides what was handed over, oldest first. One run may take the presses of later hand-overs, and
+// their own runs then find nothing left.
+void HotkeyService::takePresses()
+{
+    std::vector<std::pair<std::uint64_t, Platform::KeyPress>> taken;
+    {
+        std::lock_guard<std::mutex> hold(pressesMutex_);
+        taken.swap(presses_);
+    }
+    for (const auto& [generation, press] : taken)
+        pressArrived(generation, press);
 }
 
 void HotkeyService::pressArrived(std::uint64_t tapGeneration, const Platform::KeyPress& press)

@@ -21,6 +21,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
 
 #include "LumoraCore/KeyEventDecision.h"
 
@@ -67,6 +70,7 @@ private:
     void reconcile();
     void startTap();
     void stopTap();
+    Q_INVOKABLE void takePresses();
     void pressArrived(std::uint64_t tapGeneration, const Platform::KeyPress& press);
     bool handle(const KeyEvent& event, bool option);
     bool readTrust() const;
@@ -78,6 +82,10 @@ private:
     DisplayController& controller_;
     std::unique_ptr<Platform::KeyTap> eventTap_;
     std::uint64_t tapGeneration_ = 0;  // presses of a removed tap are dropped
+    // Presses handed over by the capture threads, with their tap's generation: a queue under a lock of our own, so
+    // that nothing of a press crosses threads inside Qt's posted events.
+    std::mutex pressesMutex_;
+    std::vector<std::pair<std::uint64_t, Platform::KeyPress>> presses_;
     std::unique_ptr<InputAccessWatcher> trustWatcher_;
 };
 

@@ -273,14 +273,16 @@ TEST(Probe, ListsEachMonitorOnItsOwnChannelAndWritesNothingButDDCCI)
         std::set<std::string> read;  // connectors whose monitor was read (before anything was set on it)
         std::map<std::string, int> gets;
         for (const Transaction& t : desk.transactions()) {
-            if (t.direction == VirtualDesk::Direction::Write)
+            if (t.direction == VirtualDesk::Direction::Write) {
                 EXPECT_EQ(t.address, 0x37) << "bus " << t.bus << ": a write that was not DDC/CI";
+            }
             if (t.request == "get") {
                 read.insert(t.connector);
                 ++gets[t.connector];
             }
-            if (t.request == "set")
+            if (t.request == "set") {
                 EXPECT_TRUE(read.count(t.connector)) << t.connector << " written before it was read";
+            }
         }
         EXPECT_EQ(brightnessSets(desk), c.sets) << "brightness set on each connector's monitor";
         for (const auto& [connector, count] : c.gets)

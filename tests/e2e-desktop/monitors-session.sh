@@ -67,10 +67,10 @@ monitors_set()
     for name in $(xrandr --listmonitors | awk 'NR > 1 { n = $2; gsub(/[+*]/, "", n); if (n != "DUMMY0") print n }'); do
         xrandr --delmonitor "$name" || return 1
     done
-    local spec geometry w h x y
-    for spec in "$@"; do
-        name=${spec%%=*}
-        geometry=${spec#*=}
+    local monitor geometry w h x y
+    for monitor in "$@"; do
+        name=${monitor%%=*}
+        geometry=${monitor#*=}
         IFS='x+' read -r w h x y <<<"$geometry"
         # About 96 dpi, so that nobody scales.
         xrandr --setmonitor "$name" "$w/$(( w * 254 / 960 ))x$h/$(( h * 254 / 960 ))+$x+$y" none || return 1

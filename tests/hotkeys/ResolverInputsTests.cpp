@@ -91,13 +91,13 @@ std::string deskJson(const Layout& layout)
 
 std::string monitorsOf(const Layout& layout)
 {
-    std::string specs;
+    std::string monitors;
     for (const Output& o : layout.outputs) {
-        specs += (specs.empty() ? "" : " ") + o.monitor + "=" + std::to_string(int(o.frame.width)) + "x" +
+        monitors += (monitors.empty() ? "" : " ") + o.monitor + "=" + std::to_string(int(o.frame.width)) + "x" +
                  std::to_string(int(o.frame.height)) + "+" + std::to_string(int(o.frame.x)) + "+" +
                  std::to_string(int(o.frame.y));
     }
-    return specs;
+    return monitors;
 }
 
 // The controller's list as it stands once read: every output, the DDC/CI monitors able to power off.

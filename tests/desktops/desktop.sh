@@ -24,6 +24,8 @@ source "$DESKTOP_DIR/../e2e-desktop/desktop-session.sh"
 
 DESKTOP_USER=lumora-desktops
 DESKTOP_GROUPS=()
+# A command that starts what desktop_spawn starts, as root, before it becomes the test user (a namespace).
+SPAWN_WRAP=()
 DESKTOP_TRAY=0
 DESKTOP_WIDTH=1280
 DESKTOP_HEIGHT=800
@@ -71,7 +73,7 @@ desktop_spawn()
 {
     local log=$1
     shift
-    setsid "${AS_USER[@]}" "$@" >"$log" 2>&1 &
+    setsid "${SPAWN_WRAP[@]}" "${AS_USER[@]}" "$@" >"$log" 2>&1 &
     SPAWNED=$!
     DESKTOP_GROUPS+=("$SPAWNED")
 }

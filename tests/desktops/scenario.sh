@@ -81,9 +81,24 @@ icon_box()
       session_convert "$1" -crop "${DESKTOP_WIDTH}x64+0+$top" +repage -depth 8 txt:- | sed "s/^/$top /"; } 2>/dev/null |
         awk -F'[ ,:()]+' '$2 ~ /^#/ { next }
              { x = $2; y = $3 + $1; r = $4; g = $5; b = $6 }
-             r >= 190 && g >= 110 && g <= 215 && b <= 100 && r - b >= 120 {
-                 if (!n || x < x0) x0 = x; if (!n || x > x1) x1 = x; if (!n || y < y0) y0 = y; if (!n || y > y1) y1 = y; n++ }
-             END { if (n < 12) exit 1; print x0, y0, x1 - x0 + 1, y1 - y0 + 1 }'
+             # Amber, also where the colour of the bar shows through its edges: red strong, green about two thirds
+             # of it, little blue (an orange warning sign has less green and more blue).
+             r >= 120 && g >= 0.58 * r && g <= 0.85 * r && b <= 0.2 * r {
+                 n[x]++; if (!(x in y0) || y < y0[x]) y0[x] = y; if (!(x in y1) || y > y1[x]) y1[x] = y }
+             # The amber columns fall into clusters (other amber marks in a bar: a warning sign); the sun is the
+             # cluster with the most amber pixels.
+             END {
+                 for (x = 0; x <= '"$DESKTOP_WIDTH"' + 8; x++) {
+                     if (x in n) {
+                         if (!run || x - last > 6) { run = 1; from = x; count = 0; top = y0[x]; bottom = y1[x] }
+                         count += n[x]; last = x
+                         if (y0[x] < top) top = y0[x]; if (y1[x] > bottom) bottom = y1[x]
+                         if (count > best) { best = count; box = from " " top " " (x - from + 1) " " (bottom - top + 1) }
+                     }
+                 }
+                 if (best < 12) exit 1
+                 print box
+             }'
 }
 # icon_seen: the sun is on the screen now, at IX IY IW IH.
 icon_seen()

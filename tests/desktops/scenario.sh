@@ -277,9 +277,10 @@ else
         echo "   the desktop with the panel open: $ARTIFACTS/01-window.png"
         desktop_key alt+F4
         window_gone() { ! lumora_window >/dev/null; }
+        window_back() { lumora_window >/dev/null; }
         check "closed as a window is closed (Alt+F4)" wait_until 10 window_gone
         RUN_LOG="$WORK/lumora-second.log" desktop_run "$LUMORA"
-        check "a second start shows it again" wait_until 20 lumora_window
+        check "a second start shows it again" wait_until 20 window_back
     else
         fail "no window titled Lumora"
         shot 01-no-window

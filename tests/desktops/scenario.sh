@@ -129,8 +129,8 @@ icon_added()
 screen_still()
 {
     desktop_screenshot "$WORK/still-0.png" && sleep 0.5 && desktop_screenshot "$WORK/still.png" &&
-        (( $(session_convert "$WORK/still-0.png" "$WORK/still.png" -compose difference -composite -colorspace gray \
-             -threshold 8% -format '%[fx:int(mean * w * h)]' info:) < 400 ))
+        [[ $(session_convert "$WORK/still-0.png" "$WORK/still.png" -compose difference -composite -colorspace gray \
+             -threshold 8% -format '%[fx:mean * w * h < 400]' info:) == 1 ]]
 }
 # icon_located: the sun by its colour or, drawn without it, by what appeared in the bars, at IX IY IW IH.
 icon_located() { icon_seen || icon_added; }

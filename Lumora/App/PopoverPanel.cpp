@@ -14,6 +14,9 @@ namespace {
 
 constexpr Qt::WindowFlags floatingFlags =
     Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::X11BypassWindowManagerHint;
+// On a Wayland compositor (XWayland included) the panel is a window the compositor manages, so that it gets the
+// keyboard and hears that it lost it.
+constexpr Qt::WindowFlags managedFlags = Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint;
 constexpr Qt::WindowFlags ordinaryWindowFlags =
     Qt::Window | Qt::WindowTitleHint | Qt::WindowSystemMenuHint | Qt::WindowMinimizeButtonHint |
     Qt::WindowCloseButtonHint;
@@ -47,15 +50,7 @@ void PopoverPanel::setWindowed(bool windowed)
         return;
     }
     windowed_ = windowed;
-    // The native window is made anew: a window with a frame and an opaque visual, or the bare floating one.
-    if (testAttribute(Qt::WA_WState_Created)) {
-        destroy(true, true);
-    }
-    watchedWindow_ = nullptr;
-    setWindowFlags(windowed ? ordinaryWindowFlags : floatingFlags);
-    setAttribute(Qt::WA_TranslucentBackground, !windowed);
-    setAttribute(Qt::WA_ShowWithoutActivating, !windowed);
-    setAttribute(Qt::WA_X11NetWmWindowTypeDropDownMenu, !windowed);
+    remakeWindow();
     placed_ = false;
     if (auto* view = qobject_cast<PopoverView*>(content_)) {
         view->setWindowed(windowed);
@@ -63,6 +58,32 @@ void PopoverPanel::setWindowed(bool windowed)
     }
     composited_ = windowed;  // no mask on a window
     updateMask();
+}
+
+void PopoverPanel::setManagedByCompositor(bool managed)
+{
+    hide();
+    if (managed == managed_) {
+        return;
+    }
+    managed_ = managed;
+    remakeWindow();
+}
+
+// The native window is made anew: a window with a frame and an opaque visual, a managed frameless one, or the bare
+// floating one that the window manager leaves alone.
+void PopoverPanel::remakeWindow()
+{
+    if (testAttribute(Qt::WA_WState_Created)) {
+        destroy(true, true);
+    }
+    watchedWindow_ = nullptr;
+    wasActive_ = false;
+    const bool floating = !windowed_ && !managed_;
+    setWindowFlags(windowed_ ? ordinaryWindowFlags : managed_ ? managedFlags : floatingFlags);
+    setAttribute(Qt::WA_TranslucentBackground, !windowed_);
+    setAttribute(Qt::WA_ShowWithoutActivating, floating);
+    setAttribute(Qt::WA_X11NetWmWindowTypeDropDownMenu, floating);
 }
 
 void PopoverPanel::placeAt(const QRect& anchor, const QRect& screen, const QRect& available)
@@ -102,7 +123,7 @@ void PopoverPanel::setComposited(bool composited)
 
 void PopoverPanel::takeFocus()
 {
-    if (windowed_) {
+    if (windowed_ || managed_) {
         activateWindow();
         return;
     }
@@ -111,7 +132,7 @@ void PopoverPanel::takeFocus()
 
 void PopoverPanel::giveFocusBack()
 {
-    if (!windowed_) {
+    if (!windowed_ && !managed_) {
         focus_.giveBack(*this);
     }
 }
@@ -129,6 +150,16 @@ void PopoverPanel::changeEvent(QEvent* event)
     if (event->type() == QEvent::PaletteChange || event->type() == QEvent::StyleChange) {
         emit appearanceChanged();
     }
+    // Managed by a compositor, the panel closes as a popup does when the focus goes elsewhere: a click on
+    // another window, on the desktop's own panel, or a switch of windows. Only once it has had the focus.
+    if (event->type() == QEvent::ActivationChange && managed_ && !windowed_ && isVisible()) {
+        if (isActiveWindow()) {
+            wasActive_ = true;
+        } else if (wasActive_) {
+            wasActive_ = false;
+            emit focusLost();
+        }
+    }
 }
 
 void PopoverPanel::keyPressEvent(QKeyEvent* event)
@@ -143,6 +174,7 @@ void PopoverPanel::keyPressEvent(QKeyEvent* event)
 void PopoverPanel::showEvent(QShowEvent* event)
 {
     QWidget::showEvent(event);
+    wasActive_ = false;
     // A press anywhere in the floating panel gives it the keyboard focus, which the window manager does not.
     QWindow* window = windowHandle();
     if (window != nullptr && window != watchedWindow_) {
@@ -153,7 +185,8 @@ void PopoverPanel::showEvent(QShowEvent* event)
 
 bool PopoverPanel::eventFilter(QObject* watched, QEvent* event)
 {
-    if (watched == watchedWindow_ && event->type() == QEvent::MouseButtonPress && !windowed_ && !isActiveWindow()) {
+    if (watched == watchedWindow_ && event->type() == QEvent::MouseButtonPress && !windowed_ && !managed_ &&
+        !isActiveWindow()) {
         takeFocus();
     }
     return QWidget::eventFilter(watched, event);

@@ -29,6 +29,10 @@ public:
     // Floating under the tray item (false, the start) or an ordinary window (true). Hides the panel.
     void setWindowed(bool windowed);
     bool isWindowed() const { return windowed_; }
+    // Floating over a Wayland compositor (XWayland included): a frameless window that the compositor manages and
+    // focuses, which closes when it loses the focus (focusLost), instead of one the window manager leaves alone.
+    // Hides the panel.
+    void setManagedByCompositor(bool managed);
 
     // Places the panel for an anchor (the tray item's geometry, or an empty rectangle at the cursor) on a screen
     // (`screen` its whole geometry, `available` the part panels and docks leave free).
@@ -47,6 +51,8 @@ public:
 signals:
     // Escape was pressed in the panel.
     void dismissRequested();
+    // Managed by a compositor: the shown panel had the keyboard focus and lost it.
+    void focusLost();
     // The desktop's palette or style changed (also while the panel is hidden).
     void appearanceChanged();
 
@@ -60,6 +66,7 @@ protected:
 private:
     void reposition();
     void updateMask();
+    void remakeWindow();
 
     QWidget* content_;
     QRect anchor_;
@@ -67,6 +74,8 @@ private:
     bool placed_ = false;
     bool composited_ = false;
     bool windowed_ = false;
+    bool managed_ = false;
+    bool wasActive_ = false;
     QWindow* watchedWindow_ = nullptr;
     InputFocus focus_;
 };

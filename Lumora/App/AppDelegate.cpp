@@ -7,6 +7,7 @@
 #include <QScreen>
 #include <QTimer>
 
+#include <algorithm>
 #include <chrono>
 
 #include <cstdio>
@@ -280,10 +281,23 @@ void AppDelegate::notifierHostChanged(bool available)
 
 void AppDelegate::itemActivated(QPoint hostPoint)
 {
-    if (const std::optional<QPoint> at = HostPoint::toLogical(hostPoint, HostPoint::currentScreens())) {
-        activationPoint_ = at;
-    }
+    activationPoint_ = itemPosition(hostPoint);
     statusItemClicked(QSystemTrayIcon::Trigger);
+}
+
+// Where the StatusNotifier host says its item was clicked, in Qt's coordinates. A host that gives the position
+// inside its bar (waybar) tells only how far down: its tray sits at the end of the bar, so the panel goes to the
+// right end of the screen the pointer was last seen on, at that height.
+std::optional<QPoint> AppDelegate::itemPosition(QPoint hostPoint) const
+{
+    if (notifierItem_ != nullptr && !notifierItem_->hostGivesGlobalPositions()) {
+        const QRect screen = screenFor({QCursor::pos(), QSize(0, 0)});
+        if (screen.isEmpty()) {
+            return std::nullopt;
+        }
+        return QPoint(screen.x() + screen.width() - 1, screen.y() + std::clamp(hostPoint.y(), 0, screen.height() - 1));
+    }
+    return HostPoint::toLogical(hostPoint, HostPoint::currentScreens());
 }
 
 void AppDelegate::configurePanel()
@@ -533,7 +547,7 @@ void AppDelegate::showMenu(std::optional<QPoint> hostPoint)
     // says the click was, else the cursor.
     QRect anchor = statusItemAnchor();
     if (!statusItemHasGeometry() && hostPoint) {
-        if (const std::optional<QPoint> at = HostPoint::toLogical(*hostPoint, HostPoint::currentScreens())) {
+        if (const std::optional<QPoint> at = itemPosition(*hostPoint)) {
             anchor = {*at, QSize(0, 0)};
         }
     }

@@ -64,6 +64,7 @@ private:
     void createTrayIcon();
     void notifierHostChanged(bool available);
     void itemActivated(QPoint hostPoint);
+    std::optional<QPoint> itemPosition(QPoint hostPoint) const;
     void configurePanel();
     void registerForDisplayChanges();
     void followTray(bool starting);

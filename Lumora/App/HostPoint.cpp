@@ -26,6 +26,15 @@ std::optional<QPoint> toLogical(QPoint devicePoint, const std::vector<Screen>& s
     return std::nullopt;
 }
 
+QPoint toDevice(QPoint logical, const Screen& screen)
+{
+    const QPoint origin = screen.geometry.topLeft();
+    const double ratio = screen.devicePixelRatio > 0 ? screen.devicePixelRatio : 1.0;
+    const QPoint offset = logical - origin;
+    return origin + QPoint(static_cast<int>(std::lround(offset.x() * ratio)),
+                           static_cast<int>(std::lround(offset.y() * ratio)));
+}
+
 std::vector<Screen> currentScreens()
 {
     std::vector<Screen> screens;

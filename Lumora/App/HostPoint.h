@@ -19,6 +19,9 @@ struct Screen {
 // The host's point on the screen whose device-pixel area holds it; nothing for (0, 0) or a point on no screen.
 std::optional<QPoint> toLogical(QPoint devicePoint, const std::vector<Screen>& screens);
 
+// The other way: a point of Qt's on `screen`, in the desktop's device pixels.
+QPoint toDevice(QPoint logical, const Screen& screen);
+
 // The screens Qt knows now.
 std::vector<Screen> currentScreens();
 

@@ -1,12 +1,18 @@
 #include "Lumora/App/PopoverPanel.h"
 
+#include <QGuiApplication>
 #include <QKeyEvent>
+#include <QScreen>
 #include <QPainterPath>
 #include <QRegion>
 #include <QVBoxLayout>
 #include <QWindow>
 
+#include <string>
+
+#include "Lumora/App/HostPoint.h"
 #include "Lumora/App/PanelPlacement.h"
+#include "Lumora/Platform/Linux/Desktop/SwayIpc.h"
 #include "Lumora/UI/PopoverView.h"
 
 namespace Lumora {
@@ -20,6 +26,9 @@ constexpr Qt::WindowFlags managedFlags = Qt::Tool | Qt::FramelessWindowHint | Qt
 constexpr Qt::WindowFlags ordinaryWindowFlags =
     Qt::Window | Qt::WindowTitleHint | Qt::WindowSystemMenuHint | Qt::WindowMinimizeButtonHint |
     Qt::WindowCloseButtonHint;
+
+// How often the panel is put back where it belongs after the compositor moved it, for each size it takes.
+constexpr int maximumCompositorMoves = 3;
 
 // Room for the title bar and borders the window manager adds around an ordinary window.
 constexpr int windowFrameAllowance = 64;
@@ -137,9 +146,22 @@ void PopoverPanel::giveFocusBack()
     }
 }
 
+void PopoverPanel::moveEvent(QMoveEvent* event)
+{
+    QWidget::moveEvent(event);
+    // sway centres a floating X window again whenever it changes size (rows come and go): put it back, a few times
+    // at most for each change, in case the compositor insists.
+    if (exposed_ && placed_ && managed_ && !windowed_ && compositorMoves_ < maximumCompositorMoves &&
+        pos() != PanelPlacement::origin(anchor_, size(), screen_)) {
+        ++compositorMoves_;
+        placeThroughCompositor();
+    }
+}
+
 void PopoverPanel::resizeEvent(QResizeEvent* event)
 {
     QWidget::resizeEvent(event);
+    compositorMoves_ = 0;
     updateMask();
     reposition();
 }
@@ -175,6 +197,8 @@ void PopoverPanel::showEvent(QShowEvent* event)
 {
     QWidget::showEvent(event);
     wasActive_ = false;
+    exposed_ = false;
+    compositorMoves_ = 0;
     // A press anywhere in the floating panel gives it the keyboard focus, which the window manager does not.
     QWindow* window = windowHandle();
     if (window != nullptr && window != watchedWindow_) {
@@ -185,6 +209,11 @@ void PopoverPanel::showEvent(QShowEvent* event)
 
 bool PopoverPanel::eventFilter(QObject* watched, QEvent* event)
 {
+    if (watched == watchedWindow_ && event->type() == QEvent::Expose && managed_ && !windowed_ && !exposed_ &&
+        isVisible()) {
+        exposed_ = true;
+        placeThroughCompositor();
+    }
     if (watched == watchedWindow_ && event->type() == QEvent::MouseButtonPress && !windowed_ && !managed_ &&
         !isActiveWindow()) {
         takeFocus();
@@ -196,7 +225,25 @@ void PopoverPanel::reposition()
 {
     if (placed_ && !windowed_) {
         move(PanelPlacement::origin(anchor_, size(), screen_));
+        if (exposed_) {
+            placeThroughCompositor();
+        }
     }
+}
+
+// sway opens a managed window of an X client centred and ignores where it asks to be: it is moved there over
+// sway's IPC once it is on the screen (the compositor has mapped it by the time it is exposed).
+void PopoverPanel::placeThroughCompositor()
+{
+    if (!managed_ || windowed_ || !placed_ || !SwayIpc::isAvailable() ||
+        QGuiApplication::platformName() != QLatin1String("xcb")) {
+        return;
+    }
+    const QScreen* on = screen();
+    const HostPoint::Screen screen{on != nullptr ? on->geometry() : screen_, on != nullptr ? on->devicePixelRatio() : 1.0};
+    const QPoint at = HostPoint::toDevice(PanelPlacement::origin(anchor_, size(), screen_), screen);
+    SwayIpc::command("[id=" + std::to_string(winId()) + "] move absolute position " + std::to_string(at.x()) + " " +
+                     std::to_string(at.y()));
 }
 
 void PopoverPanel::updateMask()

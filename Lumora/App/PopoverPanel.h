@@ -1,10 +1,12 @@
 #pragma once
-// The panel that opens from the tray item: a frameless, always-on-top tool window that the window manager leaves
-// alone (no task-bar entry, not in the Alt+Tab cycle, not activated by the window manager). It sizes itself to its
-// content, never taller than its screen leaves room for, and stays anchored where it was placed: its top edge when
-// it opens below the tray item, its bottom edge when it opens above. Without a compositor its rounded corners are
-// cut with a mask. It takes the keyboard focus when shown or clicked, shows its tooltips although it is never the
-// active window in the window manager's eyes, and Escape dismisses it.
+// The panel that opens from the tray item: a frameless, always-on-top tool window. On X11 the window manager leaves
+// it alone (no task-bar entry, not in the Alt+Tab cycle, not activated by the window manager): it takes the keyboard
+// focus itself when shown or clicked and shows its tooltips although it is never the active window in the window
+// manager's eyes. On a Wayland compositor (XWayland included), which gives the keyboard only to windows it manages
+// and tells X11 nothing of clicks elsewhere, it is a managed window instead that the compositor focuses, and it
+// closes when it loses the focus. It sizes itself to its content, never taller than its screen leaves room for, and
+// stays anchored where it was placed: its top edge when it opens below the tray item, its bottom edge when it opens
+// above. Without a compositor its rounded corners are cut with a mask. Escape dismisses it.
 //
 // On a desktop without a tray the same panel is an ordinary small window titled "Lumora" instead, which the user
 // moves and closes as any other.
@@ -58,6 +60,7 @@ signals:
 
 protected:
     void changeEvent(QEvent* event) override;
+    void moveEvent(QMoveEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
     void keyPressEvent(QKeyEvent* event) override;
     void showEvent(QShowEvent* event) override;
@@ -67,6 +70,7 @@ private:
     void reposition();
     void updateMask();
     void remakeWindow();
+    void placeThroughCompositor();
 
     QWidget* content_;
     QRect anchor_;
@@ -76,6 +80,8 @@ private:
     bool windowed_ = false;
     bool managed_ = false;
     bool wasActive_ = false;
+    bool exposed_ = false;  // shown and on the screen since
+    int compositorMoves_ = 0;
     QWindow* watchedWindow_ = nullptr;
     InputFocus focus_;
 };

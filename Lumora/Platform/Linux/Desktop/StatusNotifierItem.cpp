@@ -8,7 +8,9 @@
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 #include <QDBusServiceWatcher>
+#include <QDBusReply>
 #include <QDBusVariant>
+#include <QFile>
 #include <QGuiApplication>
 #include <QImage>
 #include <QtEndian>
@@ -79,6 +81,20 @@ bool saysHostRegistered(const QDBusMessage& reply)
 {
     return reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty() &&
            qvariant_cast<QDBusVariant>(reply.arguments().constFirst()).variant().toBool();
+}
+
+// The program that owns the watcher, by its process name.
+bool isWaybar(QDBusConnection bus)
+{
+    if (bus.interface() == nullptr) {
+        return false;
+    }
+    const QDBusReply<uint> pid = bus.interface()->servicePid(QLatin1String(StatusNotifierItem::watcherService));
+    if (!pid.isValid()) {
+        return false;
+    }
+    QFile comm(QStringLiteral("/proc/%1/comm").arg(pid.value()));
+    return comm.open(QIODevice::ReadOnly) && comm.readAll().trimmed() == "waybar";
 }
 
 }  // namespace
@@ -173,6 +189,9 @@ void StatusNotifierItem::registerWithWatcher()
 
 void StatusNotifierItem::setRegistered(bool registered)
 {
+    if (registered) {
+        globalPositions_ = !isWaybar(QDBusConnection::sessionBus());
+    }
     if (registered == registered_) {
         return;
     }

@@ -80,6 +80,9 @@ public:
 
     // Registered with a watcher that has a host: the icon is in a tray.
     bool isRegistered() const { return registered_; }
+    // Whether the host's click positions are in the desktop's global space. waybar gives them inside the icon
+    // (its x) and the bar (its y) instead.
+    bool hostGivesGlobalPositions() const { return globalPositions_; }
     QString serviceName() const { return service_; }
 
     void setIcon(const QIcon& icon);
@@ -135,6 +138,7 @@ private:
     QList<StatusNotifierIcon> pixmaps_;
     QString activationToken_;
     bool registered_ = false;
+    bool globalPositions_ = true;
 };
 
 QDBusArgument& operator<<(QDBusArgument& argument, const StatusNotifierIcon& icon);

@@ -172,7 +172,7 @@ menu_items()
         --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierItem Menu 2>/dev/null |
         grep -o "objectpath '[^']*'" | cut -d"'" -f2)
     [[ -n $menu && $menu != /NO_DBUSMENU ]] || return 1
-    as_user gdbus call --session --dest "$item" --object-path "$menu" --method com.canonical.dbusmenu.GetLayout 0 -1 '[]' \
+    as_user gdbus call --session --dest "$item" --object-path "$menu" --method com.canonical.dbusmenu.GetLayout -- 0 -1 '@as []' \
         2>/dev/null | grep -o "'label': <'[^']*'>" | sed "s/'label': <'//; s/'>\$//"
 }
 has_menu_item() { menu_items | grep -qxF "$1"; }

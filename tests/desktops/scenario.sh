@@ -116,14 +116,26 @@ icon_seen()
 }
 running() { kill -0 "$1" 2>/dev/null; }
 # icon_added: what the start of lumora added to the bars (since WORK/before.png, in WORK/seen.png), at IX IY IW IH:
-# of the icon-sized changes there, the leftmost (a tray grows to the left, and the icons right of the new one only
+# of the icon-sized changes there, the one found nowhere near its place before (the icons beside a new one only
 # moved).
 icon_added()
 {
-    local box
-    box=$(changed_boxes "$WORK/before.png" "$WORK/seen.png" |
-          awk -v h="$DESKTOP_HEIGHT" '$3 <= 64 && $4 <= 64 && ($2 < 48 || $2 > h - 64)' | sort -n | head -1)
-    [[ -n $box ]] && read -r IX IY IW IH <<<"$box"
+    local x y w h differing
+    local compare=compare-im6.q16
+    command -v "$compare" >/dev/null || compare=compare
+    while read -r x y w h; do
+        session_convert "$WORK/seen.png" -crop "${w}x$h+$x+$y" +repage "$WORK/candidate.png"
+        session_convert "$WORK/before.png" -crop "$(( w + 96 ))x$(( h + 8 ))+$(( x > 48 ? x - 48 : 0 ))+$(( y > 4 ? y - 4 : 0 ))" \
+            +repage "$WORK/around.png"
+        # How many pixels differ where the candidate fits best; ImageMagick says "too dissimilar" when nowhere.
+        differing=$("$compare" -metric AE -fuzz 10% -subimage-search "$WORK/around.png" "$WORK/candidate.png" null: 2>&1)
+        if [[ $differing == *dissimilar* ]] || (( ${differing%% *} > w * h / 10 )); then
+            IX=$x IY=$y IW=$w IH=$h
+            return 0
+        fi
+    done < <(changed_boxes "$WORK/before.png" "$WORK/seen.png" |
+             awk -v h="$DESKTOP_HEIGHT" '$3 <= 64 && $4 <= 64 && ($2 < 48 || $2 > h - 64)')
+    return 1
 }
 # screen_still: two screenshots a moment apart differ in a few pixels at most (a clock may tick).
 screen_still()

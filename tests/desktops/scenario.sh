@@ -20,6 +20,8 @@ ARTIFACTS=$4
 HERE=$(cd "$(dirname "$0")" && pwd)
 # shellcheck source=desktop.sh
 source "$HERE/desktop.sh"
+# shellcheck source=../e2e-desktop/report.sh
+source "$HERE/../e2e-desktop/report.sh"
 # shellcheck source=sway.sh
 source "$HERE/${DESKTOP%%-*}.sh"
 
@@ -32,7 +34,6 @@ done
 rm -rf "$ARTIFACTS"
 mkdir -p "$ARTIFACTS"
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/lumora-desktop.XXXXXX")
-FAILURES=0
 APP_PID=""
 cleanup()
 {
@@ -43,20 +44,8 @@ cleanup()
 trap cleanup EXIT
 trap 'exit 1' INT TERM
 
-step() { echo "== $*"; }
-pass() { echo "   ok: $*"; }
-fail() { echo "   FAIL: $*"; FAILURES=$((FAILURES + 1)); }
-check() { local what=$1; shift; if "$@"; then pass "$what"; else fail "$what"; fi; }
 figure() { echo "   figure: $*"; }
 shot() { desktop_screenshot "$ARTIFACTS/$1.png" && echo "   screenshot: $ARTIFACTS/$1.png"; }
-finish()
-{
-    echo
-    if (( FAILURES == 0 )); then echo "1 passed, 0 failed"; exit 0; fi
-    echo "0 passed, 1 failed ($FAILURES checks failed)"
-    exit 1
-}
-abort() { fail "$*"; shot zz-abort; finish; }
 
 # start_lumora: lumora on the virtual desk, in the session as the user starts it, as APP_PID.
 start_lumora()

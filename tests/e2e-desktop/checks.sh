@@ -12,6 +12,8 @@ VIRTUAL_DESK=$2
 ARTIFACTS=$3
 # shellcheck source=desktop-session.sh
 source "$(dirname "${BASH_SOURCE[0]}")/desktop-session.sh"
+# shellcheck source=report.sh
+source "$(dirname "${BASH_SOURCE[0]}")/report.sh"
 
 if ! command -v Xvfb >/dev/null 2>&1; then
     echo "SKIP: Xvfb is not installed"
@@ -24,7 +26,6 @@ done
 rm -rf "$ARTIFACTS"
 mkdir -p "$ARTIFACTS"
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/lumora-e2e.XXXXXX")
-FAILURES=0
 APP_PID=""
 
 # A scenario that must do something before its session ends defines before_cleanup.
@@ -39,23 +40,11 @@ trap cleanup EXIT
 
 session_environment "$WORK"
 
-step() { echo "== $*"; }
-pass() { echo "   ok: $*"; }
-fail() { echo "   FAIL: $*"; FAILURES=$((FAILURES + 1)); }
-check() { local what=$1; shift; if "$@"; then pass "$what"; else fail "$what"; fi; }
 shot() { screenshot "$ARTIFACTS/$1.png" && echo "   screenshot: $ARTIFACTS/$1.png"; }
 desk() { "$VIRTUAL_DESK" --send "$WORK/control" "$@"; }
 desk_value() { desk "$@" | awk '$1 == "ok" {print $2}'; }
 equals() { [[ "$("${@:2}")" == "$1" ]]; }
 running() { kill -0 "$1" 2>/dev/null; }
-finish()
-{
-    echo
-    if (( FAILURES == 0 )); then echo "1 passed, 0 failed"; exit 0; fi
-    echo "0 passed, 1 failed ($FAILURES checks failed)"
-    exit 1
-}
-abort() { fail "$*"; shot "zz-abort" 2>/dev/null; finish; }
 
 # start_desktop [notray]: the virtual desktop, tried twice: one that does not come up is about this machine, not
 # about Lumora, but a second failure is reported.

@@ -10,7 +10,7 @@ packages=(
   kwin-wayland plasma-desktop plasma-workspace kded5 kactivitymanagerd qtwayland5
   sway waybar grim wtype
   xfce4-panel xfwm4 xfconf
-  weston xwayland xvfb xdotool x11-utils imagemagick dbus libglib2.0-bin python3-gi util-linux passwd
+  xwayland xvfb xdotool x11-utils imagemagick dbus libglib2.0-bin python3-gi util-linux passwd
   libwayland-dev libwayland-bin gcc pkg-config
 )
 

@@ -126,10 +126,13 @@ icon_added()
              awk -v h="$DESKTOP_HEIGHT" '$3 <= 64 && $4 <= 64 && ($2 < 48 || $2 > h - 64)')
     return 1
 }
-# screen_still: two screenshots a moment apart differ in a few pixels at most (a clock may tick).
+# screen_still: the desktop is drawn (not one flat colour, as before its shell paints) and two screenshots a moment
+# apart differ in a few pixels at most (a clock may tick).
 screen_still()
 {
-    desktop_screenshot "$WORK/still-0.png" && sleep 0.5 && desktop_screenshot "$WORK/still.png" &&
+    desktop_screenshot "$WORK/still-0.png" &&
+        [[ $(session_convert "$WORK/still-0.png" -format '%[fx:standard_deviation > 0.02]' info:) == 1 ]] &&
+        sleep 0.5 && desktop_screenshot "$WORK/still.png" &&
         [[ $(session_convert "$WORK/still-0.png" "$WORK/still.png" -compose difference -composite -colorspace gray \
              -threshold 8% -format '%[fx:mean * w * h < 400]' info:) == 1 ]]
 }
@@ -188,7 +191,7 @@ pass "started in $(( $(now_ms) - started )) ms; X clients on $DISPLAY"
 if (( DESKTOP_TRAY )); then
     step "lumora's sun in the tray"
     # The desktop settles (a wallpaper fading in, a panel laid out) before the picture the new icon is told from.
-    wait_until 30 screen_still || echo "   note: the desktop never stood still for the picture before the start"
+    wait_until 60 screen_still || echo "   note: the desktop never stood still for the picture before the start"
     cp "$WORK/still.png" "$WORK/before.png"
     started=$(now_ms)
     start_lumora first

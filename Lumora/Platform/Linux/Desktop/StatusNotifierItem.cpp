@@ -187,13 +187,11 @@ void StatusNotifierItem::registerWithWatcher()
     });
 }
 
+// Every outcome is told, also an unchanged one: the application may have counted on a host that then refused.
 void StatusNotifierItem::setRegistered(bool registered)
 {
     if (registered) {
         globalPositions_ = !isWaybar(QDBusConnection::sessionBus());
-    }
-    if (registered == registered_) {
-        return;
     }
     registered_ = registered;
     if (actions_.availabilityChanged) {

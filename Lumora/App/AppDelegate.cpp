@@ -22,6 +22,7 @@
 #include "Lumora/Platform/Linux/Desktop/Compositor.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayChangeMonitor.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayServer.h"
+#include "Lumora/Platform/Linux/Desktop/InputFocus.h"
 #include "Lumora/Platform/Linux/Desktop/OutsideClickWatcher.h"
 #include "Lumora/Platform/Linux/Desktop/ResumeMonitor.h"
 #include "Lumora/Platform/Linux/Desktop/SingleInstance.h"
@@ -437,10 +438,13 @@ void AppDelegate::show()
     panel_->placeAt(anchor, screenFor(anchor), screen != nullptr ? screen->availableGeometry() : QRect());
     panel_->setComposited(Compositor::isRunning());
     if (notifierItem_ != nullptr) {
-        // The host's token for this click lets a Wayland compositor give the new window the focus.
-        if (const QString token = notifierItem_->takeActivationToken();
-            !token.isEmpty() && QGuiApplication::platformName().startsWith(QLatin1String("wayland"))) {
-            qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
+        // The host's token for this click lets the compositor give the new window the focus.
+        if (const QString token = notifierItem_->takeActivationToken(); !token.isEmpty()) {
+            if (QGuiApplication::platformName().startsWith(QLatin1String("wayland"))) {
+                qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
+            } else {
+                InputFocus::announceActivation(*panel_, token);
+            }
         }
     }
     panel_->show();

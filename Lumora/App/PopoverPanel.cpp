@@ -240,7 +240,8 @@ void PopoverPanel::placeThroughCompositor()
         return;
     }
     const QScreen* on = screen();
-    const HostPoint::Screen screen{on != nullptr ? on->geometry() : screen_, on != nullptr ? on->devicePixelRatio() : 1.0};
+    const HostPoint::Screen screen{on != nullptr ? on->geometry() : screen_,
+                                   on != nullptr ? on->devicePixelRatio() : 1.0};
     const QPoint at = HostPoint::toDevice(PanelPlacement::origin(anchor_, size(), screen_), screen);
     SwayIpc::command("[id=" + std::to_string(winId()) + "] move absolute position " + std::to_string(at.x()) + " " +
                      std::to_string(at.y()));

@@ -113,8 +113,11 @@ QIcon trayIcon(const QPalette& palette)
 {
     // Amber reads on the light and the dark panels of common desktops; a deeper one on a light desktop, a
     // brighter one on a dark desktop.
+    // Always Lumora's own sun in that amber, never the icon theme's: a theme's brightness icon is a grey glyph
+    // (Breeze's), which would lose the colour that tells Lumora's icon apart in a tray.
     const bool dark = palette.color(QPalette::Window).lightnessF() < 0.5;
-    return icon(QStringLiteral("sun.max"), dark ? QColor(0xFF, 0xC1, 0x2E) : QColor(0xE0, 0x98, 0x00));
+    initSymbolResources();
+    return tinted(QIcon(QStringLiteral(":/symbols/sun.max.svg")), dark ? QColor(0xFF, 0xC1, 0x2E) : QColor(0xE0, 0x98, 0x00));
 }
 
 }  // namespace Lumora::Symbols

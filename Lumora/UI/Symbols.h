@@ -16,7 +16,8 @@ namespace Lumora::Symbols {
 // null icon.
 QIcon icon(const QString& name, const QColor& tint);
 
-// The tray item's image: the "sun.max" symbol in an amber that reads on the panels of a desktop with `palette`.
+// The tray item's image: Lumora's own "sun.max" (never the icon theme's) in an amber that reads on the panels of a
+// desktop with `palette`.
 QIcon trayIcon(const QPalette& palette);
 
 }  // namespace Lumora::Symbols

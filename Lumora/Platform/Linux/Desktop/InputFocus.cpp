@@ -7,6 +7,7 @@
 #include <xcb/xcb.h>
 
 #include <cstdlib>
+#include <cstring>
 
 namespace Lumora {
 namespace {
@@ -54,6 +55,30 @@ void InputFocus::take(QWidget& window)
         previous_ = *before;
     }
     focus(connection, own);
+}
+
+void InputFocus::announceActivation(QWidget& window, const QString& token)
+{
+    xcb_connection_t* connection = x11();
+    if (connection == nullptr || token.isEmpty()) {
+        return;
+    }
+    const auto intern = [connection](const char* name) -> xcb_atom_t {
+        xcb_intern_atom_reply_t* reply = xcb_intern_atom_reply(
+            connection, xcb_intern_atom(connection, 0, static_cast<std::uint16_t>(std::strlen(name)), name), nullptr);
+        const xcb_atom_t atom = reply != nullptr ? reply->atom : xcb_atom_t{XCB_ATOM_NONE};
+        std::free(reply);
+        return atom;
+    };
+    const xcb_atom_t startupId = intern("_NET_STARTUP_ID");
+    const xcb_atom_t utf8 = intern("UTF8_STRING");
+    if (startupId == XCB_ATOM_NONE || utf8 == XCB_ATOM_NONE) {
+        return;
+    }
+    const QByteArray value = token.toUtf8();
+    xcb_change_property(connection, XCB_PROP_MODE_REPLACE, static_cast<xcb_window_t>(window.winId()), startupId, utf8,
+                        8, static_cast<std::uint32_t>(value.size()), value.constData());
+    xcb_flush(connection);
 }
 
 void InputFocus::giveBack(QWidget& window)

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 
+class QString;
 class QWidget;
 
 namespace Lumora {
@@ -17,6 +18,10 @@ public:
     void take(QWidget& window);
     // While `window` still has the focus, gives it back to the window remembered by take(). Call before hiding.
     void giveBack(QWidget& window);
+    // Before `window` is shown on X11: the activation token that the tray's host gave with the click, as the
+    // window's startup id, by which a compositor (Mutter) lets the new window have the focus it would otherwise
+    // refuse to a program that had no input of its own.
+    static void announceActivation(QWidget& window, const QString& token);
 
 private:
     std::optional<std::uint32_t> previous_;

@@ -15,6 +15,7 @@
 #include <QImage>
 #include <QtEndian>
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -187,13 +188,11 @@ void StatusNotifierItem::registerWithWatcher()
     });
 }
 
+// Every outcome is told, also an unchanged one: the application may have counted on a host that then refused.
 void StatusNotifierItem::setRegistered(bool registered)
 {
     if (registered) {
         globalPositions_ = !isWaybar(QDBusConnection::sessionBus());
-    }
-    if (registered == registered_) {
-        return;
     }
     registered_ = registered;
     if (actions_.availabilityChanged) {
@@ -203,11 +202,21 @@ void StatusNotifierItem::setRegistered(bool registered)
 
 void StatusNotifierItem::setIcon(const QIcon& icon)
 {
-    pixmaps_ = pixmapsOf(icon);
+    QList<StatusNotifierIcon> pixmaps = pixmapsOf(icon);
     // By name only where the desktop's icon theme has Lumora's own (an installed Lumora): a host that finds no
     // icon under the name would draw none.
     const QString installed = QGuiApplication::desktopFileName();
-    iconName_ = QIcon::hasThemeIcon(installed) ? installed : QString();
+    QString name = QIcon::hasThemeIcon(installed) ? installed : QString();
+    const bool same = name == iconName_ && pixmaps.size() == pixmaps_.size() &&
+                      std::equal(pixmaps.cbegin(), pixmaps.cend(), pixmaps_.cbegin(),
+                                 [](const StatusNotifierIcon& a, const StatusNotifierIcon& b) {
+                                     return a.width == b.width && a.height == b.height && a.pixels == b.pixels;
+                                 });
+    if (same) {
+        return;  // hosts fetch the icon anew on every announcement (GNOME's shows a spinner meanwhile)
+    }
+    pixmaps_ = std::move(pixmaps);
+    iconName_ = std::move(name);
     emit NewIcon();
 }
 

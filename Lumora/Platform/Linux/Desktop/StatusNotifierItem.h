@@ -42,7 +42,7 @@ struct StatusNotifierActions {
     std::function<void(QPoint)> activate;           // a click (left button)
     std::function<void(QPoint)> secondaryActivate;  // a middle click
     std::function<void(QPoint)> contextMenu;        // a right click on a host that leaves the menu to the item
-    std::function<void(bool)> availabilityChanged;  // a watcher with a host came (true) or went (false)
+    std::function<void(bool)> availabilityChanged;  // after each registration: in a host or not; false: watcher gone
 };
 
 class StatusNotifierItem : public QObject {

@@ -115,8 +115,9 @@ bool command(const std::string& text)
         return false;
     }
     // One result per command: [{"success": true}]; a failure says false.
-    return answer.find("\"success\": false") == std::string::npos && answer.find("\"success\":false") == std::string::npos &&
-           answer.find("success") != std::string::npos;
+    const bool failed = answer.find("\"success\": false") != std::string::npos ||
+                        answer.find("\"success\":false") != std::string::npos;
+    return !failed && answer.find("success") != std::string::npos;
 }
 
 }  // namespace Lumora::SwayIpc

@@ -156,10 +156,11 @@ near()
 # a button the pointer lit up).
 changed_boxes()
 {
-    session_convert "$1" "$2" -compose difference -composite -colorspace gray -threshold 8% -morphology Dilate Square:2 \
+    session_convert "$1" "$2" -alpha off -compose difference -composite -colorspace gray -threshold 8% \
+        -morphology Dilate Square:2 \
         -define connected-components:verbose=true -define connected-components:area-threshold=200 \
         -connected-components 8 null: 2>/dev/null |
-        awk '$NF == "gray(255)" { split($2, p, /[x+]/); print $(NF - 1), p[3], p[4], p[1], p[2]; n++ } END { exit !n }' |
+        awk '$NF ~ /^graya?\(255/ { split($2, p, /[x+]/); print $(NF - 1), p[3], p[4], p[1], p[2]; n++ } END { exit !n }' |
         sort -rn | cut -d' ' -f2-
 }
 changed_box() { changed_boxes "$@" | head -1; [[ ${PIPESTATUS[0]} == 0 ]]; }
@@ -289,6 +290,7 @@ if (( DESKTOP_TRAY )); then
         check "Quit Lumora from it ends lumora with status 0" ended_well
     else
         fail "no menu on a right click on the icon"
+        cp "$WORK/before-menu.png" "$ARTIFACTS/03-before-right-click.png"
         shot 03-no-menu
     fi
     if running "$APP_PID"; then

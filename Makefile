@@ -54,7 +54,7 @@ fuzz: deps $(FUZZ)/build.ninja
 	done
 
 bench: release
-	@for b in $(RELEASE)/bench/*/bench_*; do [ -x "$$b" ] && { echo "== $$b"; $$b || exit 1; }; done
+	@for b in $(RELEASE)/bench/*/bench_*; do [ -f "$$b" ] && [ -x "$$b" ] || continue; echo "== $$b"; $$b || exit 1; done
 
 # The tray application on the virtual desk (emulated monitors and a laptop panel): in your X session when there is
 # one, else on a virtual desktop, with a screenshot of the open panel.

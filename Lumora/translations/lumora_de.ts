@@ -19,6 +19,10 @@
         <source>Brightness and standby for every display on the desk.</source>
         <translation>Helligkeit und Standby für jeden Bildschirm auf dem Schreibtisch.</translation>
     </message>
+    <message>
+        <source>Free software under the GNU General Public License, version 3 or any later version. It comes with no warranty.</source>
+        <translation>Freie Software unter der GNU General Public License, Version 3 oder jeder späteren Version. Ohne jede Gewährleistung.</translation>
+    </message>
 </context>
 <context>
     <name>Lumora::AppDelegate</name>

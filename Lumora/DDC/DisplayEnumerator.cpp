@@ -1,6 +1,7 @@
 #include "Lumora/DDC/DisplayEnumerator.h"
 
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "Lumora/DDC/DDCBackend.h"
@@ -23,9 +24,17 @@ struct RegService {
     IOAVServiceRef service;
 };
 
-ServiceIdentity identityOf(const EDIDIdentity& edid)
+// The EDID's base block: its first 128 bytes, none when it is shorter.
+std::vector<std::uint8_t> baseBlockOf(std::span<const std::uint8_t> edid)
 {
-    return {edid.identityUUID, edid.productName, static_cast<std::int64_t>(edid.serial)};
+    if (edid.size() < 128)
+        return {};
+    return {edid.begin(), edid.begin() + 128};
+}
+
+ServiceIdentity identityOf(const EDIDIdentity& edid, std::span<const std::uint8_t> bytes)
+{
+    return {edid.identityUUID, edid.productName, static_cast<std::int64_t>(edid.serial), baseBlockOf(bytes)};
 }
 
 // The channels no connector owns, each with the identity of the monitor that answers on it, in walk order (by
@@ -39,7 +48,7 @@ std::vector<RegService> collectUnownedServices(const std::vector<DrmConnector>& 
         if (!edid)
             continue;
         if (IOAVServiceRef service = create(adapter.devicePath.c_str()))
-            result.push_back({identityOf(EDID::parse(*edid)), std::move(service)});
+            result.push_back({identityOf(EDID::parse(*edid), *edid), std::move(service)});
     }
     return result;
 }
@@ -64,8 +73,9 @@ std::vector<DisplayInfo> matchExternals(const std::vector<const DrmConnector*>& 
     bool anyWithoutChannel = false;
     for (const DrmConnector* connector : externals) {
         EDIDIdentity edid = EDID::parse(connector->edid);
-        displays.push_back({{connector->displayID, edid.vendor, edid.model, edid.serial},
-                            connector->ddcDevicePath.has_value()});
+        displays.push_back(
+            {{connector->displayID, edid.vendor, edid.model, edid.serial, baseBlockOf(connector->edid)},
+             connector->ddcDevicePath.has_value()});
         edids.push_back(std::move(edid));
         anyWithoutChannel = anyWithoutChannel || !connector->ddcDevicePath;
     }
@@ -85,7 +95,7 @@ std::vector<DisplayInfo> matchExternals(const std::vector<const DrmConnector*>& 
         }
         // A connector's own channel that cannot be opened leaves its display out.
         if (IOAVServiceRef service = create(externals[choice.display]->ddcDevicePath->c_str()))
-            result.push_back(info(id, {identityOf(edids[choice.display]), std::move(service)}));
+            result.push_back(info(id, {identityOf(edids[choice.display], {}), std::move(service)}));
     }
     return result;
 }

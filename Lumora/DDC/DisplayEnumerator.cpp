@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Lumora/DDC/DDCBackend.h"
+#include "Lumora/DDC/DDCService.h"
 #include "Lumora/DDC/IOAVService.h"
 #include "Lumora/DDC/InternalBackend.h"
 #include "Lumora/Platform/Linux/DisplayAdapters.h"
@@ -44,7 +45,8 @@ std::vector<RegService> collectUnownedServices(const std::vector<DrmConnector>& 
 {
     std::vector<RegService> result;
     for (const Platform::DisplayAdapter& adapter : Platform::DisplayAdapters::unowned(connectors)) {
-        std::optional<std::array<std::uint8_t, 128>> edid = Platform::EdidEeprom::readBaseBlock(adapter.devicePath);
+        std::optional<std::array<std::uint8_t, 128>> edid = Platform::EdidEeprom::readBaseBlock(
+            adapter.devicePath, std::chrono::steady_clock::now() + DDCService::busPatience);
         if (!edid)
             continue;
         if (IOAVServiceRef service = create(adapter.devicePath.c_str()))

@@ -10,7 +10,7 @@
 #include "Lumora/DDC/InternalBackend.h"
 #include "Lumora/Platform/Linux/DisplayAdapters.h"
 #include "Lumora/Platform/Linux/DrmConnectors.h"
-#include "Lumora/Platform/Linux/EdidEeprom.h"
+#include "Lumora/Platform/Linux/EdidCache.h"
 #include "LumoraCore/DisplayPairing.h"
 #include "LumoraCore/EDID.h"
 
@@ -40,13 +40,14 @@ ServiceIdentity identityOf(const EDIDIdentity& edid, std::span<const std::uint8_
 
 // The channels no connector owns, each with the identity of the monitor that answers on it, in walk order (by
 // card, then adapter number). A channel whose EDID cannot be read without writing has no monitor behind it and
-// is no candidate; neither is one whose service cannot be created.
+// is no candidate; neither is one whose service cannot be created. Their EDIDs are read once and kept until a
+// connector changes (EdidCache).
 std::vector<RegService> collectUnownedServices(const std::vector<DrmConnector>& connectors, IOAVService::CreateFn create)
 {
     std::vector<RegService> result;
     for (const Platform::DisplayAdapter& adapter : Platform::DisplayAdapters::unowned(connectors)) {
-        std::optional<std::array<std::uint8_t, 128>> edid = Platform::EdidEeprom::readBaseBlock(
-            adapter.devicePath, std::chrono::steady_clock::now() + DDCService::busPatience);
+        std::optional<std::array<std::uint8_t, 128>> edid = Platform::EdidCache::baseBlock(
+            connectors, adapter, std::chrono::steady_clock::now() + DDCService::busPatience);
         if (!edid)
             continue;
         if (IOAVServiceRef service = create(adapter.devicePath.c_str()))

@@ -137,3 +137,48 @@ TEST_F(OnDesk, ADDCLinkToNowhereLeavesTheConnectorOut)
         EXPECT_NE(display.id, 120u);
 }
 
+
+TEST_F(OnDesk, TheEDIDsOfChannelsNoConnectorOwnsAreReadAgainOnlyWhenAConnectorChanges)
+{
+    // Two monitors behind an MST hub: their connectors link no channel, so each DPMST adapter's EDID is read.
+    for (const char* port :
+         {R"({"name": "DP-3", "edid": {"vendor": "DEL", "model": 1}, "ddc": {"bus": 7, "via": "pci"}, "monitor": {}})",
+          R"({"name": "DP-4", "edid": {"vendor": "ACR", "model": 2}, "ddc": {"bus": 8, "via": "pci"}, "monitor": {}})"}) {
+        ASSERT_EQ(desk->control(std::string("add 0 ") + port), "ok");
+    }
+    const struct {
+        const char* what;
+        std::string control;     // what happens on the desk before the enumeration
+        std::size_t listed;      // displays found
+        int reads7, reads8;      // EDID reads on each MST bus
+    } steps[] = {
+        {"first enumeration", "", 6, 2, 2},
+        {"again: nothing read", "", 6, 0, 0},
+        {"a connector unplugged", "unplug card0-DP-3", 5, 1, 2},  // DP-3's EEPROM no longer answers
+        {"again: what was read is kept, what was not is asked again", "", 5, 1, 0},
+        {"plugged again", "plug card0-DP-3", 6, 2, 2},
+        {"a monitor with its own channel unplugged", "unplug card0-HDMI-A-1", 5, 2, 2},
+        {"plugged again", "plug card0-HDMI-A-1", 6, 2, 2},
+        {"and again: nothing read", "", 6, 0, 0},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.what);
+        if (!step.control.empty()) {
+            ASSERT_EQ(desk->control(step.control), "ok");
+        }
+        desk->clearTransactions();
+        EXPECT_EQ(DisplayEnumerator::allDisplays().size(), step.listed);
+        int reads[2] = {0, 0};
+        for (const Transaction& t : desk->transactions()) {
+            EXPECT_EQ(t.direction, VirtualDesk::Direction::Read);
+            if (t.address == 0x50 && (t.bus == 7 || t.bus == 8)) {
+                ++reads[t.bus - 7];
+            }
+        }
+        EXPECT_EQ(reads[0], step.reads7);
+        EXPECT_EQ(reads[1], step.reads8);
+    }
+    for (const char* port : {"card0-DP-3", "card0-DP-4"}) {
+        ASSERT_EQ(desk->control(std::string("remove ") + port), "ok");
+    }
+}

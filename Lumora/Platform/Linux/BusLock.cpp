@@ -3,6 +3,8 @@
 #include <sys/file.h>
 
 #include <cerrno>
+#include <map>
+#include <memory>
 #include <thread>
 
 namespace Lumora::Platform {
@@ -12,9 +14,22 @@ namespace {
 // latency and few wake-ups.
 constexpr std::chrono::milliseconds retryInterval{1};
 
+// This process's lock of each node, kept for the run.
+std::mutex& nodeLock(const std::string& devicePath)
+{
+    static std::mutex registryMutex;
+    static std::map<std::string, std::unique_ptr<std::mutex>> locks;
+    std::lock_guard<std::mutex> hold(registryMutex);
+    std::unique_ptr<std::mutex>& slot = locks[devicePath];
+    if (!slot)
+        slot = std::make_unique<std::mutex>();
+    return *slot;
+}
+
 }  // namespace
 
-BusLock::BusLock(int fd, Clock::time_point deadline)
+BusLock::BusLock(const std::string& devicePath, int fd, Clock::time_point deadline)
+    : inProcess_(nodeLock(devicePath))
 {
     for (;;) {
         if (::flock(fd, LOCK_EX | LOCK_NB) == 0) {
@@ -22,19 +37,21 @@ BusLock::BusLock(int fd, Clock::time_point deadline)
             held_ = true;
             return;
         }
-        if (errno == EINTR)
+        const int error = errno;
+        if (error == EINTR)
             continue;
-        if (errno != EWOULDBLOCK) {
-            held_ = errno == ENOLCK || errno == EINVAL;
-            return;
+        if (error != EWOULDBLOCK || Clock::now() >= deadline) {
+            held_ = error == ENOLCK || error == EINVAL;
+            break;
         }
-        if (Clock::now() >= deadline)
-            return;
         std::this_thread::sleep_for(retryInterval);
     }
+    if (!held_)
+        inProcess_.unlock();
 }
 
-BusLock::BusLock(BusLock&& other) noexcept : fd_(other.fd_), held_(other.held_)
+BusLock::BusLock(BusLock&& other) noexcept
+    : inProcess_(std::move(other.inProcess_)), fd_(other.fd_), held_(other.held_)
 {
     other.fd_ = -1;
     other.held_ = false;

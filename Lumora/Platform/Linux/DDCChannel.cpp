@@ -44,8 +44,7 @@ bool isPowerOn(std::span<const std::uint8_t> set)
 
 // What the process knows of one monitor's timing, shared by every channel open on its node.
 struct DDCChannel::Monitor {
-    std::mutex exchange;  // held for a whole exchange, by holdBus
-    std::mutex turn;      // held for a whole transfer, its waits included
+    std::mutex turn;  // held for a whole transfer, its waits included
     std::vector<std::uint8_t> lastSet;  // the last Set the monitor acknowledged; empty before the first
     Clock::time_point lastSetAt;       // when the monitor had acknowledged it: its busy time ends by then + busyTime
     Clock::time_point lastSetSentAt;   // when it was sent: the monitor's busy time cannot have begun before
@@ -141,15 +140,10 @@ DDCChannel::~DDCChannel() = default;
 
 std::shared_ptr<void> DDCChannel::holdBus(std::chrono::steady_clock::time_point deadline)
 {
-    struct Hold {
-        std::unique_lock<std::mutex> inProcess;
-        BusLock acrossPrograms;
-    };
-    std::unique_lock<std::mutex> inProcess(monitor_->exchange);
-    BusLock acrossPrograms(device_->descriptor(), deadline);
-    if (!acrossPrograms)
+    auto bus = std::make_shared<BusLock>(path_, device_->descriptor(), deadline);
+    if (!*bus)
         return nullptr;
-    return std::make_shared<Hold>(Hold{std::move(inProcess), std::move(acrossPrograms)});
+    return bus;
 }
 
 int DDCChannel::write(std::uint8_t address, std::span<const std::uint8_t> bytes)

@@ -59,9 +59,9 @@ public:
     // One read message of `buffer.size()` bytes from `address`; 0 or an errno value.
     int read(std::uint8_t address, std::span<std::uint8_t> buffer);
 
-    // Holds the monitor's bus for one exchange: first against this process's other channels of the monitor, for
-    // as long as their exchanges take (they are bounded), then against other programs (BusLock) until `deadline`
-    // at most. Null when another program kept the bus; else the bus is let go when the result is destroyed.
+    // Holds the monitor's bus for one exchange (BusLock): against this process's other exchanges on the node for as
+    // long as they take, against other programs until `deadline` at most. Null when another program kept the bus;
+    // else the bus is let go when the result is destroyed.
     std::shared_ptr<void> holdBus(std::chrono::steady_clock::time_point deadline);
 
     const std::string& path() const { return path_; }

@@ -48,7 +48,7 @@ std::optional<std::array<std::uint8_t, 128>> readBaseBlock(const std::string& de
         return std::nullopt;
     std::array<std::uint8_t, 2 * chunk> eeprom{};
     bool read = false;
-    if (const BusLock bus(fd, deadline); bus)
+    if (const BusLock bus(devicePath, fd, deadline); bus)
         read = readChunk(fd, eeprom.data()) && readChunk(fd, eeprom.data() + chunk);
     ::close(fd);
     if (!read)

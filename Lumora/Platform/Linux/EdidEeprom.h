@@ -9,8 +9,8 @@
 // (LumoraCore/EDID.h). Each message is 128 bytes because an MST port carries at most 255 bytes a message. The
 // 256 bytes read leave the EEPROM's address where they found it.
 //
-// The two reads are one exchange: the bus is held throughout (BusLock), so that another program's EDID read,
-// which would move the EEPROM's address, never comes between them.
+// The two reads are one exchange: the bus is held throughout (BusLock), so that another EDID read, which would
+// move the EEPROM's address, or a DDC/CI exchange never comes between them.
 
 #include <array>
 #include <chrono>

@@ -180,4 +180,22 @@ TEST_F(ControllerOnDesk, ARefreshReadsAMonitorOnlyOnceItsWriteHasCompleted)
     EXPECT_EQ(watch.shown(dellID).brightness, 0.3);
 }
 
+// Identical monitors behind an MST hub (equal vendor, model and binary serial, their own serial strings), their
+// buses in the reverse order of their connectors: each display's slider moves its own monitor.
+TEST(ControllerOnTwinDesk, EachTwinsSliderMovesItsOwnMonitor)
+{
+    VirtualDesk::Desk desk{VirtualDesk::DeskConfig::fromJson(R"({"cards": [{"connectors": [
+        {"name": "DP-3", "connectorId": 120, "edid": {"vendor": "DEL", "model": 41156, "serial": 16843009,
+         "serialText": "CFV9N9C", "name": "DELL P2419H"}, "ddc": {"bus": 8, "via": "pci"}, "monitor": {}},
+        {"name": "DP-4", "connectorId": 121, "edid": {"vendor": "DEL", "model": 41156, "serial": 16843009,
+         "serialText": "7FV9N9C", "name": "DELL P2419H"}, "ddc": {"bus": 7, "via": "pci"}, "monitor": {}}]}]})")};
+    DisplayController controller;
+    Watch watch{controller};
+    ASSERT_TRUE(watch.refreshAndWait());
+    controller.setBrightness(120, 0.25);
+    controller.setBrightness(121, 0.75);
+    EXPECT_TRUE(pumpUntil([&] { return desk.brightness("card0-DP-3") == 25 && desk.brightness("card0-DP-4") == 75; }));
+    EXPECT_THAT(desk.violations(), ::testing::IsEmpty());
+}
+
 }  // namespace

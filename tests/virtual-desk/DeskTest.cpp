@@ -319,7 +319,7 @@ TEST(DeskTest, AdaptersThatNothingLinksSitUnderTheCardsPCIDevice)
 TEST(DeskTest, TheEDIDEEPROMAnswersFromWhereTheLastReadStoppedAndAnMSTPortRefusesLongMessages)
 {
     Desk desk(mstDesk(), kQuiet);
-    Bytes eeprom = VirtualDesk::EdidConfig{"DEL", 41156, 0, "DELL P2419H", std::nullopt}.bytes();
+    Bytes eeprom = VirtualDesk::EdidConfig{"DEL", 41156, 0, "DELL P2419H", std::nullopt, std::nullopt}.bytes();
     eeprom.insert(eeprom.end(), 128, 0xFF);  // a 256-byte EEPROM holding one block
     auto from = [&](size_t at, size_t n) {
         Bytes out;

@@ -243,6 +243,11 @@ EdidConfig parseEdid(Obj o)
     e.name = o.string("name", e.name);
     if (e.name.size() > 13)
         fail(o.sub("name"), "at most 13 characters");
+    if (o.has("serialText")) {
+        e.serialText = o.string("serialText", "");
+        if (e.serialText->size() > 13)
+            fail(o.sub("serialText"), "at most 13 characters");
+    }
     return e;
 }
 
@@ -318,7 +323,7 @@ std::vector<uint8_t> EdidConfig::bytes() const
         for (; i < 13; ++i)
             e[at + 5 + i] = 0x20;
     };
-    text(90, 0xFF, std::to_string(serial));
+    text(90, 0xFF, serialText.value_or(std::to_string(serial)));
     if (name.empty())
         e[108 + 3] = 0x10;  // dummy descriptor
     else
@@ -552,7 +557,7 @@ DeskConfig DeskConfig::defaultDesk()
     ConnectorConfig dp1;
     dp1.name = "DP-1";
     dp1.connectorId = 103;
-    dp1.edid = EdidConfig{"DEL", 0xA0C4, 0x4C4B3132, "DELL U2720Q", std::nullopt};
+    dp1.edid = EdidConfig{"DEL", 0xA0C4, 0x4C4B3132, "DELL U2720Q", std::nullopt, std::nullopt};
     dp1.ddc = DdcConfig{5, DdcVia::Aux, "AUX B/DDI B/PHY B"};
     dp1.monitor = MonitorConfig::realistic();
     dp1.monitor->current = 50;
@@ -569,7 +574,7 @@ DeskConfig DeskConfig::defaultDesk()
     ConnectorConfig hdmi;
     hdmi.name = "HDMI-A-1";
     hdmi.connectorId = 110;
-    hdmi.edid = EdidConfig{"GSM", 0x5B09, 0x0005A4B1, "LG HDR 4K", std::nullopt};
+    hdmi.edid = EdidConfig{"GSM", 0x5B09, 0x0005A4B1, "LG HDR 4K", std::nullopt, std::nullopt};
     hdmi.ddc = DdcConfig{3, DdcVia::Link, "i915 gmbus dpb"};
     hdmi.monitor = MonitorConfig::realistic();
     hdmi.monitor->current = 70;
@@ -577,7 +582,7 @@ DeskConfig DeskConfig::defaultDesk()
     ConnectorConfig edp;
     edp.name = "eDP-1";
     edp.connectorId = 95;
-    edp.edid = EdidConfig{"BOE", 0x08DF, 0, "", std::nullopt};
+    edp.edid = EdidConfig{"BOE", 0x08DF, 0, "", std::nullopt, std::nullopt};
     edp.ddc = DdcConfig{4, DdcVia::Aux, "AUX A/DDI A/PHY A"};
 
     card.connectors = {edp, dp1, dp2, hdmi};

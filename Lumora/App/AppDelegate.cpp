@@ -217,9 +217,13 @@ SessionBus::Claim AppDelegate::serveSessionBus()
     SessionBusActions actions;
     actions.showPanel = [this] { showPanel(); };
     actions.displays = [this]() -> const std::vector<DisplaySnapshot>& { return controller_.displays(); };
-    actions.setBrightness = [this](std::uint32_t id, double fraction) { controller_.setBrightness(id, fraction); };
-    actions.step = [this](std::uint32_t id, double delta) { controller_.step(id, delta); };
-    actions.togglePower = [this](std::uint32_t id) { controller_.togglePower(id); };
+    // Any process of the session may call these as fast as it likes: their standby and wake commands are folded.
+    constexpr auto folded = DisplayController::PowerCommands::newestOnly;
+    actions.setBrightness = [this](std::uint32_t id, double fraction) {
+        controller_.setBrightness(id, fraction, folded);
+    };
+    actions.step = [this](std::uint32_t id, double delta) { controller_.step(id, delta, folded); };
+    actions.togglePower = [this](std::uint32_t id) { controller_.togglePower(id, folded); };
     actions.refresh = [this] { controller_.refresh(); };
     actions.displayInUse = [this]() -> std::optional<std::uint32_t> {
         const std::optional<TargetResolver::Decision> inUse = DisplayInUse::resolve(controller_.displays());

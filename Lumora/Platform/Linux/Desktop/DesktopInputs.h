@@ -24,9 +24,9 @@ public:
     virtual std::string name() const = 0;
     // Asked afresh at every call. Empty when the desktop tells nothing (it went away).
     virtual DesktopView read() = 0;
-    // What the user must do for Lumora to see the window they work in, when something is missing there (an
-    // extension not enabled); empty when nothing is.
-    virtual std::string missing() const { return {}; }
+    // What the desktop still needs for Lumora to see the window the user works in.
+    enum class Need { nothing, gnomeShellExtension };
+    virtual Need missing() const { return Need::nothing; }
 
     // The desktop of this session: sway when SWAYSOCK is set, Hyprland when HYPRLAND_INSTANCE_SIGNATURE is, KWin
     // or GNOME Shell on a Wayland session whose XDG_CURRENT_DESKTOP names KDE or GNOME, else X11.

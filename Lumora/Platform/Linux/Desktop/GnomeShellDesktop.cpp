@@ -40,8 +40,7 @@ public:
                                                             extensionService, QStringLiteral("Where"));
         const QDBusMessage answer = QDBusConnection::sessionBus().call(where, QDBus::Block, answerWithinMs);
         const QList<QVariant> at = answer.arguments();
-        extensionAnswers_ = answer.type() == QDBusMessage::ReplyMessage && at.size() == 7;
-        if (extensionAnswers_) {
+        if (answer.type() == QDBusMessage::ReplyMessage && at.size() == 7) {
             if (at[0].toBool())
                 window = Rect{at[1].toDouble(), at[2].toDouble(), at[3].toDouble(), at[4].toDouble()};
             pointer = Point{at[5].toDouble(), at[6].toDouble()};
@@ -49,16 +48,17 @@ public:
         return DesktopLayout::view(GnomeShellDesktop::answers(state, window, pointer));
     }
 
-    std::string missing() const override
+    // The extension is enabled when it owns its name on the session bus.
+    Need missing() const override
     {
-        if (extensionAnswers_)
-            return {};
-        return "On GNOME, Lumora needs its GNOME Shell extension to see the window you work in: enable it with "
-               "\"gnome-extensions enable lumora@lumora.org\" (log out and in once after installing Lumora).";
+        QDBusMessage owned = QDBusMessage::createMethodCall(
+            QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+            QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameHasOwner"));
+        owned << extensionService;
+        const QDBusMessage reply = QDBusConnection::sessionBus().call(owned, QDBus::Block, answerWithinMs);
+        const bool enabled = reply.type() != QDBusMessage::ReplyMessage || reply.arguments().value(0).toBool();
+        return enabled ? Need::nothing : Need::gnomeShellExtension;
     }
-
-private:
-    bool extensionAnswers_ = true;  // until asked
 };
 
 }  // namespace

@@ -219,10 +219,16 @@ SessionBus::Claim AppDelegate::serveSessionBus()
     actions.displays = [this]() -> const std::vector<DisplaySnapshot>& { return controller_.displays(); };
     // Any process of the session may call these as fast as it likes: their standby and wake commands are folded.
     constexpr auto folded = DisplayController::PowerCommands::newestOnly;
+    // Their changes show in the on-screen display, as a key's do: a script or a shortcut changes a monitor out of
+    // the user's sight of any slider.
     actions.setBrightness = [this](std::uint32_t id, double fraction) {
         controller_.setBrightness(id, fraction, folded);
+        osd_.show(id);
     };
-    actions.step = [this](std::uint32_t id, double delta) { controller_.step(id, delta, folded); };
+    actions.step = [this](std::uint32_t id, double delta) {
+        controller_.step(id, delta, folded);
+        osd_.show(id);
+    };
     actions.togglePower = [this](std::uint32_t id) { controller_.togglePower(id, folded); };
     actions.refresh = [this] { controller_.refresh(); };
     actions.displayInUse = [this]() -> std::optional<std::uint32_t> {
@@ -241,6 +247,7 @@ void AppDelegate::applicationDidFinishLaunching()
 {
     configureStatusItem();
     hotkeys_ = std::make_unique<HotkeyService>(controller_);
+    connect(hotkeys_.get(), &HotkeyService::adjusted, &osd_, &OnScreenDisplay::show);
     configurePanel();
     controller_.refresh();
     registerForDisplayChanges();

@@ -17,6 +17,7 @@
 #include <optional>
 
 #include "Lumora/App/DisplayController.h"
+#include "Lumora/App/OnScreenDisplay.h"
 #include "Lumora/Platform/Linux/Desktop/SessionBus.h"
 #include "Lumora/Hotkeys/HotkeyService.h"
 #include "Lumora/Updater/Updater.h"
@@ -76,6 +77,7 @@ private:
     QRect statusItemAnchor() const;
 
     DisplayController controller_;
+    OnScreenDisplay osd_{controller_};  // after a key or a bus call; never after the panel's sliders
     Updater updater_;
     std::unique_ptr<HotkeyService> hotkeys_;  // outlives the panel, which shows it
     std::unique_ptr<QSystemTrayIcon> statusItem_;

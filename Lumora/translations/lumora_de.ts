@@ -148,6 +148,13 @@ LUMORA_PROBE=1 lumora listet stattdessen alle Bildschirme auf; siehe lumora(1).<
     </message>
 </context>
 <context>
+    <name>Lumora::OsdWindow</name>
+    <message>
+        <source>%1: brightness %2 %</source>
+        <translation>%1: Helligkeit %2 %</translation>
+    </message>
+</context>
+<context>
     <name>Lumora::PopoverPanel</name>
     <message>
         <source>Lumora</source>

@@ -9,7 +9,7 @@ TSAN    := build/tsan
 FUZZ    := build/fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: all deps release run test tsan fuzz bench demo demo-probe install deb check-package clean
+.PHONY: all deps release run test test-desktops tsan fuzz bench demo demo-probe install deb check-package clean
 
 all: release
 
@@ -31,6 +31,14 @@ $(TESTING)/build.ninja:
 test: deps $(TESTING)/build.ninja
 	$(CMAKE) --build $(TESTING) -j $(JOBS)
 	ctest --test-dir $(TESTING) --output-on-failure -j $(JOBS) --timeout 300
+
+# The tray application on the real desktops, started headless (root: they run as a test user made for them):
+# sway + waybar, Xfce's panel, GNOME Shell without and with the AppIndicator extension, KWin + plasmashell.
+# Screenshots in build/release/desktops/<desktop>/. DESKTOPS chooses which.
+DESKTOPS ?= sway xfce gnome gnome-appindicator kde
+test-desktops: release
+	@bash scripts/install-desktop-deps.sh
+	timeout -k 10 1000 bash tests/desktops/run.sh $(RELEASE) $(DESKTOPS)
 
 $(TSAN)/build.ninja:
 	$(CMAKE) -S . -B $(TSAN) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_SANITIZE=thread

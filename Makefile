@@ -9,7 +9,7 @@ TSAN    := build/tsan
 FUZZ    := build/fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: all deps release run test test-desktops tsan fuzz bench demo demo-probe install deb check-package clean
+.PHONY: all deps release run test test-desktops test-desktops-in-use tsan fuzz bench demo demo-probe install deb check-package clean
 
 all: release
 
@@ -39,6 +39,14 @@ DESKTOPS ?= sway xfce gnome gnome-appindicator kde
 test-desktops: release
 	@bash scripts/install-desktop-deps.sh
 	timeout -k 10 1000 bash tests/desktops/run.sh $(RELEASE) $(DESKTOPS)
+
+# The monitor the user works on, on real Wayland desktops started headless: StepDisplayInUse and the on-screen
+# display with a native window on one output and the pointer on the other; prints the lookup's and the OSD's times.
+DESKTOPS_IN_USE ?= sway gnome
+test-desktops-in-use: release
+	@bash scripts/install-desktop-deps.sh
+	@for d in $(DESKTOPS_IN_USE); do echo "=== $$d"; timeout -k 10 240 bash tests/desktops/display-in-use.sh $$d \
+	    $(RELEASE)/Lumora/lumora $(RELEASE)/tools/virtual-desk/virtual-desk $(RELEASE)/desktops-in-use/$$d || exit 1; done
 
 $(TSAN)/build.ninja:
 	$(CMAKE) -S . -B $(TSAN) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_SANITIZE=thread

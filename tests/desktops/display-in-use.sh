@@ -186,5 +186,17 @@ for (( i = 0; i < 20; i++ )); do
 done
 figure "StepDisplayInUse through gdbus on $(desktop_name): median $(printf '%s\n' "${times[@]}" | sort -n | sed -n 10p) ms, worst $(printf '%s\n' "${times[@]}" | sort -n | tail -1) ms"
 
+step "the lookup a brightness key waits for, and the on-screen display until painted (bench_display_in_use)"
+BENCH=$(dirname "$LUMORA")/../bench/display-in-use/bench_display_in_use
+if [[ -x $BENCH ]]; then
+    RUN_LOG="$WORK/bench.log" desktop_run "$VIRTUAL_DESK" --desk "$WORK/desk.json" -- "$(realpath "$BENCH")"
+    BENCH_PID=$SPAWNED
+    wait_until 120 bash -c '! kill -0 "$0" 2>/dev/null' "$BENCH_PID" || fail "the benchmark took over 2 minutes"
+    wait "$BENCH_PID" 2>/dev/null
+    grep -h 'figure:' "$WORK/bench.log" | sed 's/^/   /'
+else
+    echo "   (no $BENCH: built with the benchmarks only)"
+fi
+
 kill -TERM "$APP_PID" 2>/dev/null
 finish

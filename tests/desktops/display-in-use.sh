@@ -156,27 +156,34 @@ RUN_LOG="$WORK/lumora.log" desktop_run "$VIRTUAL_DESK" --desk "$WORK/desk.json" 
 APP_PID=$SPAWNED
 wait_until 30 listed || abort "Displays never listed both monitors"
 
-step "a native Wayland window, mostly on $OUT2; the pointer on $OUT1"
+# works_on N POINTER_X STEP: the terminal moved onto output N and focused, the pointer on the other output; then
+# StepDisplayInUse(STEP) must change output N's monitor from its level to the next and leave the other's alone,
+# and the on-screen display must show on output N while the terminal keeps the focus.
+declare -A LEVEL=([1]=50 [2]=70)
+works_on()
+{
+    local n=$1 other=$(( 3 - $1 )) out other_out to
+    out=$([[ $1 == 1 ]] && echo "$OUT1" || echo "$OUT2")
+    other_out=$([[ $1 == 1 ]] && echo "$OUT2" || echo "$OUT1")
+    to=$(( LEVEL[$n] + ${3/0.0625/6} ))
+    step "the window on $out, the pointer on $other_out: StepDisplayInUse($3)"
+    terminal_to "$n" || abort "the terminal did not move to $out"
+    desktop_move "$2" 400
+    check "StepDisplayInUse answers" call StepDisplayInUse "$3"
+    # First, as it is up for 1.5 s only.
+    check "the on-screen display is up on $out" wait_until 5 desktop_osd_lit "$n"
+    check "the monitor on $out steps from ${LEVEL[$n]} to $to" wait_until 10 equals "$to" brightness "$out"
+    check "the monitor on $other_out stays at ${LEVEL[$other]}" equals "${LEVEL[$other]}" brightness "$other_out"
+    check "the terminal keeps the focus" terminal_focused
+    cp "$WORK/osd.png" "$ARTIFACTS/osd-on-output-$n.png" 2>/dev/null
+    LEVEL[$n]=$to
+}
+
+step "a native Wayland window (weston-terminal)"
 RUN_LOG="$WORK/terminal.log" desktop_run weston-terminal
 wait_until 20 terminal_shown || abort "no terminal window"
-terminal_to 2 || abort "the terminal did not move to $OUT2"
-desktop_move 300 400
-check "StepDisplayInUse answers" call StepDisplayInUse 0.0625
-check "the monitor on $OUT2 steps up from 70 to 76" wait_until 10 equals 76 brightness "$OUT2"
-check "the monitor on $OUT1 stays at 50" equals 50 brightness "$OUT1"
-check "the terminal keeps the focus" terminal_focused
-check "the on-screen display is up on $OUT2" wait_until 5 desktop_osd_lit 2
-shot 01-osd-on-output-2
-
-step "the window moved to $OUT1; the pointer on $OUT2"
-terminal_to 1 || abort "the terminal did not move to $OUT1"
-desktop_move 1900 400
-check "StepDisplayInUse answers" call StepDisplayInUse -0.0625
-check "the monitor on $OUT1 steps down from 50 to 44" wait_until 10 equals 44 brightness "$OUT1"
-check "the monitor on $OUT2 stays at 76" equals 76 brightness "$OUT2"
-check "the terminal keeps the focus" terminal_focused
-check "the on-screen display is up on $OUT1" wait_until 5 desktop_osd_lit 1
-shot 02-osd-on-output-1
+works_on 2 300 0.0625
+works_on 1 1900 -0.0625
 
 step "the time of a StepDisplayInUse call (gdbus included), 20 calls"
 times=()

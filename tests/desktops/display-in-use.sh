@@ -200,7 +200,7 @@ if [[ -x $BENCH ]]; then
     BENCH_PID=$SPAWNED
     wait_until 120 bash -c '! kill -0 "$0" 2>/dev/null' "$BENCH_PID" || fail "the benchmark took over 2 minutes"
     wait "$BENCH_PID" 2>/dev/null
-    grep -h 'figure:' "$WORK/bench.log" | sed 's/^/   /'
+    grep -h "figure:\|rror\|Sanitizer" "$WORK/bench.log" | sed "s/^/   /"
 else
     echo "   (no $BENCH: built with the benchmarks only)"
 fi

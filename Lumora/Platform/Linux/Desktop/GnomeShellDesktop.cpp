@@ -17,22 +17,51 @@ std::string text(const QString& value)
     return value.toStdString();
 }
 
+const QString displayConfig = QStringLiteral("org.gnome.Mutter.DisplayConfig");
+const QString displayConfigPath = QStringLiteral("/org/gnome/Mutter/DisplayConfig");
+
+// Mutter's layout, asked again only after Mutter says it changed (MonitorsChanged): a key then waits for one
+// question to the shell, not two.
+class LayoutCache : public QObject {
+    Q_OBJECT
+public:
+    LayoutCache()
+    {
+        QDBusConnection::sessionBus().connect(displayConfig, displayConfigPath, displayConfig,
+                                              QStringLiteral("MonitorsChanged"), this, SLOT(forget()));
+    }
+
+    std::optional<GnomeShellDesktop::State> state()
+    {
+        if (state_)
+            return state_;
+        QDBusMessage call = QDBusMessage::createMethodCall(displayConfig, displayConfigPath, displayConfig,
+                                                           QStringLiteral("GetCurrentState"));
+        const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, answerWithinMs);
+        const QList<QVariant> args = reply.arguments();
+        if (reply.type() != QDBusMessage::ReplyMessage || args.size() != 4)
+            return std::nullopt;
+        state_ = GnomeShellDesktop::state(args[1].value<QDBusArgument>(), args[2].value<QDBusArgument>(),
+                                          qdbus_cast<QVariantMap>(args[3].value<QDBusArgument>()));
+        return state_;
+    }
+
+public slots:
+    void forget() { state_.reset(); }
+
+private:
+    std::optional<GnomeShellDesktop::State> state_;
+};
+
 class GnomeShell final : public DesktopInputs {
 public:
     std::string name() const override { return "GNOME Shell"; }
 
     DesktopView read() override
     {
-        QDBusMessage call = QDBusMessage::createMethodCall(
-            QStringLiteral("org.gnome.Mutter.DisplayConfig"), QStringLiteral("/org/gnome/Mutter/DisplayConfig"),
-            QStringLiteral("org.gnome.Mutter.DisplayConfig"), QStringLiteral("GetCurrentState"));
-        const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, answerWithinMs);
-        const QList<QVariant> args = reply.arguments();
-        if (reply.type() != QDBusMessage::ReplyMessage || args.size() != 4)
+        const std::optional<GnomeShellDesktop::State> state = layout_.state();
+        if (!state)
             return {};
-        const GnomeShellDesktop::State state = GnomeShellDesktop::state(
-            args[1].value<QDBusArgument>(), args[2].value<QDBusArgument>(),
-            qdbus_cast<QVariantMap>(args[3].value<QDBusArgument>()));
 
         std::optional<Rect> window;
         std::optional<Point> pointer;
@@ -45,7 +74,7 @@ public:
                 window = Rect{at[1].toDouble(), at[2].toDouble(), at[3].toDouble(), at[4].toDouble()};
             pointer = Point{at[5].toDouble(), at[6].toDouble()};
         }
-        return DesktopLayout::view(GnomeShellDesktop::answers(state, window, pointer));
+        return DesktopLayout::view(GnomeShellDesktop::answers(*state, window, pointer));
     }
 
     // The extension is enabled when it owns its name on the session bus.
@@ -59,6 +88,9 @@ public:
         const bool enabled = reply.type() != QDBusMessage::ReplyMessage || reply.arguments().value(0).toBool();
         return enabled ? Need::nothing : Need::gnomeShellExtension;
     }
+
+private:
+    LayoutCache layout_;
 };
 
 }  // namespace
@@ -167,3 +199,5 @@ std::unique_ptr<DesktopInputs> makeGnomeShellDesktop()
 }
 
 }  // namespace Lumora
+
+#include "GnomeShellDesktop.moc"

@@ -115,6 +115,25 @@ icon_seen()
     desktop_screenshot "$WORK/seen.png" && box=$(icon_box "$WORK/seen.png") && read -r IX IY IW IH <<<"$box"
 }
 running() { kill -0 "$1" 2>/dev/null; }
+# icon_added: what the start of lumora added to the bars (since WORK/before.png, in WORK/seen.png), at IX IY IW IH:
+# of the icon-sized changes there, the leftmost (a tray grows to the left, and the icons right of the new one only
+# moved).
+icon_added()
+{
+    local box
+    box=$(changed_boxes "$WORK/before.png" "$WORK/seen.png" |
+          awk -v h="$DESKTOP_HEIGHT" '$3 <= 64 && $4 <= 64 && ($2 < 48 || $2 > h - 64)' | sort -n | head -1)
+    [[ -n $box ]] && read -r IX IY IW IH <<<"$box"
+}
+# screen_still: two screenshots a moment apart differ in a few pixels at most (a clock may tick).
+screen_still()
+{
+    desktop_screenshot "$WORK/still-0.png" && sleep 0.5 && desktop_screenshot "$WORK/still.png" &&
+        [[ $(session_convert "$WORK/still-0.png" "$WORK/still.png" -compose difference -composite -colorspace gray \
+             -threshold 8% -format '%[fx:mean * w * h < 400]' info:) == 1 ]]
+}
+# icon_located: the sun by its colour or, drawn without it, by what appeared in the bars, at IX IY IW IH.
+icon_located() { icon_seen || icon_added; }
 items_registered() { [[ -n $(desktop_items) ]]; }
 
 # near A_X A_Y A_W A_H B_X B_Y B_W B_H: the two rectangles are at most 48 pixels apart.
@@ -128,16 +147,18 @@ near()
     (( gap_x <= 48 && gap_y <= 48 ))
 }
 
-# changed_box BEFORE AFTER: "x y width height" of the largest region that changed between two screenshots (a menu
-# that opened, not a clock that ticked or a button the pointer lit up); fails when nothing did.
-changed_box()
+# changed_boxes BEFORE AFTER: "x y width height" of every region that changed between two screenshots, the
+# largest first; fails when nothing did. changed_box: the largest (a menu that opened, not a clock that ticked or
+# a button the pointer lit up).
+changed_boxes()
 {
-    session_convert "$1" "$2" -compose difference -composite -colorspace gray -threshold 8% \
+    session_convert "$1" "$2" -compose difference -composite -colorspace gray -threshold 8% -morphology Dilate Square:2 \
         -define connected-components:verbose=true -define connected-components:area-threshold=200 \
         -connected-components 8 null: 2>/dev/null |
-        awk '$NF == "gray(255)" && $(NF - 1) > best { best = $(NF - 1); box = $2 }
-             END { if (!best) exit 1; split(box, p, /[x+]/); print p[3], p[4], p[1], p[2] }'
+        awk '$NF == "gray(255)" { split($2, p, /[x+]/); print $(NF - 1), p[3], p[4], p[1], p[2]; n++ } END { exit !n }' |
+        sort -rn | cut -d' ' -f2-
 }
+changed_box() { changed_boxes "$@" | head -1; [[ ${PIPESTATUS[0]} == 0 ]]; }
 
 # menu_items: the labels of the item's exported menu (DBusMenu), one a line.
 menu_items()
@@ -151,7 +172,7 @@ menu_items()
         --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierItem Menu 2>/dev/null |
         grep -o "objectpath '[^']*'" | cut -d"'" -f2)
     [[ -n $menu && $menu != /NO_DBUSMENU ]] || return 1
-    as_user gdbus call --session --dest "$item" --object-path "$menu" --method com.canonical.dbusmenu.GetLayout 0 -1 '[]' \
+    as_user gdbus call --session --dest "$item" --object-path "$menu" --method com.canonical.dbusmenu.GetLayout -- 0 -1 '@as []' \
         2>/dev/null | grep -o "'label': <'[^']*'>" | sed "s/'label': <'//; s/'>\$//"
 }
 has_menu_item() { menu_items | grep -qxF "$1"; }
@@ -165,13 +186,20 @@ pass "started in $(( $(now_ms) - started )) ms; X clients on $DISPLAY"
 
 if (( DESKTOP_TRAY )); then
     step "lumora's sun in the tray"
+    # The desktop settles (a wallpaper fading in, a panel laid out) before the picture the new icon is told from.
+    wait_until 30 screen_still || echo "   note: the desktop never stood still for the picture before the start"
+    cp "$WORK/still.png" "$WORK/before.png"
     started=$(now_ms)
     start_lumora first
     wait_until 30 items_registered && figure "start -> item registered with the host: $(( $(now_ms) - started )) ms"
     if wait_until 30 icon_seen; then
         pass "the sun is in the tray, in colour, at $IX,$IY ${IW}x$IH ($(( $(now_ms) - started )) ms after the start)"
     else
-        abort "no amber sun in the desktop's bars (seen.png: $(cp "$WORK/seen.png" "$ARTIFACTS/no-icon.png"; echo "$ARTIFACTS/no-icon.png"))"
+        cp "$WORK/seen.png" "$ARTIFACTS/01-no-colour.png"
+        cp "$WORK/before.png" "$ARTIFACTS/00-before.png"
+        fail "no amber sun in the desktop's bars: no icon, or one drawn without its colour ($ARTIFACTS/01-no-colour.png)"
+        wait_until 10 icon_located || abort "nothing appeared in the bars after the start"
+        pass "something appeared in the bars at $IX,$IY ${IW}x$IH: taken as the icon"
     fi
     shot 01-icon
     click_icon() { desktop_click $(( IX + IW / 2 )) $(( IY + IH / 2 )) "${1:-1}"; }
@@ -185,8 +213,9 @@ if (( DESKTOP_TRAY )); then
         wait_until 10 panel_hidden && { sleep 0.6; return 0; }
         fail "the panel stays open after one more click on the icon: lumora is started afresh"
         stop_lumora
+        desktop_screenshot "$WORK/before.png"
         start_lumora afresh
-        wait_until 30 icon_seen || abort "no icon after starting afresh"
+        wait_until 30 icon_located || abort "no icon after starting afresh"
     }
 
     step "a click on the icon opens the panel next to it"
@@ -258,8 +287,9 @@ if (( DESKTOP_TRAY )); then
     fi
 
     step "a second start shows the panel of the first"
+    desktop_screenshot "$WORK/before.png"
     start_lumora again
-    wait_until 30 icon_seen || abort "no icon after the start again"
+    wait_until 30 icon_located || abort "no icon after the start again"
     RUN_LOG="$WORK/lumora-second.log" desktop_run "$LUMORA"
     second=$SPAWNED
     check "the panel is shown" wait_until 20 panel_shown
@@ -277,9 +307,10 @@ else
         echo "   the desktop with the panel open: $ARTIFACTS/01-window.png"
         desktop_key alt+F4
         window_gone() { ! lumora_window >/dev/null; }
+        window_back() { lumora_window >/dev/null; }
         check "closed as a window is closed (Alt+F4)" wait_until 10 window_gone
         RUN_LOG="$WORK/lumora-second.log" desktop_run "$LUMORA"
-        check "a second start shows it again" wait_until 20 lumora_window
+        check "a second start shows it again" wait_until 20 window_back
     else
         fail "no window titled Lumora"
         shot 01-no-window

@@ -7,6 +7,7 @@
 
 #include <functional>
 
+#include "Lumora/Platform/Linux/Desktop/DesktopInputs.h"
 #include "Lumora/Platform/Linux/Desktop/GnomeShellDesktop.h"
 #include "Lumora/Platform/Linux/Desktop/HyprlandDesktop.h"
 #include "Lumora/Platform/Linux/Desktop/SwayDesktop.h"
@@ -102,5 +103,29 @@ TEST(CompositorAnswers, TheDisplayInUseFromWhatEachCompositorSays)
         const auto decision = TargetResolver::resolve(displays, view.focusedWindow, view.pointer.value_or(Point{}));
         ASSERT_TRUE(decision) << c.what;
         EXPECT_EQ(connectors[decision->displayID].connectorName, c.inUse) << c.what;
+    }
+}
+
+TEST(CompositorAnswers, TheDesktopIsChosenFromWhatTheSessionSays)
+{
+    const struct {
+        const char* swaySocket;
+        const char* hyprland;
+        const char* currentDesktop;
+        bool wayland;
+        const char* chosen;
+    } cases[] = {
+        {"/run/user/1000/sway-ipc.1000.42.sock", "", "sway", true, "sway"},
+        {"", "v0.40_1700000000", "Hyprland", true, "Hyprland"},
+        {"", "", "KDE", true, "KWin"},
+        {"", "", "ubuntu:GNOME", true, "GNOME Shell"},
+        {"", "", "GNOME-Flashback:GNOME", false, "X11"},  // GNOME on X11: the X server tells all
+        {"", "", "KDE", false, "X11"},
+        {"", "", "XFCE", false, "X11"},
+        {"", "", "GNOMEISH", true, "X11"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(DesktopInputs::choose(c.swaySocket, c.hyprland, c.currentDesktop, c.wayland)->name(), c.chosen)
+            << c.currentDesktop;
     }
 }

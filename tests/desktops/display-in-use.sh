@@ -106,12 +106,17 @@ print((focused(json.load(sys.stdin)) or {}).get("app_id"))' | grep -qx "$TERMINA
     gnome)
         terminal_window="global.get_window_actors().map(a => a.meta_window).find(w => w.get_wm_class() === '$TERMINAL')"
         terminal_shown() { [[ $(gnome_eval "!!$terminal_window") == true ]]; }
-        # Onto the output, 700 of its 742 pixels across it, and focused.
-        terminal_to()
+        # Onto the output, 700 of its 742 pixels across it, and focused; asked again until it is there (a window
+        # just mapped is still placed by the shell, which may undo the first move).
+        terminal_moved_to()
         {
-            gnome_eval "const w = $terminal_window; w.move_frame(true, $(( ($1 - 1) * 1280 + 200 )), 200);
-                        w.activate(global.get_current_time()); true" >/dev/null
+            local x=$(( ($1 - 1) * 1280 + 200 ))
+            # The frame's x before this try's move: there already only when an earlier move held.
+            [[ $(gnome_eval "const w = $terminal_window; const x = w.get_frame_rect().x;
+                             if (x !== $x) w.move_frame(true, $x, 200);
+                             w.activate(global.get_current_time()); x") == "$x" ]]
         }
+        terminal_to() { wait_until 10 terminal_moved_to "$1"; }
         terminal_focused() { [[ $(gnome_eval "global.display.get_focus_window()?.get_wm_class()") == "$TERMINAL" ]]; }
         ;;
 esac

@@ -42,7 +42,7 @@ test-desktops: release
 
 # The monitor the user works on, on real Wayland desktops started headless: StepDisplayInUse and the on-screen
 # display with a native window on one output and the pointer on the other; prints the lookup's and the OSD's times.
-DESKTOPS_IN_USE ?= sway gnome
+DESKTOPS_IN_USE ?= sway gnome kde
 test-desktops-in-use: release
 	@bash scripts/install-desktop-deps.sh
 	@for d in $(DESKTOPS_IN_USE); do echo "=== $$d"; timeout -k 10 240 bash tests/desktops/display-in-use.sh $$d \

@@ -20,6 +20,7 @@
 #include "Lumora/App/Translations.h"
 #include "Lumora/Hotkeys/DisplayInUse.h"
 #include "Lumora/Platform/Linux/Desktop/Compositor.h"
+#include "Lumora/Platform/Linux/Desktop/DesktopInputs.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayChangeMonitor.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayServer.h"
 #include "Lumora/Platform/Linux/Desktop/OutsideClickWatcher.h"
@@ -234,6 +235,9 @@ SessionBus::Claim AppDelegate::serveSessionBus()
 void AppDelegate::applicationDidFinishLaunching()
 {
     configureStatusItem();
+    // The desktop's reader is set up now rather than at the first key: on KWin it loads a script whose reports of
+    // the active window must have come in by then.
+    DesktopInputs::session().read();
     hotkeys_ = std::make_unique<HotkeyService>(controller_);
     connect(hotkeys_.get(), &HotkeyService::adjusted, &osd_, &OnScreenDisplay::show);
     configurePanel();

@@ -138,19 +138,20 @@ print((focused(json.load(sys.stdin)) or {}).get("app_id"))' | grep -qx "$TERMINA
                 --method org.kde.kwin.Scripting.unloadScript "$name" >/dev/null
         }
         terminal_shown() { pgrep -u "$DESKTOP_USER" -x weston-terminal >/dev/null; }
-        # Moved and activated until KWin's active output is that output (a window just mapped may not be listed
-        # yet; the script finds nothing then).
+        # Moved and activated until the screen shows it there (a window just mapped may not be listed yet; the
+        # script finds nothing then): the terminal's black where its middle must be.
         terminal_moved_to()
         {
+            local x=$(( ($1 - 1) * 2560 + 200 ))
             kwin_script "const c = workspace.clientList().find(c => c.caption === 'Wayland Terminal');
                 if (c) { const g = c.frameGeometry;
-                         c.frameGeometry = {x: $(( ($1 - 1) * 2560 + 200 )), y: 200, width: g.width, height: g.height};
+                         c.frameGeometry = {x: $x, y: 200, width: g.width, height: g.height};
                          workspace.activeClient = c; }" &&
-                equals "$([[ $1 == 1 ]] && echo "$OUT1" || echo "$OUT2")" active_output
+                desktop_screenshot "$WORK/moved.png" &&
+                session_convert "$WORK/moved.png" -crop "1x1+$(( x + 300 ))+400" +repage -depth 8 txt:- |
+                    awk -F'[ ,:()]+' 'NR == 2 { exit !($3 < 20 && $4 < 20 && $5 < 20) }'
         }
         terminal_to() { wait_until 20 terminal_moved_to "$1"; }
-        active_output() { as_user gdbus call --session --dest org.kde.KWin --object-path /KWin \
-            --method org.kde.KWin.activeOutputName | tr -d "(),' "; }
         ;;
 esac
 

@@ -1,6 +1,6 @@
 // The display in use from what each compositor answers, as it answers it: the answers below were recorded from
-// sway 1.7 and GNOME Shell 43 running headless (two outputs, one of them scaled and at a negative position where
-// the compositor allows it); Hyprland's follow its documented IPC. Each is read as Lumora reads it, brought into
+// sway 1.7, KWin 5.27 and GNOME Shell 43 running headless (two outputs, one of them scaled and at a negative
+// position where the compositor allows it); Hyprland's follow its documented IPC. Each is read as Lumora reads it, brought into
 // one space, matched to the connectors by name, and decided by the resolver.
 
 #include <gtest/gtest.h>
@@ -10,6 +10,7 @@
 #include "Lumora/Platform/Linux/Desktop/DesktopInputs.h"
 #include "Lumora/Platform/Linux/Desktop/GnomeShellDesktop.h"
 #include "Lumora/Platform/Linux/Desktop/HyprlandDesktop.h"
+#include "Lumora/Platform/Linux/Desktop/KWinDesktop.h"
 #include "Lumora/Platform/Linux/Desktop/SwayDesktop.h"
 #include "LumoraCore/ScreenMatching.h"
 
@@ -128,4 +129,38 @@ TEST(CompositorAnswers, TheDesktopIsChosenFromWhatTheSessionSays)
         EXPECT_EQ(DesktopInputs::choose(c.swaySocket, c.hyprland, c.currentDesktop, c.wayland)->name(), c.chosen)
             << c.currentDesktop;
     }
+}
+
+TEST(CompositorAnswers, KWinsOutputsAndTheScriptsWindow)
+{
+    // KWin 5.27's support information, as it began its screens on KWin started headless with two outputs here (the
+    // rest of it, about compositing and effects, left out); a third output, switched off, added.
+    const QString supportInformation = QStringLiteral(
+        "Screens\n=======\nActive screen follows mouse:  yes\nNumber of Screens: 2\n\n"
+        "Screen 0:\n---------\nName: Virtual-0\nEnabled: 1\nGeometry: 0,0,2560x800\nScale: 1\nRefresh Rate: 60000\n"
+        "Adaptive Sync: incapable\n"
+        "Screen 1:\n---------\nName: Virtual-1\nEnabled: 1\nGeometry: 2560,0,2560x800\nScale: 1\nRefresh Rate: 60000\n"
+        "Adaptive Sync: incapable\n"
+        "Screen 2:\n---------\nName: DP-2\nEnabled: 0\nGeometry: -1280,-200,1280x1024\nScale: 1\n\n"
+        "Compositing\n===========\nCompositing is active\nGeometry: 1,2,3x4\n");
+    const std::vector<CompositorOutput> outputs = KWinDesktop::outputs(supportInformation);
+    ASSERT_EQ(outputs.size(), 2u);
+    EXPECT_EQ(outputs[0].name, "Virtual-0");
+    EXPECT_EQ(outputs[0].area, (Rect{0, 0, 2560, 800}));
+    EXPECT_EQ(outputs[1].name, "Virtual-1");
+    EXPECT_EQ(outputs[1].area, (Rect{2560, 0, 2560, 800}));
+
+    const struct {
+        const char* report;
+        std::optional<Rect> window;
+    } reports[] = {
+        {"2760 200 1480 520", Rect{2760, 200, 1480, 520}},
+        {"-300.5 -20 640 480", Rect{-300.5, -20, 640, 480}},
+        {"none", std::nullopt},
+        {"10 10 0 480", std::nullopt},
+        {"10 10 640", std::nullopt},
+        {"a b c d", std::nullopt},
+    };
+    for (const auto& r : reports)
+        EXPECT_EQ(KWinDesktop::window(QString::fromLatin1(r.report)), r.window) << r.report;
 }

@@ -2,9 +2,9 @@
 // The resolver's inputs from the desktop the user runs: its outputs with their connector names, the focused window
 // and the pointer, all in the desktop's one global space (DesktopView). Each desktop tells them its own way, and is
 // one small reader: X11 (RandR screens, _NET_ACTIVE_WINDOW, the root pointer; also Xfce, MATE and other X11
-// desktops), sway (its IPC socket), Hyprland (its IPC socket), KWin (D-Bus) and GNOME Shell (Mutter's display
-// configuration, and Lumora's GNOME Shell extension for the window and the pointer). The reader is chosen once,
-// at the first use, from what the session says it is.
+// desktops), sway (its IPC socket), Hyprland (its IPC socket), KWin (D-Bus, and a KWin script of Lumora's for the
+// active window) and GNOME Shell (Mutter's display configuration, and Lumora's GNOME Shell extension for the
+// window and the pointer). The reader is chosen once, at the first use, from what the session says it is.
 //
 // Main thread only. Every read is bounded: a compositor that does not answer within a fraction of a second counts
 // as telling nothing.

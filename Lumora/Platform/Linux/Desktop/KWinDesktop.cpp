@@ -112,8 +112,12 @@ private:
         QDBusConnection bus = QDBusConnection::sessionBus();
         if (!bus.isConnected() || !bus.registerObject(reportPath, &reports_, QDBusConnection::ExportScriptableSlots))
             return;
+        // In the user's own runtime directory (Qt makes one of mode 0700 when the session has none), never in a
+        // directory others may write to.
         const QString dir = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation);
-        QFile file(QDir(dir.isEmpty() ? QDir::tempPath() : dir).filePath(QStringLiteral("lumora-kwin.js")));
+        if (dir.isEmpty())
+            return;
+        QFile file(QDir(dir).filePath(QStringLiteral("lumora-kwin.js")));
         if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(script(bus.baseService()).toUtf8()) < 0)
             return;
         file.close();

@@ -68,6 +68,7 @@ TEST_F(ControllerOnDesk, RequestsDuringOneHeldWriteReachTheWireCoalesced)
         const char* what;
         std::vector<double> requests;  // the first is held on the wire while the others are made
         std::vector<Set> wire;
+        DisplayController::PowerCommands commands = DisplayController::PowerCommands::inOrder;
     };
     const Case cases[] = {
         {"a drag: the first value and the last", {0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 0.8, 0.9, 1.0},
@@ -76,6 +77,10 @@ TEST_F(ControllerOnDesk, RequestsDuringOneHeldWriteReachTheWireCoalesced)
         {"replaced, then requested again: once", {0.4, 0.9, 0.4}, {{brightness, 40}}},
         {"standby, then wake: the running loop writes the newest value before the power commands", {0.5, 0.0, 0.8},
          {{brightness, 50}, {brightness, 80}, {power, 4}, {power, 1}}},
+        {"standby and wake, twice, in order: every power command", {0.5, 0.0, 0.8, 0.0, 0.8},
+         {{brightness, 50}, {brightness, 80}, {power, 4}, {power, 1}, {power, 4}, {power, 1}}},
+        {"the same folded, as the bus asks: the newest state once", {0.5, 0.0, 0.8, 0.0, 0.8},
+         {{brightness, 50}, {brightness, 80}, {power, 1}}, DisplayController::PowerCommands::newestOnly},
         {"standby, twice: the running loop writes the last value before it, one power command", {0.5, 0.6, 0.0, 0.0},
          {{brightness, 50}, {brightness, 60}, {power, 4}}},
     };
@@ -86,7 +91,7 @@ TEST_F(ControllerOnDesk, RequestsDuringOneHeldWriteReachTheWireCoalesced)
         controller->setBrightness(dellID, c.requests.front());
         ASSERT_TRUE(pumpUntil([&] { return desk.heldCount(dell) == 1; }));
         for (std::size_t i = 1; i < c.requests.size(); ++i) {
-            controller->setBrightness(dellID, c.requests[i]);
+            controller->setBrightness(dellID, c.requests[i], c.commands);
         }
         desk.release(dell);
         ASSERT_TRUE(watch.refreshAndWait());

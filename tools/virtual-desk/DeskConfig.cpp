@@ -27,7 +27,11 @@ const std::vector<std::string>& connectorTypes()
 {
     static const std::vector<std::string> types = {
         "DP", "HDMI-A", "HDMI-B", "DVI-I", "DVI-D", "DVI-A", "VGA", "eDP", "LVDS", "DSI", "DPI", "Composite",
-        "SVIDEO", "Component", "DIN", "TV", "Virtual", "Writeback", "SPI", "USB", "Unknown"};
+        "SVIDEO", "Component", "DIN", "TV", "Virtual", "Writeback", "SPI", "USB", "Unknown",
+        // Not DRM types: the names compositors give their outputs when started headless (wlroots' HEADLESS-1,
+        // Mutter's Meta-0; KWin's Virtual-0 is a DRM type already). A desk that stands behind such a compositor in a
+        // test names its connectors so, and Lumora pairs each with its output as on a real desk.
+        "HEADLESS", "Meta"};
     return types;
 }
 
@@ -375,7 +379,8 @@ DeskConfig DeskConfig::fromJson(std::string_view text)
                             fail(k.sub("name"), "required, e.g. \"DP-1\"");
                         if (connectorType(conn.name).empty())
                             fail(k.sub("name"), "\"" + conn.name + "\" is not <type>-<number> with a DRM connector type "
-                                                "(DP, HDMI-A, DVI-D, VGA, eDP, LVDS, DSI, ...)");
+                                                "(DP, HDMI-A, DVI-D, VGA, eDP, LVDS, DSI, ...) or a compositor's "
+                                                "output (HEADLESS, Meta)");
                         conn.status = k.string("status", "connected");
                         if (conn.status != "connected" && conn.status != "disconnected" && conn.status != "unknown")
                             fail(k.sub("status"), "expected \"connected\", \"disconnected\" or \"unknown\"");

@@ -20,6 +20,7 @@
 #include "Lumora/App/Translations.h"
 #include "Lumora/Hotkeys/DisplayInUse.h"
 #include "Lumora/Platform/Linux/Desktop/Compositor.h"
+#include "Lumora/Platform/Linux/Desktop/DesktopInputs.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayChangeMonitor.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayServer.h"
 #include "Lumora/Platform/Linux/Desktop/InputFocus.h"
@@ -206,9 +207,19 @@ SessionBus::Claim AppDelegate::serveSessionBus()
     SessionBusActions actions;
     actions.showPanel = [this] { showPanel(); };
     actions.displays = [this]() -> const std::vector<DisplaySnapshot>& { return controller_.displays(); };
-    actions.setBrightness = [this](std::uint32_t id, double fraction) { controller_.setBrightness(id, fraction); };
-    actions.step = [this](std::uint32_t id, double delta) { controller_.step(id, delta); };
-    actions.togglePower = [this](std::uint32_t id) { controller_.togglePower(id); };
+    // Any process of the session may call these as fast as it likes: their standby and wake commands are folded.
+    constexpr auto folded = DisplayController::PowerCommands::newestOnly;
+    // Their changes show in the on-screen display, as a key's do: a script or a shortcut changes a monitor out of
+    // the user's sight of any slider.
+    actions.setBrightness = [this](std::uint32_t id, double fraction) {
+        controller_.setBrightness(id, fraction, folded);
+        osd_.show(id);
+    };
+    actions.step = [this](std::uint32_t id, double delta) {
+        controller_.step(id, delta, folded);
+        osd_.show(id);
+    };
+    actions.togglePower = [this](std::uint32_t id) { controller_.togglePower(id, folded); };
     actions.refresh = [this] { controller_.refresh(); };
     actions.displayInUse = [this]() -> std::optional<std::uint32_t> {
         const std::optional<TargetResolver::Decision> inUse = DisplayInUse::resolve(controller_.displays());
@@ -225,7 +236,11 @@ SessionBus::Claim AppDelegate::serveSessionBus()
 void AppDelegate::applicationDidFinishLaunching()
 {
     configureStatusItem();
+    // The desktop's reader is set up now rather than at the first key: on KWin it loads a script whose reports of
+    // the active window must have come in by then.
+    DesktopInputs::session().read();
     hotkeys_ = std::make_unique<HotkeyService>(controller_);
+    connect(hotkeys_.get(), &HotkeyService::adjusted, &osd_, &OnScreenDisplay::show);
     configurePanel();
     controller_.refresh();
     registerForDisplayChanges();

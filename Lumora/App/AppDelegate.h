@@ -18,6 +18,7 @@
 #include <optional>
 
 #include "Lumora/App/DisplayController.h"
+#include "Lumora/App/OnScreenDisplay.h"
 #include "Lumora/Platform/Linux/Desktop/SessionBus.h"
 #include "Lumora/Hotkeys/HotkeyService.h"
 #include "Lumora/Updater/Updater.h"
@@ -86,6 +87,7 @@ private:
     QRect statusItemAnchor() const;
 
     DisplayController controller_;
+    OnScreenDisplay osd_{controller_};  // after a key or a bus call; never after the panel's sliders
     Updater updater_;
     std::unique_ptr<HotkeyService> hotkeys_;  // outlives the panel, which shows it
     // The tray item: Lumora's own StatusNotifier item where the session has a host for it, else Qt's tray icon,

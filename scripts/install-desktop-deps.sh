@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the real desktops `make test-desktops` starts headless (GNOME Shell with and without the AppIndicator
 # extension, KWin with plasmashell, sway with waybar, Xfce's panel with xfwm4), the tools that drive them, and
-# what the small pointer client for sway is built from. Skips what is already present; safe to run again.
+# what the small pointer client for sway is built from, and weston-terminal, the window of another application
+# some scenarios need. Skips what is already present; safe to run again.
 # Uses sudo when not run as root; waits for another apt to finish rather than failing.
 set -euo pipefail
 
@@ -10,7 +11,7 @@ packages=(
   kwin-wayland plasma-desktop plasma-workspace kded5 kactivitymanagerd qtwayland5
   sway waybar grim wtype
   xfce4-panel xfwm4 xfconf
-  xwayland xvfb xdotool x11-utils imagemagick dbus libglib2.0-bin python3-gi util-linux passwd
+  weston xwayland xvfb xdotool x11-utils imagemagick dbus libglib2.0-bin python3-gi util-linux passwd
   libwayland-dev libwayland-bin gcc pkg-config
 )
 

@@ -16,45 +16,10 @@ DESKTOP=$1
 LUMORA=$(realpath "$2")
 VIRTUAL_DESK=$(realpath "$3")
 ARTIFACTS=$4
-HERE=$(cd "$(dirname "$0")" && pwd)
+EXTRA_TOOLS=weston-terminal
+# shellcheck source=frame.sh
+source "$(dirname "$0")/frame.sh"
 SOURCE=$(cd "$HERE/../.." && pwd)
-# shellcheck source=desktop.sh
-source "$HERE/desktop.sh"
-# shellcheck source=sway.sh
-source "$HERE/${DESKTOP%%-*}.sh"
-
-if (( EUID != 0 )); then echo "SKIP: the desktops run as a test user that only root can switch to"; exit 77; fi
-for tool in $(desktop_tools) weston-terminal setpriv setsid; do
-    command -v "$tool" >/dev/null 2>&1 || { echo "SKIP: $tool is missing"; exit 77; }
-done
-
-rm -rf "$ARTIFACTS"
-mkdir -p "$ARTIFACTS"
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/lumora-in-use.XXXXXX")
-FAILURES=0
-cleanup()
-{
-    desktop_stop
-    cp "$WORK"/*.log "$WORK"/user/*.log "$ARTIFACTS/" 2>/dev/null
-    rm -rf "$WORK"
-}
-trap cleanup EXIT
-trap 'exit 1' INT TERM
-
-step() { echo "== $*"; }
-pass() { echo "   ok: $*"; }
-fail() { echo "   FAIL: $*"; FAILURES=$((FAILURES + 1)); }
-check() { local what=$1; shift; if "$@"; then pass "$what"; else fail "$what"; fi; }
-figure() { echo "   figure: $*"; }
-shot() { desktop_screenshot "$ARTIFACTS/$1.png" && echo "   screenshot: $ARTIFACTS/$1.png"; }
-finish()
-{
-    echo
-    if (( FAILURES == 0 )); then echo "1 passed, 0 failed"; exit 0; fi
-    echo "0 passed, 1 failed ($FAILURES checks failed)"
-    exit 1
-}
-abort() { fail "$*"; shot zz-abort; finish; }
 equals() { [[ "$("${@:2}")" == "$1" ]]; }
 
 # The outputs' names, as this compositor gives them.

@@ -17,35 +17,10 @@ DESKTOP=$1
 LUMORA=$(realpath "$2")
 VIRTUAL_DESK=$(realpath "$3")
 ARTIFACTS=$4
-HERE=$(cd "$(dirname "$0")" && pwd)
-# shellcheck source=desktop.sh
-source "$HERE/desktop.sh"
-# shellcheck source=../e2e-desktop/report.sh
-source "$HERE/../e2e-desktop/report.sh"
-# shellcheck source=sway.sh
-source "$HERE/${DESKTOP%%-*}.sh"
-
-if (( EUID != 0 )); then echo "SKIP: the desktops run as a test user that only root can switch to"; exit 77; fi
-for tool in $(desktop_tools) setpriv setsid xdotool; do
-    command -v "$tool" >/dev/null 2>&1 ||
-        { echo "SKIP: $tool is missing (scripts/install-desktop-deps.sh installs it)"; exit 77; }
-done
-
-rm -rf "$ARTIFACTS"
-mkdir -p "$ARTIFACTS"
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/lumora-desktop.XXXXXX")
+EXTRA_TOOLS=xdotool
+# shellcheck source=frame.sh
+source "$(dirname "$0")/frame.sh"
 APP_PID=""
-cleanup()
-{
-    desktop_stop
-    cp "$WORK"/*.log "$WORK"/user/*.log "$ARTIFACTS/" 2>/dev/null
-    rm -rf "$WORK"
-}
-trap cleanup EXIT
-trap 'exit 1' INT TERM
-
-figure() { echo "   figure: $*"; }
-shot() { desktop_screenshot "$ARTIFACTS/$1.png" && echo "   screenshot: $ARTIFACTS/$1.png"; }
 
 # start_lumora: lumora on the virtual desk, in the session as the user starts it, as APP_PID.
 start_lumora()

@@ -1,12 +1,13 @@
-// The brightness keys' figures on the virtual desk (emulated keyboards, uinput and DDC/CI monitors; the real
-// service, tap and controller; an offscreen desktop whose screens stand where the desk's connectors do), printed
-// as a table:
+// The brightness keys' figures on the virtual desk (emulated keyboards, uinput and DDC/CI monitors; lumora-keys
+// started by a private system bus with stand-ins for logind and polkit; the real HotkeyService and controller; an
+// offscreen desktop whose screens stand where the desk's connectors do), printed as a table:
 //
 //   - a brightness key pressed on the laptop keyboard with the cursor on the DELL, until the first byte of its
 //     Set VCP Feature is on the wire (the DDC/CI transaction pauses 10 ms before it writes);
 //   - a letter pressed on the laptop keyboard until its clone has it: what typing goes through, p50 and p99;
 //   - the same for a letter typed right after a brightness key that goes on to the desktop (it waits behind the
-//     key's decision);
+//     key's decision): the difference to a letter alone is the hop from the service to Lumora and back;
+//   - the key service's CPU time while nobody types;
 //   - for comparison, a letter through a bare forwarder on the same desk (poll, read, write with libevdev, nothing
 //     else): what the emulated devices themselves cost, which a real kernel does not.
 //
@@ -15,6 +16,8 @@
 
 #include <QApplication>
 #include <QCursor>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDeadlineTimer>
 #include <QEventLoop>
 #include <QFile>
@@ -46,6 +49,7 @@
 
 #include "Lumora/App/DisplayController.h"
 #include "Lumora/Hotkeys/HotkeyService.h"
+#include "support/KeyServiceBus.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 #include "bench/support/BenchSupport.h"
 
@@ -193,10 +197,14 @@ int main(int argc, char** argv)
     config.close();
     qputenv("QT_QPA_PLATFORM", "offscreen:configfile=" + QFile::encodeName(config.fileName()));
     qputenv("XDG_CONFIG_HOME", QFile::encodeName(home.filePath(QStringLiteral("config"))));
+    ::setenv("LUMORA_SOURCE_DIR", LUMORA_SOURCE_DIR, 0);
+    ::setenv("LUMORA_BUILD_DIR", LUMORA_BUILD_DIR, 0);
+    LumoraTest::KeyServiceBus bus(60);
     QApplication app(argc, argv);
     QSettings(QStringLiteral("Lumora"), QStringLiteral("Lumora")).setValue(QStringLiteral("useF1F2ForExternalBrightness"), true);
 
     VirtualDesk::Desk desk(VirtualDesk::DeskConfig::defaultDesk());
+    bus.useDesk();
     std::vector<double> bare;
     {
         BareForwarder forwarder;
@@ -215,38 +223,34 @@ int main(int argc, char** argv)
         return 1;
     }
     Lumora::HotkeyService service(controller);
-    if (!desk.waitFor([&] { return desk.grabbed(laptop); }, 5s)) {
+    if (!pumpUntil([&] { return desk.grabbed(laptop) && service.isTrusted(); }, 10s)) {
         std::fprintf(stderr, "bench_hotkeys: the laptop keyboard was never taken\n");
         return 1;
     }
 
-    // 0. What the tap costs while nobody types: its capture thread's CPU time over two idle seconds.
-    const auto captureCpuMs = [] {
-        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-            std::ifstream comm(task.path() / "comm");
-            std::string name;
-            std::getline(comm, name);
-            if (name != "lumora-keys")
-                continue;
-            std::ifstream stat(task.path() / "stat");
-            std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-            std::istringstream fields(text.substr(text.rfind(')') + 2));
-            std::string field;
-            unsigned long user = 0, system = 0;
-            for (int i = 3; i <= 15 && fields >> field; ++i) {
-                if (i == 14)
-                    user = std::stoul(field);
-                if (i == 15)
-                    system = std::stoul(field);
-            }
-            return double(user + system) * 1000.0 / double(sysconf(_SC_CLK_TCK));
+    // 0. What the key service costs while nobody types: its CPU time over four idle seconds.
+    const QString keys = QStringLiteral("org.lumora.Keys");
+    const pid_t servicePid = pid_t(QDBusConnection::systemBus().interface()->servicePid(keys).value());
+    const auto captureCpuMs = [servicePid] {
+        std::ifstream stat("/proc/" + std::to_string(servicePid) + "/stat");
+        std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+        if (text.empty())
+            return -1.0;
+        std::istringstream fields(text.substr(text.rfind(')') + 2));
+        std::string field;
+        unsigned long user = 0, system = 0;
+        for (int i = 3; i <= 15 && fields >> field; ++i) {
+            if (i == 14)
+                user = std::stoul(field);
+            if (i == 15)
+                system = std::stoul(field);
         }
-        return -1.0;
+        return double(user + system) * 1000.0 / double(sysconf(_SC_CLK_TCK));
     };
     pumpUntil([] { return false; }, 1s);  // the clones' own arrival has been looked at
     const double idleBefore = captureCpuMs();
     pumpUntil([] { return false; }, 4s);
-    row("the capture thread's CPU time while nobody types, ms per second", "%.1f", (captureCpuMs() - idleBefore) / 4.0);
+    row("the key service's CPU time while nobody types, ms per second", "%.1f", (captureCpuMs() - idleBefore) / 4.0);
 
     // 1. A brightness key until its first byte is on the wire, alternating up and down so that every press writes.
     QCursor::setPos(3000, 700);
@@ -290,6 +294,9 @@ int main(int argc, char** argv)
     }
     row("a letter typed right behind a passed brightness key, us (p50 / p99 / max, 100)", "%.0f / %.0f / %.0f",
         BenchSupport::percentile(behind, 50), BenchSupport::percentile(behind, 99), BenchSupport::percentile(behind, 100));
+    row("  the hop to Lumora and back (that, less a letter alone), us (p50 / p99)", "%.0f / %.0f",
+        BenchSupport::percentile(behind, 50) - BenchSupport::percentile(letters, 50),
+        BenchSupport::percentile(behind, 99) - BenchSupport::percentile(letters, 99));
 
     std::size_t width = 0, valueWidth = 0;
     for (const Row& r : rows) {

@@ -1,13 +1,22 @@
 // The brightness keys' service as a state machine over the stored setting and the key service's answer (polkit's
 // authorization, logind's active session): off, waiting for permission, active (the keyboards taken by
 // lumora-keys); when polkit may ask for a password, what is stored, the half-second look after each change of
-// authorization, and the keys following the active session.
+// authorization, and the keys following the active session. Also which devices the service takes, and the state
+// their twins start in.
 
 #include <QElapsedTimer>
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <linux/input.h>
+#include <linux/uinput.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <tuple>
 
 #include "HotkeysTestEnvironment.h"
 #include "Lumora/App/DisplayController.h"
@@ -18,6 +27,15 @@ using namespace LumoraTest;
 using Lumora::HotkeyService;
 
 namespace {
+
+// "/dev/input/event4" → its device's name in sysfs.
+std::string sysfsName(const std::string& node)
+{
+    std::ifstream in("/sys/class/input/" + node.substr(node.rfind('/') + 1) + "/device/name");
+    std::string name;
+    std::getline(in, name);
+    return name;
+}
 
 class HotkeyServiceStates : public ::testing::Test {
 protected:
@@ -183,4 +201,52 @@ TEST_F(HotkeyServiceStates, TheKeysFollowTheActiveSession)
     EXPECT_TRUE(desk.waitFor([&] { return untapped(); }, 5s)) << "nobody of the active session wants them";
     pumpUntil([] { return false; }, 1s);
     EXPECT_FALSE(service.isTrusted()) << "the look after the switch attached again";
+}
+
+TEST_F(HotkeyServiceStates, TwinsStartInTheDevicesStateAndOtherProgramsVirtualKeyboardsAreLeftAlone)
+{
+    // Caps Lock is lit on the laptop keyboard (the desktop set it through the keyboard's node), and a hotkey device
+    // that also reports docking says docked: a twin that started open would hide the next undocking from logind.
+    const int keyboard = ::open(laptop.c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(keyboard, 0);
+    const input_event light[] = {{{}, EV_LED, LED_CAPSL, 1}, {{}, EV_SYN, SYN_REPORT, 0}};
+    ASSERT_EQ(::write(keyboard, light, sizeof light), ssize_t(sizeof light));
+    ::close(keyboard);
+    const std::string dock = desk.addKeyboard({"Dock Hotkeys", "videoBus", -1, "0660", std::nullopt, {SW_DOCK}});
+    desk.setSwitch(dock, SW_DOCK, true);
+    // Another program's virtual keyboard with brightness keys (a remote-desktop tool, a key remapper).
+    const int other = ::open("/dev/uinput", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(other, 0);
+    ASSERT_EQ(::ioctl(other, UI_SET_EVBIT, EV_KEY), 0);
+    for (int key : {KEY_BRIGHTNESSDOWN, KEY_BRIGHTNESSUP, KEY_A})
+        ASSERT_EQ(::ioctl(other, UI_SET_KEYBIT, key), 0);
+    uinput_setup setup{};
+    setup.id.bustype = BUS_VIRTUAL;
+    std::strcpy(setup.name, "Remote Keyboard");
+    ASSERT_EQ(::ioctl(other, UI_DEV_SETUP, &setup), 0);
+    ASSERT_EQ(::ioctl(other, UI_DEV_CREATE), 0);
+    ASSERT_TRUE(desk.waitFor([&] { return desk.clones().size() == 1; }, 5s));
+    const std::string remote = desk.clones().front();
+
+    storeSetting(true);
+    HotkeyService service(controller);
+    ASSERT_TRUE(pumpUntil([&] { return service.isTrusted() && tapped() && desk.grabbed(dock); }, 10s));
+    ASSERT_TRUE(desk.waitFor([&] { return desk.clones().size() == 1 + 4; }, 5s));
+    EXPECT_FALSE(desk.grabbed(remote)) << "another program's virtual keyboard was taken";
+    // Each twin's first events: the device's state.
+    const auto startOf = [&](const std::string& device) {
+        std::vector<std::tuple<int, int, int>> events;
+        for (const std::string& twin : desk.clones()) {
+            if (twin != remote && sysfsName(twin) == sysfsName(device)) {
+                for (const VirtualDesk::InputEvent& e : desk.forwarded(twin))
+                    events.emplace_back(e.type, e.code, e.value);
+            }
+        }
+        return events;
+    };
+    using Events = std::vector<std::tuple<int, int, int>>;
+    EXPECT_EQ(startOf(laptop), (Events{{EV_LED, LED_CAPSL, 1}, {EV_SYN, SYN_REPORT, 0}})) << "Caps Lock off";
+    EXPECT_EQ(startOf(dock), (Events{{EV_SW, SW_DOCK, 1}, {EV_SYN, SYN_REPORT, 0}})) << "undocked";
+    ::ioctl(other, UI_DEV_DESTROY);
+    ::close(other);
 }

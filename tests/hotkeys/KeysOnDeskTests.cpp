@@ -1,7 +1,7 @@
 // The brightness keys through the key service on the virtual desk, for what the desktop end-to-end test
 // (brightness-keys.sh) does not show: Alt held on another keyboard, keys typed while a brightness key is being
-// decided, a keyboard with a key held when it is to be taken, lost events, switches and lights, keyboards plugged
-// in later, switching off, a client that never answers, and either end dying in
+// decided, a keyboard with a key held when it is to be taken, lost events, keyboards plugged in later, switching
+// off, a client that never answers, and either end dying in
 // the middle of a press. lumora-keys (started by the test's system bus) over the desk's emulated keyboards and
 // uinput, the real HotkeyService and controller over its emulated monitors, on an offscreen desktop whose screens
 // stand where the desk's connectors do (eDP-1 0-1920, the DELL on DP-1 1920-4480, the LG on HDMI-A-1
@@ -372,21 +372,4 @@ TEST_F(KeysOnDesk, EitherEndDyingInTheMiddleOfAPressLeavesNothingHeldOrTaken)
     desk.pressKey(laptop, KEY_BRIGHTNESSUP, 0);
     // Lumora asks again and the bus starts a new service.
     ASSERT_TRUE(pumpUntil([&] { return desk.clones().size() == 3 && service->isTrusted(); }, 10s));
-}
-
-TEST_F(KeysOnDesk, TwinsStartInTheDevicesLights)
-{
-    service.reset();
-    ASSERT_TRUE(desk.waitFor([&] { return released(); }, 5s));
-    // Caps Lock is lit on the laptop keyboard (the desktop set it through the keyboard's node).
-    const int keyboard = ::open(laptop.c_str(), O_WRONLY | O_CLOEXEC);
-    ASSERT_GE(keyboard, 0);
-    const input_event light[] = {{{}, EV_LED, LED_CAPSL, 1}, {{}, EV_SYN, SYN_REPORT, 0}};
-    ASSERT_EQ(::write(keyboard, light, sizeof light), ssize_t(sizeof light));
-    ::close(keyboard);
-    start();
-    const std::vector<Key> first = passedOn(laptop);
-    ASSERT_GE(first.size(), 2u);
-    EXPECT_EQ(first[0], (Key{EV_LED, LED_CAPSL, 1})) << "the twin starts with Caps Lock off";
-    EXPECT_EQ(first[1], (Key{EV_SYN, SYN_REPORT, 0}));
 }

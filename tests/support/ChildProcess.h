@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,7 +23,8 @@ namespace LumoraTest {
 
 struct Child {
     pid_t pid;
-    explicit Child(std::vector<std::string> argv, bool awaitOutput = false)
+    explicit Child(std::vector<std::string> argv, bool awaitOutput = false,
+                   std::chrono::milliseconds awaitFor = std::chrono::seconds(20))
     {
         std::vector<char*> args, env;
         for (std::string& a : argv)
@@ -43,7 +45,7 @@ struct Child {
         }
         ::close(out[1]);
         pollfd p{out[0], POLLIN, 0};
-        EXPECT_TRUE(!awaitOutput || ::poll(&p, 1, 20'000) == 1) << args[0] << " printed nothing";
+        EXPECT_TRUE(!awaitOutput || ::poll(&p, 1, int(awaitFor.count())) == 1) << args[0] << " printed nothing";
         ::close(out[0]);
     }
     ~Child()

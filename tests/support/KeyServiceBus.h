@@ -1,9 +1,9 @@
 #pragma once
-// A system bus for the key service's tests and benchmarks: a private dbus-daemon with the package's policy for
-// org.lumora.Keys, python-dbusmock's logind (seat0 with the active session c1; GetSessionByPID answers c1 unless a
-// process was placed elsewhere) and polkitd (org.lumora.keys.attach allowed), and lumora-keys from the build tree
-// started by D-Bus activation, like the package's service file does. DBUS_SYSTEM_BUS_ADDRESS points at it while it
-// lives.
+// A system bus for the key service's tests and benchmarks (key-service-bus.py): a private dbus-daemon with the
+// package's policy for org.lumora.Keys, python-dbusmock's logind (seat0 with the active session c1; GetSessionByPID
+// answers c1 unless a process was placed elsewhere) and polkitd (org.lumora.keys.attach allowed), and lumora-keys
+// from the build tree started by D-Bus activation, like the package's service file does, with the calls the tests
+// make to them. DBUS_SYSTEM_BUS_ADDRESS points at it while it lives.
 //
 // The bus itself runs without umockdev's preload. The service it starts must see the test's virtual desk and
 // nothing else: useDesk() hands it the desk's preload, and the service file refuses to start the service without
@@ -11,7 +11,7 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -29,61 +29,28 @@ public:
     // `idleExitSeconds`: how soon the service leaves once nobody is attached.
     explicit KeyServiceBus(double idleExitSeconds = 0.5)
     {
-        char pattern[] = "/tmp/lumora-keys-bus.XXXXXX";
-        dir_ = ::mkdtemp(pattern);
+        std::string pattern = std::filesystem::temp_directory_path() / "lumora-keys-bus.XXXXXX";
+        dir_ = ::mkdtemp(pattern.data());
         const std::string source = std::getenv("LUMORA_SOURCE_DIR");
         const std::string build = std::getenv("LUMORA_BUILD_DIR");
-        std::filesystem::create_directories(dir_ + "/services");
-        std::ofstream(dir_ + "/services/org.lumora.Keys.service")
-            << "[D-BUS Service]\nName=org.lumora.Keys\n"
-            << "Exec=/bin/sh -c 'test -n \"$UMOCKDEV_DIR\" && exec " << build << "/LumoraKeys/lumora-keys --idle-exit "
-            << idleExitSeconds << "'\n";
-        // The system bus's own rules (deny by default, as /usr/share/dbus-1/system.conf), then the package's.
-        std::ofstream(dir_ + "/bus.conf")
-            << "<busconfig><listen>unix:path=" << dir_ << "/bus</listen><auth>EXTERNAL</auth>"
-            << "<servicedir>" << dir_ << "/services</servicedir>"
-            << "<policy context=\"default\"><deny own=\"*\"/><deny send_type=\"method_call\"/>"
-               "<allow send_type=\"signal\"/><allow send_requested_reply=\"true\" send_type=\"method_return\"/>"
-               "<allow send_requested_reply=\"true\" send_type=\"error\"/><allow receive_type=\"method_call\"/>"
-               "<allow receive_type=\"method_return\"/><allow receive_type=\"error\"/><allow receive_type=\"signal\"/>"
-               "<allow send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus\"/>"
-               "<allow send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus.Introspectable\"/>"
-               "<allow send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus.Properties\"/>"
-               "</policy>"
-            // The stand-ins for logind and polkit, and the test's calls to them (the real ones ship their own).
-            << "<policy user=\"root\"><allow own=\"org.freedesktop.login1\"/><allow own=\"org.freedesktop.PolicyKit1\"/>"
-               "<allow send_destination=\"org.freedesktop.login1\"/><allow send_destination=\"org.freedesktop.PolicyKit1\"/>"
-               "<allow send_interface=\"org.freedesktop.DBus.Monitoring\"/>"
-               "<allow send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus\"/></policy>"
-            << "<include>" << source << "/data/org.lumora.Keys.conf</include></busconfig>\n";
         previous_ = std::getenv("DBUS_SYSTEM_BUS_ADDRESS") ? std::getenv("DBUS_SYSTEM_BUS_ADDRESS") : "";
         ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address().c_str(), 1);
-        daemon_ = std::make_unique<Child>(std::vector<std::string>{"/usr/bin/dbus-daemon", "--nofork", "--print-address",
-                                                                   "--config-file=" + dir_ + "/bus.conf"},
-                                          true);
-        logind_ = std::make_unique<Child>(
-            std::vector<std::string>{"/usr/bin/python3", "-m", "dbusmock", "--system", "--template", "logind"});
-        polkit_ = std::make_unique<Child>(
-            std::vector<std::string>{"/usr/bin/python3", "-m", "dbusmock", "--system", "--template", "polkitd"});
-        for (const char* name : {"org.freedesktop.login1", "org.freedesktop.PolicyKit1"})
-            EXPECT_EQ(gdbus({"wait", "--system", "--timeout", "30", name}), 0) << name;
-        call(logind, "/org/freedesktop/login1", "org.freedesktop.DBus.Mock.AddSession",
-             {"c1", "seat0", "1000", "user", "true"});
-        call(logind, "/org/freedesktop/login1", "org.freedesktop.DBus.Mock.AddMethod",
-             {"org.freedesktop.login1.Manager", "GetSessionByPID", "u", "o",
-              "ret = dbus.ObjectPath('/org/freedesktop/login1/session/' + "
-              "self.__dict__.get('placed', {}).get(int(args[0]), 'c1'))"});
-        call(logind, "/org/freedesktop/login1", "org.freedesktop.DBus.Mock.AddMethod",
-             {"org.freedesktop.login1.Manager", "PlaceProcess", "us", "",
-              "self.__dict__.setdefault('placed', {})[int(args[0])] = args[1]"});
-        allow(true);
+        // A busy machine may take a while to start three Python programs and a bus.
+        bus_ = std::make_unique<Child>(
+            std::vector<std::string>{"/usr/bin/python3", source + "/tests/support/key-service-bus.py", dir_,
+                                     build + "/LumoraKeys/lumora-keys", source + "/data/org.lumora.Keys.conf",
+                                     "--idle-exit", std::to_string(idleExitSeconds)},
+            true, std::chrono::seconds(120));
+        // Made before any test runs (Qt connects to the system bus once per process): without it nothing can pass.
+        if (!answers()) {
+            std::fprintf(stderr, "KeyServiceBus: the private system bus at %s did not come up\n", address().c_str());
+            std::exit(1);
+        }
     }
 
     ~KeyServiceBus()
     {
-        polkit_.reset();
-        logind_.reset();
-        daemon_.reset();  // an activated service loses its bus and leaves
+        bus_.reset();  // an activated service loses its bus and leaves
         ::setenv("DBUS_SYSTEM_BUS_ADDRESS", previous_.c_str(), 1);
         std::filesystem::remove_all(dir_);
     }
@@ -155,6 +122,16 @@ public:
         call(polkit, "/org/freedesktop/PolicyKit1/Authority", "org.freedesktop.DBus.Mock.ClearCalls", {});
     }
 
+    // Whether the bus and its stand-ins for logind and polkit answer.
+    bool answers() const
+    {
+        const ProcessResult r = runProcess({"/usr/bin/gdbus", "call", "--system", "--dest", polkit, "--object-path",
+                                            "/org/freedesktop/PolicyKit1/Authority", "--method",
+                                            "org.freedesktop.DBus.Peer.Ping"},
+                                           {{"LD_PRELOAD", std::nullopt}}, std::chrono::seconds(30));
+        return r.exitStatus == 0;
+    }
+
     // Whether lumora-keys is on the bus now.
     bool serviceRunning() const
     {
@@ -188,7 +165,7 @@ private:
 
     std::string dir_;
     std::string previous_;
-    std::unique_ptr<Child> daemon_, logind_, polkit_;
+    std::unique_ptr<Child> bus_;
 };
 
 }  // namespace LumoraTest

@@ -7,7 +7,8 @@ Starts a private dbus-daemon listening on DIR/bus with the system bus's own rule
 /usr/share/dbus-1/system.conf) and the package's policy POLICY, python-dbusmock's logind (seat0 with the active
 session c1 of user 1000; GetSessionByPID answers c1 unless PlaceProcess(pid, session) said otherwise) and polkitd
 (org.lumora.keys.attach allowed, unless --refuse), and makes LUMORA_KEYS activatable as org.lumora.Keys. Prints the
-bus address once all of it is up and serves until it is terminated; its children die with it, however it ends.
+bus address once all of it is up and serves until it is terminated (its children die with it, however it ends:
+each is told to by the kernel, PR_SET_PDEATHSIG).
 
 The service is started by the bus with the bus's own environment, and refuses to start without a virtual desk
 (UMOCKDEV_DIR): a run that forgot the desk can never reach this machine's own keyboards. A bus started outside the
@@ -60,43 +61,37 @@ def main():
     children = [subprocess.Popen(["dbus-daemon", "--nofork", "--config-file=" + work + "/bus.conf"],
                                  stdout=subprocess.DEVNULL, preexec_fn=dies_with_us)]
 
-    def stop(*_):
-        for child in reversed(children):
-            child.kill()
-            child.wait()
-        sys.exit(0)
-
-    signal.signal(signal.SIGTERM, stop)
-    try:
-        deadline = time.monotonic() + 30
-        while not os.path.exists(work + "/bus"):
-            if time.monotonic() > deadline or children[0].poll() is not None:
-                sys.exit("key-service-bus: the bus did not come up")
+    deadline = time.monotonic() + 30
+    while not os.path.exists(work + "/bus"):
+        if time.monotonic() > deadline or children[0].poll() is not None:
+            sys.exit("key-service-bus: the bus did not come up")
+        time.sleep(0.02)
+    for template in ("logind", "polkitd"):
+        children.append(subprocess.Popen([sys.executable, "-m", "dbusmock", "--system", "--template", template],
+                                         stdout=subprocess.DEVNULL, preexec_fn=dies_with_us))
+    bus = dbus.SystemBus()
+    for name in ("org.freedesktop.login1", "org.freedesktop.PolicyKit1"):
+        while not bus.name_has_owner(name):
+            if time.monotonic() > deadline:
+                sys.exit("key-service-bus: no " + name)
             time.sleep(0.02)
-        for template in ("logind", "polkitd"):
-            children.append(subprocess.Popen([sys.executable, "-m", "dbusmock", "--system", "--template", template],
-                                             stdout=subprocess.DEVNULL, preexec_fn=dies_with_us))
-        bus = dbus.SystemBus()
-        for name in ("org.freedesktop.login1", "org.freedesktop.PolicyKit1"):
-            while not bus.name_has_owner(name):
-                if time.monotonic() > deadline:
-                    sys.exit("key-service-bus: no " + name)
-                time.sleep(0.02)
-        mock = "org.freedesktop.DBus.Mock"
-        login = bus.get_object("org.freedesktop.login1", "/org/freedesktop/login1")
-        login.AddSession("c1", "seat0", dbus.UInt32(1000), "user", True, dbus_interface=mock)
-        login.AddMethod("org.freedesktop.login1.Manager", "GetSessionByPID", "u", "o",
-                        "ret = dbus.ObjectPath('/org/freedesktop/login1/session/' + "
-                        "self.__dict__.get('placed', {}).get(int(args[0]), 'c1'))", dbus_interface=mock)
-        login.AddMethod("org.freedesktop.login1.Manager", "PlaceProcess", "us", "",
-                        "self.__dict__.setdefault('placed', {})[int(args[0])] = args[1]", dbus_interface=mock)
-        bus.get_object("org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority").SetAllowed(
-            dbus.Array([] if refuse else [ACTION], signature="s"), dbus_interface=mock)
-        print(address, flush=True)
-        while True:
-            signal.pause()
-    finally:
-        stop()
+    mock = "org.freedesktop.DBus.Mock"
+    login = bus.get_object("org.freedesktop.login1", "/org/freedesktop/login1")
+    login.AddSession("c1", "seat0", dbus.UInt32(1000), "user", True, dbus_interface=mock)
+    login.AddMethod("org.freedesktop.login1.Manager", "GetSessionByPID", "u", "o",
+                    "ret = dbus.ObjectPath('/org/freedesktop/login1/session/' + "
+                    "self.__dict__.get('placed', {}).get(int(args[0]), 'c1'))", dbus_interface=mock)
+    login.AddMethod("org.freedesktop.login1.Manager", "PlaceProcess", "us", "",
+                    "self.__dict__.setdefault('placed', {})[int(args[0])] = args[1]", dbus_interface=mock)
+    bus.get_object("org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority").SetAllowed(
+        dbus.Array([] if refuse else [ACTION], signature="s"), dbus_interface=mock)
+    print(address, flush=True)
+    names = ("dbus-daemon", "logind", "polkitd")
+    while all(child.poll() is None for child in children):
+        time.sleep(0.5)
+    for name, child in zip(names, children):
+        if child.poll() is not None:
+            sys.exit(f"key-service-bus: {name} ended (status {child.returncode})")
 
 
 main()

@@ -18,6 +18,8 @@
 #include <QCursor>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusUnixFileDescriptor>
 #include <QDeadlineTimer>
 #include <QEventLoop>
 #include <QFile>
@@ -30,6 +32,7 @@
 #include <libevdev/libevdev.h>
 #include <linux/input.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -49,6 +52,7 @@
 
 #include "Lumora/App/DisplayController.h"
 #include "Lumora/Hotkeys/HotkeyService.h"
+#include "LumoraCore/KeyProtocol.h"
 #include "support/KeyServiceBus.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 #include "bench/support/BenchSupport.h"
@@ -129,6 +133,51 @@ std::vector<double> typeLetters(VirtualDesk::Desk& desk)
     }
     return latencies;
 }
+
+// The least a client of the key service can do: attach, and answer every press "pass it on" the moment it comes,
+// on a thread of its own. What a letter typed behind a brightness key waits for then is the hop itself.
+class BareClient {
+public:
+    BareClient()
+    {
+        int pair[2];
+        if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
+            return;
+        QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("org.lumora.Keys"), QStringLiteral("/org/lumora/Keys"),
+                                                           QStringLiteral("org.lumora.Keys1"), QStringLiteral("Attach"));
+        call << QVariant::fromValue(QDBusUnixFileDescriptor(pair[1])) << false;
+        ::close(pair[1]);
+        if (QDBusConnection::systemBus().call(call, QDBus::Block, 30'000).type() != QDBusMessage::ReplyMessage) {
+            ::close(pair[0]);
+            return;
+        }
+        socket_ = pair[0];
+        answering_ = std::thread([this] {
+            std::uint8_t message[Lumora::KeyProtocol::messageSize];
+            while (::recv(socket_, message, sizeof message, 0) == ssize_t(sizeof message)) {
+                const auto press = Lumora::KeyProtocol::decodePress(message);
+                if (!press)
+                    break;
+                const auto pass = Lumora::KeyProtocol::encode(Lumora::KeyProtocol::Decision{press->id, false});
+                ::send(socket_, pass.data(), pass.size(), MSG_NOSIGNAL);
+            }
+        });
+    }
+    ~BareClient()
+    {
+        if (socket_ >= 0)
+            ::shutdown(socket_, SHUT_RDWR);  // the answering thread's recv returns
+        if (answering_.joinable())
+            answering_.join();
+        if (socket_ >= 0)
+            ::close(socket_);
+    }
+    bool attached() const { return socket_ >= 0; }
+
+private:
+    int socket_ = -1;
+    std::thread answering_;
+};
 
 // The least a forwarder can do: grab the keyboard, clone it, and pass every frame on in one write as it is read.
 class BareForwarder {
@@ -294,8 +343,33 @@ int main(int argc, char** argv)
     }
     row("a letter typed right behind a passed brightness key, us (p50 / p99 / max, 100)", "%.0f / %.0f / %.0f",
         BenchSupport::percentile(behind, 50), BenchSupport::percentile(behind, 99), BenchSupport::percentile(behind, 100));
-    row("  the hop to Lumora and back (that, less a letter alone), us (p50)", "%.0f",
+    row("  the same less a letter alone (the hop to Lumora, its decision, and back), us (p50)", "%.0f",
         BenchSupport::percentile(behind, 50) - BenchSupport::percentile(letters, 50));
+
+    // 4. The hop alone: the same letters with a bare client that answers at once in place of Lumora.
+    std::vector<double> hop;
+    {
+        service.setEnabled(false);  // Lumora gives the keys back; the service stays up (idle for a minute)
+        BareClient client;
+        if (client.attached()) {
+            for (int i = 0; i < 200; ++i) {
+                const std::int64_t pressed = desk.nowUs();
+                desk.pressKey(laptop, KEY_BRIGHTNESSDOWN, 1);
+                desk.pressKey(laptop, KEY_J, 1);
+                std::optional<std::int64_t> at;
+                desk.waitFor([&] { return (at = passedOnAt(desk, KEY_J, 1, pressed)).has_value(); }, 5s);
+                if (at)
+                    hop.push_back(double(*at - pressed));
+                desk.pressKey(laptop, KEY_J, 0);
+                desk.pressKey(laptop, KEY_BRIGHTNESSDOWN, 0);
+                desk.waitFor([&] { return passedOnAt(desk, KEY_BRIGHTNESSDOWN, 0, pressed).has_value(); }, 5s);
+            }
+        }
+    }
+    row("a letter behind a brightness key a bare client passes at once, us (p50 / p99 / max, 200)", "%.0f / %.0f / %.0f",
+        BenchSupport::percentile(hop, 50), BenchSupport::percentile(hop, 99), BenchSupport::percentile(hop, 100));
+    row("  less a letter alone: the hop to the client and back, us (p50)", "%.0f",
+        BenchSupport::percentile(hop, 50) - BenchSupport::percentile(letters, 50));
 
     std::size_t width = 0, valueWidth = 0;
     for (const Row& r : rows) {

@@ -288,7 +288,7 @@ TEST_F(KeysOnDesk, LostEventsAreRecoveredFromTheKeyboardsState)
 TEST_F(KeysOnDesk, KeyboardsPluggedInLaterAreTakenAndTheirClonesGoWithThem)
 {
     const std::string second =
-        desk.addKeyboard({"Keychron K2 Consumer Control", "consumer", -1, "0660", std::nullopt});
+        desk.addKeyboard({"Keychron K2 Consumer Control", "consumer", -1, "0660", std::nullopt, {}});
     desk.setAccess(second, "0660");  // as udev does once the node is there: its group, mode and access list
     ASSERT_TRUE(desk.waitFor([&] { return desk.grabbed(second) && desk.clones().size() == 4; }, 5s));
     QCursor::setPos(onDell);

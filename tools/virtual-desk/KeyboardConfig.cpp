@@ -150,10 +150,10 @@ void validateKeyboards(const DeskConfig& desk)
 
 void addDefaultKeyboards(DeskConfig& desk)
 {
-    desk.keyboards = {{"AT Translated Set 2 keyboard", "laptop", 0, "0660", std::nullopt},
-                      {"Video Bus", "videoBus", 1, "0660", std::nullopt},
-                      {"Logitech USB Keyboard", "plain", 2, "0660", std::nullopt},
-                      {"Logitech USB Keyboard Consumer Control", "consumer", 3, "0660", std::nullopt}};
+    desk.keyboards = {{"AT Translated Set 2 keyboard", "laptop", 0, "0660", std::nullopt, {}},
+                      {"Video Bus", "videoBus", 1, "0660", std::nullopt, {}},
+                      {"Logitech USB Keyboard", "plain", 2, "0660", std::nullopt, {}},
+                      {"Logitech USB Keyboard Consumer Control", "consumer", 3, "0660", std::nullopt, {}}};
     desk.uinput = UinputConfig{};
 }
 

@@ -200,10 +200,11 @@ bus_dir=$(mktemp -d)
 cat >"$bus_dir/bus.conf" <<CONF
 <busconfig><listen>unix:path=$bus_dir/bus</listen><auth>EXTERNAL</auth>
 <servicedir>/usr/share/dbus-1/system-services</servicedir>
-<policy context="default"><allow send_destination="*"/><allow own="org.freedesktop.login1"/>
-<allow own="org.freedesktop.PolicyKit1"/></policy><include>$policy</include></busconfig>
+<policy context="default"><allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/>
+<allow own="org.freedesktop.login1"/><allow own="org.freedesktop.PolicyKit1"/></policy>
+<include>$policy</include></busconfig>
 CONF
-DBUS_SYSTEM_BUS_ADDRESS="unix:path=$bus_dir/bus" timeout 120 "$desk" -- python3 - "$bus_dir" <<'PY' ||
+DBUS_SYSTEM_BUS_ADDRESS="unix:path=$bus_dir/bus" timeout 120 "$desk" -- /usr/bin/python3 - "$bus_dir" <<'PY' ||
 import os, socket, subprocess, sys, time
 import dbus
 d = sys.argv[1]
@@ -213,7 +214,8 @@ try:
     while not os.path.exists(d + "/bus"):
         assert time.time() < deadline, "no bus"
         time.sleep(0.05)
-    mocks = [subprocess.Popen([sys.executable, "-m", "dbusmock", "--system", "--template", t]) for t in ("logind", "polkitd")]
+    mocks = [subprocess.Popen([sys.executable, "-m", "dbusmock", "--system", "--template", t], stdout=subprocess.DEVNULL)
+             for t in ("logind", "polkitd")]
     bus = dbus.SystemBus()
     for name in ("org.freedesktop.login1", "org.freedesktop.PolicyKit1"):
         while not bus.name_has_owner(name):

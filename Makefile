@@ -9,7 +9,7 @@ TSAN    := build/tsan
 FUZZ    := build/fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: all deps release run test tsan fuzz bench demo demo-probe install deb check-package clean
+.PHONY: all deps release run test test-desktops test-desktops-in-use tsan fuzz bench demo demo-probe install deb check-package clean
 
 all: release
 
@@ -31,6 +31,22 @@ $(TESTING)/build.ninja:
 test: deps $(TESTING)/build.ninja
 	$(CMAKE) --build $(TESTING) -j $(JOBS)
 	ctest --test-dir $(TESTING) --output-on-failure -j $(JOBS) --timeout 300
+
+# The tray application on the real desktops, started headless (root: they run as a test user made for them):
+# sway + waybar, Xfce's panel, GNOME Shell without and with the AppIndicator extension, KWin + plasmashell.
+# Screenshots in build/release/desktops/<desktop>/. DESKTOPS chooses which.
+DESKTOPS ?= sway xfce gnome gnome-appindicator kde
+test-desktops: release
+	@bash scripts/install-desktop-deps.sh
+	timeout -k 10 1000 bash tests/desktops/run.sh $(RELEASE) $(DESKTOPS)
+
+# The monitor the user works on, on real Wayland desktops started headless: StepDisplayInUse and the on-screen
+# display with a native window on one output and the pointer on the other; prints the lookup's and the OSD's times.
+DESKTOPS_IN_USE ?= sway gnome kde
+test-desktops-in-use: release
+	@bash scripts/install-desktop-deps.sh
+	@for d in $(DESKTOPS_IN_USE); do echo "=== $$d"; timeout -k 10 240 bash tests/desktops/display-in-use.sh $$d \
+	    $(RELEASE)/Lumora/lumora $(RELEASE)/tools/virtual-desk/virtual-desk $(RELEASE)/desktops-in-use/$$d || exit 1; done
 
 $(TSAN)/build.ninja:
 	$(CMAKE) -S . -B $(TSAN) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLUMORA_SANITIZE=thread
@@ -54,7 +70,7 @@ fuzz: deps $(FUZZ)/build.ninja
 	done
 
 bench: release
-	@for b in $(RELEASE)/bench/*/bench_*; do [ -x "$$b" ] && { echo "== $$b"; $$b || exit 1; }; done
+	@for b in $(RELEASE)/bench/*/bench_*; do [ -f "$$b" ] && [ -x "$$b" ] || continue; echo "== $$b"; $$b || exit 1; done
 
 # The tray application on the virtual desk (emulated monitors and a laptop panel): in your X session when there is
 # one, else on a virtual desktop, with a screenshot of the open panel.

@@ -1,5 +1,6 @@
 #include "LumoraCore/DisplayPairing.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace Lumora::DisplayPairing {
@@ -40,6 +41,13 @@ int score(const ExternalDisplayIdentity& display, const ServiceIdentity& service
     return points;
 }
 
+bool sameBaseBlock(const ExternalDisplayIdentity& display, const ServiceIdentity& service)
+{
+    constexpr std::size_t size = 128;
+    return display.baseBlock.size() >= size && service.baseBlock.size() >= size &&
+           std::equal(display.baseBlock.begin(), display.baseBlock.begin() + size, service.baseBlock.begin());
+}
+
 std::vector<Pair> pair(const std::vector<ExternalDisplayIdentity>& displays,
                        const std::vector<ServiceIdentity>& services)
 {
@@ -52,13 +60,18 @@ std::vector<Pair> pair(const std::vector<ExternalDisplayIdentity>& displays,
     for (std::size_t d = 0; d < displays.size(); ++d) {
         std::size_t bestService = 0;
         int bestScore = 0;
+        bool bestIsTwin = false;
         for (std::size_t s = 0; s < services.size(); ++s) {
             if (used[s])
                 continue;
             const int points = score(displays[d], services[s]);
-            if (points > bestScore) {
+            if (points < bestScore || points == 0)
+                continue;
+            const bool twin = sameBaseBlock(displays[d], services[s]);
+            if (points > bestScore || (twin && !bestIsTwin)) {
                 bestService = s;
                 bestScore = points;
+                bestIsTwin = twin;
             }
         }
         if (bestScore > 0) {

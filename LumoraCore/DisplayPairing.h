@@ -16,13 +16,15 @@ namespace Lumora {
 
 struct ExternalDisplayIdentity {
     std::uint32_t id;
-    std::uint32_t vendor, model, serial;  // serial 0 means unknown
+    std::uint32_t vendor, model, serial;       // serial 0 means unknown
+    std::vector<std::uint8_t> baseBlock = {};  // the EDID's 128-byte base block; empty when there is none
 };
 
 struct ServiceIdentity {
     std::string edidUUID;
     std::string productName;
     std::int64_t serialNumber = 0;
+    std::vector<std::uint8_t> baseBlock = {};  // the EDID base block read on the channel; empty when unknown
 };
 
 // An external display, and whether its connector has a DDC channel of its own (usable or not: a connector's own
@@ -46,10 +48,15 @@ struct Pair {
     bool operator==(const Pair&) const = default;
 };
 
+// Whether the display's base block and the service's are both there and equal byte for byte. Identical monitors
+// often share vendor, model and binary serial (0x01010101), so that every score ties; their base blocks still
+// differ in the serial-number string.
+bool sameBaseBlock(const ExternalDisplayIdentity& display, const ServiceIdentity& service);
+
 // Pass only services that hold a usable channel. With exactly one display and one service they are paired
 // without comparing identities. Otherwise greedy in display order: each display takes the service not yet taken
-// with the best score above 0, the earlier service on a tie; a display with no such service is left out.
-// The result is in display order.
+// with the best score above 0; on a tie the service with the same base block, else the earlier service; a display
+// with no such service is left out. The result is in display order.
 std::vector<Pair> pair(const std::vector<ExternalDisplayIdentity>& displays,
                        const std::vector<ServiceIdentity>& services);
 

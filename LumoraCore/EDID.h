@@ -13,7 +13,7 @@ struct EDIDIdentity {
     std::uint32_t vendor = 0;   // bytes 8-9, big-endian: the packed manufacturer letters, e.g. 0x10AC
     std::uint32_t model = 0;    // bytes 10-11, little-endian: the product code, e.g. 0xA0C4
     std::uint32_t serial = 0;   // bytes 12-15, little-endian; 0 when the monitor does not give one
-    std::string productName;    // the monitor-name descriptor (tag 0xFC), "" when there is none
+    std::string productName;    // the texts of the monitor-name descriptors (tag 0xFC) joined; "" when none
     std::string identityUUID;   // bytes 8-23 as upper-case hex grouped 8-4-4-4-12, 36 characters
     std::string serialText;     // the serial-number descriptor (tag 0xFF), "" when there is none
     bool operator==(const EDIDIdentity&) const = default;

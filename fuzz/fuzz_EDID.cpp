@@ -1,9 +1,10 @@
 // Feeds arbitrary bytes to the EDID identity reader. Without the fixed header (or under 128 bytes) every field
 // must be empty; with it, the numbers must be those of bytes 8-15, the UUID 36 characters of upper-case hex in
-// 8-4-4-4-12 groups, and the name at most 13 printable characters without a trailing blank. Inputs of 128 bytes
-// or more are parsed a second time with the header written in, so that the descriptor walk is exercised too.
-// The same bytes, taken as what an EEPROM answered in some rotation, must give either no base block or one that
-// starts with the header, adds up to 0 and lies in the bytes (wrapping) where the header was found.
+// 8-4-4-4-12 groups, and the name at most four descriptors' 13 printable characters without a blank at either
+// end. Inputs of 128 bytes or more are parsed a second time with the header written in, so that the descriptor
+// walk is exercised too. The same bytes, taken as what an EEPROM answered in some rotation, must give either no
+// base block or one that starts with the header, adds up to 0 and lies in the bytes (wrapping) where the header
+// was found.
 
 #include <cstddef>
 #include <cstdint>
@@ -45,10 +46,10 @@ void checkIdentity(const std::uint8_t* data, std::size_t size)
             check((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'));
     }
 
-    check(id.productName.size() <= 13);
+    check(id.productName.size() <= 4 * 13);
     for (char c : id.productName)
         check(c >= 0x20 && c <= 0x7E);
-    check(id.productName.empty() || id.productName.back() != ' ');
+    check(id.productName.empty() || (id.productName.front() != ' ' && id.productName.back() != ' '));
 }
 
 }  // namespace

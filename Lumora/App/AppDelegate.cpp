@@ -3,27 +3,32 @@
 #include <QApplication>
 #include <QCursor>
 #include <QDialog>
-#include <QKeyEvent>
 #include <QMenu>
 #include <QScreen>
 #include <QTimer>
 
+#include <algorithm>
 #include <chrono>
 
 #include <cstdio>
 #include <optional>
 
 #include "Lumora/App/CommandLine.h"
+#include "Lumora/App/HostPoint.h"
 #include "Lumora/App/PopoverPanel.h"
+#include "Lumora/App/StatusMenu.h"
 #include "Lumora/App/Translations.h"
 #include "Lumora/Hotkeys/DisplayInUse.h"
 #include "Lumora/Platform/Linux/Desktop/Compositor.h"
+#include "Lumora/Platform/Linux/Desktop/DesktopInputs.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayChangeMonitor.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayServer.h"
 #include "Lumora/Platform/Linux/Desktop/OutsideClickWatcher.h"
 #include "Lumora/Platform/Linux/Desktop/ResumeMonitor.h"
 #include "Lumora/Platform/Linux/Desktop/SingleInstance.h"
+#include "Lumora/Platform/Linux/Desktop/StatusNotifierItem.h"
 #include "Lumora/Platform/Linux/Desktop/TrayWatcher.h"
+#include "Lumora/Platform/Linux/Desktop/WaylandSession.h"
 #include "Lumora/UI/AboutBox.h"
 #include "Lumora/UI/PopoverView.h"
 #include "Lumora/UI/Symbols.h"
@@ -38,6 +43,9 @@ namespace {
 constexpr int menuGap = 4;
 // How far the pointer may move between the press on a StatusNotifier item and the activation that follows it.
 constexpr int clickSlop = 8;
+// How long after the panel lost the focus the activation of a click on the tray item may arrive: the host sends
+// it on the button's release, or after its own double-click test.
+constexpr qint64 focusLossToActivationMs = 700;
 
 // Messages at start, before (or without) a QApplication: translated from Lumora's catalogue directly.
 constexpr const char* messageContext = "Lumora::AppDelegate";
@@ -82,26 +90,6 @@ void say(const QString& message) { write(message, stderr); }
 void print(const QString& message) { write(message, stdout); }
 // Monitors come back slowly after a resume: they are read at once, and again this much later.
 constexpr auto secondRefreshAfterResume = std::chrono::milliseconds(3000);
-
-// The status menu: "q" (and the desktop's usual Ctrl+Q) quits while it is open.
-class StatusMenu : public QMenu {
-public:
-    using QMenu::QMenu;
-    QAction* quitAction = nullptr;
-
-protected:
-    void keyPressEvent(QKeyEvent* event) override
-    {
-        const auto modifiers = event->modifiers() & ~Qt::KeypadModifier;
-        if (quitAction != nullptr && event->key() == Qt::Key_Q &&
-            (modifiers == Qt::NoModifier || modifiers == Qt::ControlModifier)) {
-            close();
-            quitAction->trigger();
-            return;
-        }
-        QMenu::keyPressEvent(event);
-    }
-};
 
 // Chooses the window system before Qt does, and makes sure it answers: Qt aborts when it cannot connect. The tray
 // and the panel belong to the X11 desktop, under XWayland too, where positioning a panel and seeing clicks
@@ -153,6 +141,7 @@ AppDelegate::~AppDelegate()
     dismissMonitor_.reset();
     displayChanges_.reset();
     trayWatcher_.reset();
+    notifierItem_.reset();
     sessionBus_.reset();
     resume_.reset();
     panel_.reset();
@@ -217,9 +206,19 @@ SessionBus::Claim AppDelegate::serveSessionBus()
     SessionBusActions actions;
     actions.showPanel = [this] { showPanel(); };
     actions.displays = [this]() -> const std::vector<DisplaySnapshot>& { return controller_.displays(); };
-    actions.setBrightness = [this](std::uint32_t id, double fraction) { controller_.setBrightness(id, fraction); };
-    actions.step = [this](std::uint32_t id, double delta) { controller_.step(id, delta); };
-    actions.togglePower = [this](std::uint32_t id) { controller_.togglePower(id); };
+    // Any process of the session may call these as fast as it likes: their standby and wake commands are folded.
+    constexpr auto folded = DisplayController::PowerCommands::newestOnly;
+    // Their changes show in the on-screen display, as a key's do: a script or a shortcut changes a monitor out of
+    // the user's sight of any slider.
+    actions.setBrightness = [this](std::uint32_t id, double fraction) {
+        controller_.setBrightness(id, fraction, folded);
+        osd_.show(id);
+    };
+    actions.step = [this](std::uint32_t id, double delta) {
+        controller_.step(id, delta, folded);
+        osd_.show(id);
+    };
+    actions.togglePower = [this](std::uint32_t id) { controller_.togglePower(id, folded); };
     actions.refresh = [this] { controller_.refresh(); };
     actions.displayInUse = [this]() -> std::optional<std::uint32_t> {
         const std::optional<TargetResolver::Decision> inUse = DisplayInUse::resolve(controller_.displays());
@@ -236,7 +235,11 @@ SessionBus::Claim AppDelegate::serveSessionBus()
 void AppDelegate::applicationDidFinishLaunching()
 {
     configureStatusItem();
+    // The desktop's reader is set up now rather than at the first key: on KWin it loads a script whose reports of
+    // the active window must have come in by then.
+    DesktopInputs::session().read();
     hotkeys_ = std::make_unique<HotkeyService>(controller_);
+    connect(hotkeys_.get(), &HotkeyService::adjusted, &osd_, &OnScreenDisplay::show);
     configurePanel();
     controller_.refresh();
     registerForDisplayChanges();
@@ -247,6 +250,26 @@ void AppDelegate::applicationDidFinishLaunching()
 
 void AppDelegate::configureStatusItem()
 {
+    exportedMenu_.reset(buildMenu());
+    StatusNotifierActions actions;
+    actions.activate = [this](QPoint at) { itemActivated(at); };
+    actions.secondaryActivate = [this](QPoint at) { itemActivated(at); };
+    actions.contextMenu = [this](QPoint at) { showMenu(at); };
+    actions.availabilityChanged = [this](bool available) { notifierHostChanged(available); };
+    notifierItem_ = StatusNotifierItem::create(exportedMenu_.get(), std::move(actions));
+    if (notifierItem_ != nullptr) {
+        notifierItem_->setIcon(Symbols::trayIcon(QGuiApplication::palette()));
+        notifierItem_->setToolTip(QApplication::applicationName(), tr("Lumora \u2014 external monitor brightness"));
+        inNotifierHost_ = StatusNotifierItem::hostAvailable();
+    }
+    if (!inNotifierHost_) {
+        createTrayIcon();
+    }
+}
+
+// Qt's tray icon, for a desktop without a StatusNotifier host: it docks in the X11 desktop's XEmbed tray.
+void AppDelegate::createTrayIcon()
+{
     statusItem_ = std::make_unique<QSystemTrayIcon>();
     statusItem_->setIcon(Symbols::trayIcon(QGuiApplication::palette()));
     statusItem_->setToolTip(tr("Lumora \u2014 external monitor brightness"));
@@ -255,13 +278,56 @@ void AppDelegate::configureStatusItem()
     statusItem_->show();
 }
 
+// A StatusNotifier host came (the icon moves there from an XEmbed tray or the window) or went (back to them).
+void AppDelegate::notifierHostChanged(bool available)
+{
+    if (available == inNotifierHost_) {
+        return;
+    }
+    hide();
+    inNotifierHost_ = available;
+    if (available) {
+        statusItem_.reset();
+    } else if (statusItem_ == nullptr) {
+        createTrayIcon();
+    }
+    followTray(false);
+}
+
+void AppDelegate::itemActivated(QPoint hostPoint)
+{
+    activationPoint_ = itemPosition(hostPoint);
+    statusItemClicked(QSystemTrayIcon::Trigger);
+}
+
+// Where the StatusNotifier host says its item was clicked, in Qt's coordinates. A host that gives the position
+// inside its bar (waybar) tells only how far down: its tray sits at the end of the bar, so the panel goes to the
+// right end of the screen the pointer was last seen on, at that height.
+std::optional<QPoint> AppDelegate::itemPosition(QPoint hostPoint) const
+{
+    if (notifierItem_ != nullptr && !notifierItem_->hostGivesGlobalPositions()) {
+        const QRect screen = screenFor({QCursor::pos(), QSize(0, 0)});
+        if (screen.isEmpty()) {
+            return std::nullopt;
+        }
+        return QPoint(screen.x() + screen.width() - 1, screen.y() + std::clamp(hostPoint.y(), 0, screen.height() - 1));
+    }
+    return HostPoint::toLogical(hostPoint, HostPoint::currentScreens());
+}
+
 void AppDelegate::configurePanel()
 {
     panel_ = std::make_unique<PopoverPanel>(new PopoverView(controller_, *hotkeys_));
+    panel_->setManagedByCompositor(WaylandSession::isActive());
     connect(panel_.get(), &PopoverPanel::dismissRequested, this, [this] { hide(); });
+    connect(panel_.get(), &PopoverPanel::focusLost, this, [this] { focusLost(); });
     connect(panel_.get(), &PopoverPanel::appearanceChanged, this, [this] {
+        const QIcon icon = Symbols::trayIcon(QGuiApplication::palette());
         if (statusItem_ != nullptr) {
-            statusItem_->setIcon(Symbols::trayIcon(QGuiApplication::palette()));
+            statusItem_->setIcon(icon);
+        }
+        if (notifierItem_ != nullptr) {
+            notifierItem_->setIcon(icon);
         }
     });
 }
@@ -279,7 +345,7 @@ void AppDelegate::registerForDisplayChanges()
 // which Qt docks by itself when the tray appears.
 void AppDelegate::followTray(bool starting)
 {
-    const bool windowed = !QSystemTrayIcon::isSystemTrayAvailable();
+    const bool windowed = !inNotifierHost_ && !QSystemTrayIcon::isSystemTrayAvailable();
     if (windowed == windowed_ && !starting) {
         return;
     }
@@ -316,6 +382,11 @@ void AppDelegate::statusItemClicked(QSystemTrayIcon::ActivationReason reason)
     if (pressed && (QCursor::pos() - *pressed).manhattanLength() <= clickSlop) {
         return;  // the press of this very click already hid the panel
     }
+    const bool justLostFocus = hiddenByFocusLoss_.isValid() && hiddenByFocusLoss_.elapsed() < focusLossToActivationMs;
+    hiddenByFocusLoss_.invalidate();
+    if (justLostFocus) {
+        return;  // this click took the focus from the panel, which closed
+    }
     // A second click within the double-click interval arrives as DoubleClick: it is a click like any other.
     toggle();
 }
@@ -350,31 +421,51 @@ bool AppDelegate::statusItemHasGeometry() const
     return geometry.isValid() && !geometry.isEmpty();
 }
 
+bool AppDelegate::hasStatusItem() const
+{
+    return statusItem_ != nullptr || (notifierItem_ != nullptr && inNotifierHost_);
+}
+
 QRect AppDelegate::statusItemAnchor() const
 {
-    // A StatusNotifier host gives no geometry for the item: the cursor, which just clicked it, stands in.
+    // An XEmbed tray tells where the icon is; a StatusNotifier host tells where it was clicked; otherwise the
+    // cursor, which just clicked it, stands in.
     if (statusItemHasGeometry()) {
         return statusItem_->geometry();
+    }
+    if (inNotifierHost_ && activationPoint_) {
+        return {*activationPoint_, QSize(0, 0)};
     }
     return {QCursor::pos(), QSize(0, 0)};
 }
 
 void AppDelegate::show()
 {
-    if (statusItem_ == nullptr || panel_ == nullptr || panel_->contentView() == nullptr) {
+    if (!hasStatusItem() || panel_ == nullptr || panel_->contentView() == nullptr) {
         return;
     }
     hiddenByPressAt_.reset();
+    hiddenByFocusLoss_.invalidate();
     controller_.refresh();
     const QRect anchor = statusItemAnchor();
     QScreen* screen = screenAt(anchor);
     panel_->placeAt(anchor, screenFor(anchor), screen != nullptr ? screen->availableGeometry() : QRect());
     panel_->setComposited(Compositor::isRunning());
+    if (notifierItem_ != nullptr) {
+        // The host's token for this click lets a Wayland compositor give the new window the focus.
+        if (const QString token = notifierItem_->takeActivationToken();
+            !token.isEmpty() && QGuiApplication::platformName().startsWith(QLatin1String("wayland"))) {
+            qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
+        }
+    }
     panel_->show();
     panel_->raise();
     panel_->takeFocus();
-    dismissMonitor_ = OutsideClickWatcher::install([this](QPoint position) { return isOwnWindowAt(position); },
-                                                   [this](QPoint position) { outsidePress(position); });
+    if (!WaylandSession::isActive()) {
+        // On X11 a click elsewhere is seen directly; on Wayland the panel closes when it loses the focus.
+        dismissMonitor_ = OutsideClickWatcher::install([this](QPoint position) { return isOwnWindowAt(position); },
+                                                       [this](QPoint position) { outsidePress(position); });
+    }
 }
 
 void AppDelegate::showWindow()
@@ -409,6 +500,22 @@ void AppDelegate::outsidePress(QPoint position)
     hide();
 }
 
+void AppDelegate::focusLost()
+{
+    if (panel_ == nullptr || !panel_->isVisible() || panel_->isWindowed()) {
+        return;
+    }
+    // A menu or dialog of Lumora's own that took the focus leaves the panel alone.
+    if (QWidget* active = QApplication::activePopupWidget(); active != nullptr) {
+        return;
+    }
+    if (const QWidget* active = QApplication::activeWindow(); active != nullptr && active != panel_.get()) {
+        return;
+    }
+    hide();
+    hiddenByFocusLoss_.start();
+}
+
 bool AppDelegate::isOwnWindowAt(QPoint position) const
 {
     if (panel_ != nullptr && panel_->isVisible() && panel_->frameGeometry().contains(position)) {
@@ -426,13 +533,9 @@ bool AppDelegate::isOwnWindowAt(QPoint position) const
     return false;
 }
 
-void AppDelegate::showMenu()
+StatusMenu* AppDelegate::buildMenu()
 {
-    if (statusItem_ == nullptr) {
-        return;
-    }
     auto* menu = new StatusMenu;
-    menu->setAttribute(Qt::WA_DeleteOnClose);
     QAction* about = menu->addAction(tr("About Lumora"));
     QAction* updates = menu->addAction(tr("Check for Updates\u2026"));
     updates->setEnabled(updater_.isAvailable());
@@ -444,9 +547,25 @@ void AppDelegate::showMenu()
     connect(about, &QAction::triggered, this, [this] { showAbout(); });
     connect(updates, &QAction::triggered, this, [this] { checkForUpdates(); });
     connect(quitItem, &QAction::triggered, this, [this] { quit(); });
+    return menu;
+}
 
-    // Under the item on a top panel, above it on a bottom panel, at the cursor when the tray gives no geometry.
-    const QRect anchor = statusItemAnchor();
+void AppDelegate::showMenu(std::optional<QPoint> hostPoint)
+{
+    if (!hasStatusItem()) {
+        return;
+    }
+    StatusMenu* menu = buildMenu();
+    menu->setAttribute(Qt::WA_DeleteOnClose);
+
+    // Under the item on a top panel, above it on a bottom panel: the XEmbed icon's geometry, else where the host
+    // says the click was, else the cursor.
+    QRect anchor = statusItemAnchor();
+    if (!statusItemHasGeometry() && hostPoint) {
+        if (const std::optional<QPoint> at = itemPosition(*hostPoint)) {
+            anchor = {*at, QSize(0, 0)};
+        }
+    }
     const QRect screen = screenFor(anchor);
     const QSize size = menu->sizeHint();
     QPoint at(anchor.x(), anchor.y() + anchor.height() + menuGap);

@@ -8,6 +8,7 @@
 // --background, as the session's autostart does) and again whenever Lumora is started a second time; when a tray appears the icon docks and the panel floats under it again. A second start on
 // any desktop reaches the running Lumora over the session bus and shows its panel.
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QPoint>
 #include <QPointer>
@@ -17,6 +18,7 @@
 #include <optional>
 
 #include "Lumora/App/DisplayController.h"
+#include "Lumora/App/OnScreenDisplay.h"
 #include "Lumora/Platform/Linux/Desktop/SessionBus.h"
 #include "Lumora/Hotkeys/HotkeyService.h"
 #include "Lumora/Updater/Updater.h"
@@ -25,6 +27,8 @@ namespace Lumora {
 
 class AboutBox;
 class DisplayChangeMonitor;
+class StatusMenu;
+class StatusNotifierItem;
 class OutsideClickWatcher;
 class PopoverPanel;
 class ResumeMonitor;
@@ -58,6 +62,10 @@ public:
 
 private:
     void configureStatusItem();
+    void createTrayIcon();
+    void notifierHostChanged(bool available);
+    void itemActivated(QPoint hostPoint);
+    std::optional<QPoint> itemPosition(QPoint hostPoint) const;
     void configurePanel();
     void registerForDisplayChanges();
     void followTray(bool starting);
@@ -67,18 +75,29 @@ private:
     void showWindow();
     void hide();
     void outsidePress(QPoint position);
-    void showMenu();
+    void focusLost();
+    StatusMenu* buildMenu();
+    void showMenu(std::optional<QPoint> hostPoint = std::nullopt);
     void showAbout();
     void checkForUpdates();
     void quit();
     bool isOwnWindowAt(QPoint position) const;
     bool statusItemHasGeometry() const;
+    bool hasStatusItem() const;
     QRect statusItemAnchor() const;
 
     DisplayController controller_;
+    OnScreenDisplay osd_{controller_};  // after a key or a bus call; never after the panel's sliders
     Updater updater_;
     std::unique_ptr<HotkeyService> hotkeys_;  // outlives the panel, which shows it
+    // The tray item: Lumora's own StatusNotifier item where the session has a host for it, else Qt's tray icon,
+    // which docks in an XEmbed tray.
     std::unique_ptr<QSystemTrayIcon> statusItem_;
+    std::unique_ptr<StatusMenu> exportedMenu_;  // the status menu as StatusNotifier hosts show it
+    std::unique_ptr<StatusNotifierItem> notifierItem_;
+    bool inNotifierHost_ = false;
+    // Where the StatusNotifier host last said its item was clicked, in Qt's coordinates.
+    std::optional<QPoint> activationPoint_;
     std::unique_ptr<PopoverPanel> panel_;
     std::unique_ptr<OutsideClickWatcher> dismissMonitor_;
     std::unique_ptr<DisplayChangeMonitor> displayChanges_;
@@ -91,6 +110,9 @@ private:
     // Where a press outside hid the panel while the tray item has no geometry: that press may have been the click
     // on the item itself, whose activation then follows and must not open the panel again.
     std::optional<QPoint> hiddenByPressAt_;
+    // When the panel last closed because it lost the focus: the click on the tray item that took the focus from it
+    // is followed by the item's activation, which must not open it again.
+    QElapsedTimer hiddenByFocusLoss_;
     std::unique_ptr<ResumeMonitor> resume_;
 };
 

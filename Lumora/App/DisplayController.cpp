@@ -246,7 +246,7 @@ void DisplayController::publish(const RefreshBatch& batch)
 
 // ---- Writes, stepping, power ---------------------------------------------------------------------------------
 
-void DisplayController::setBrightness(std::uint32_t id, double fraction)
+void DisplayController::setBrightness(std::uint32_t id, double fraction, PowerCommands commands)
 {
     if (std::isnan(fraction)) {
         return;  // no brightness to show or write; a NaN target would also never compare equal in the write loop
@@ -281,28 +281,28 @@ void DisplayController::setBrightness(std::uint32_t id, double fraction)
         }
         changeDisplays([&] { displays_[i].isOn = false; });
         poweredOff_.insert(id);
-        setPower(id, backend, false);
+        setPower(id, backend, false, commands);
         return;
     }
     if (canPowerOff && !displays_[i].isOn) {
         changeDisplays([&] { displays_[i].isOn = true; });
         poweredOff_.erase(id);
-        setPower(id, backend, true);
+        setPower(id, backend, true, commands);
     }
     writeBrightness(id, backend, f);
 }
 
-void DisplayController::step(std::uint32_t id, double delta)
+void DisplayController::step(std::uint32_t id, double delta, PowerCommands commands)
 {
     for (const DisplaySnapshot& shown : displays_) {
         if (shown.id == id) {
-            setBrightness(id, shown.brightness + delta);
+            setBrightness(id, shown.brightness + delta, commands);
             return;
         }
     }
 }
 
-void DisplayController::togglePower(std::uint32_t id)
+void DisplayController::togglePower(std::uint32_t id, PowerCommands commands)
 {
     std::size_t i = 0;
     while (i < displays_.size() && displays_[i].id != id) {
@@ -314,13 +314,26 @@ void DisplayController::togglePower(std::uint32_t id)
     if (displays_[i].isOn) {
         const double shown = displays_[i].brightness;
         restoreBrightness_[id] = shown > offThreshold ? shown : defaultRestoreBrightness;
-        setBrightness(id, 0.0);
+        setBrightness(id, 0.0, commands);
     } else {
         const auto kept = restoreBrightness_.find(id);
-        setBrightness(id, kept != restoreBrightness_.end() ? kept->second : defaultRestoreBrightness);
+        setBrightness(id, kept != restoreBrightness_.end() ? kept->second : defaultRestoreBrightness, commands);
     }
     // The monitor settles into its new power state in its own time; read it back once it has.
-    QTimer::singleShot(refreshAfterToggle, Qt::PreciseTimer, this, [this] { refresh(); });
+    if (commands == PowerCommands::inOrder) {
+        QTimer::singleShot(refreshAfterToggle, Qt::PreciseTimer, this, [this] { refresh(); });
+        return;
+    }
+    // A run of folded toggles is read back once, after its last: a refresh per toggle would read every monitor
+    // a thousand times over.
+    if (foldedToggleRefresh_ == nullptr) {
+        foldedToggleRefresh_ = new QTimer(this);
+        foldedToggleRefresh_->setSingleShot(true);
+        foldedToggleRefresh_->setTimerType(Qt::PreciseTimer);
+        foldedToggleRefresh_->setInterval(refreshAfterToggle);
+        connect(foldedToggleRefresh_, &QTimer::timeout, this, [this] { refresh(); });
+    }
+    foldedToggleRefresh_->start();
 }
 
 // Main thread: records the newest target and starts the display's write loop unless one is queued or running,
@@ -365,9 +378,26 @@ void DisplayController::drainBrightness(std::uint32_t id, const DisplayBackendRe
     }
 }
 
-// Main thread: power commands are not coalesced; they run in request order with the writes on the display's queue.
-void DisplayController::setPower(std::uint32_t id, const DisplayBackendRef& backend, bool on)
+// Main thread: an in-order command is queued as it is, behind the display's traffic. A folded one, or any command
+// while a folded loop is queued or running, only records the newest state for that loop; the loop starts unless
+// one is queued or running. A wake's write, queued right after, runs behind the loop that wakes the monitor.
+void DisplayController::setPower(std::uint32_t id, const DisplayBackendRef& backend, bool on, PowerCommands commands)
 {
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        if (commands == PowerCommands::newestOnly || powering_.contains(id)) {
+            targetPower_[id] = on;
+            if (powering_.contains(id)) {
+                return;
+            }
+            powering_.insert(id);
+            commands = PowerCommands::newestOnly;
+        }
+    }
+    if (commands == PowerCommands::newestOnly) {
+        queue(id).async([this, id, backend] { drainPower(id, backend); });
+        return;
+    }
     queue(id).async([backend, on] {
         try {
             backend->setPower(on);
@@ -375,6 +405,28 @@ void DisplayController::setPower(std::uint32_t id, const DisplayBackendRef& back
             // Unnoticed, like any failed power command.
         }
     });
+}
+
+// The display's queue: sends the newest power state until no other is asked for, as drainBrightness writes.
+void DisplayController::drainPower(std::uint32_t id, const DisplayBackendRef& backend)
+{
+    for (;;) {
+        bool target = true;
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            target = targetPower_.at(id);
+        }
+        try {
+            backend->setPower(target);
+        } catch (...) {
+            // Unnoticed, like any failed power command; the loop ends or goes on as usual.
+        }
+        std::lock_guard<std::mutex> hold(lock_);
+        if (targetPower_.at(id) == target) {
+            powering_.erase(id);
+            return;
+        }
+    }
 }
 
 // Main thread: the display's queue, created on first use and kept for good.

@@ -2,6 +2,12 @@
 // The one model of the displays that the application shares: the published list of snapshots, the backends, one
 // serial work queue per display, coalesced brightness writes, stepping, standby and wake.
 //
+// Standby and wake reach a monitor as commands on its queue. Those of the panel and the keys are sent one by one
+// in request order: a person cannot ask faster than a monitor changes state. Those of the session bus, which any
+// process may call as fast as it likes, are folded together as brightness writes are (PowerCommands::newestOnly):
+// however many come while one is queued or running, the monitor gets at most one more, and ends in the state the
+// last request asked for.
+//
 // Threads: the controller lives on the thread of the Qt event loop it was created on (the main thread). Every
 // public operation runs there, except refresh(), which any thread may call. Hardware work never runs there:
 // enumeration runs on the enumeration queue; each display's reads, writes and power commands run on that
@@ -15,6 +21,8 @@
 // another thread while it is being destroyed.
 
 #include <QObject>
+
+class QTimer;
 
 #include <cstdint>
 #include <deque>
@@ -37,6 +45,11 @@ class DisplayController : public QObject {
 public:
     using Enumerate = std::function<std::vector<DisplayInfo>()>;
 
+    // How the standby and wake commands of a request reach the monitor: each in request order, or only the newest
+    // while one is queued or running. A request of either kind made while a folded command is queued or running
+    // is folded into it, so the last request always decides the end state.
+    enum class PowerCommands { inOrder, newestOnly };
+
     // Enumerates with DisplayEnumerator::allDisplays.
     explicit DisplayController(QObject* parent = nullptr);
     // Enumerates with `enumerate`, called on the enumeration queue only.
@@ -56,11 +69,12 @@ public:
     void refresh();
     // Shows the clamped fraction at once, then writes it, or puts a monitor into standby at 0.01 and below and
     // wakes it above. Unknown displays and NaN are ignored.
-    void setBrightness(std::uint32_t id, double fraction);
+    void setBrightness(std::uint32_t id, double fraction, PowerCommands commands = PowerCommands::inOrder);
     // setBrightness relative to the shown brightness.
-    void step(std::uint32_t id, double delta);
-    // Standby, keeping the brightness to restore, or wake at the kept brightness; refreshes 2 s later.
-    void togglePower(std::uint32_t id);
+    void step(std::uint32_t id, double delta, PowerCommands commands = PowerCommands::inOrder);
+    // Standby, keeping the brightness to restore, or wake at the kept brightness; refreshes 2 s later (newestOnly:
+    // 2 s after the last of a run of toggles, once).
+    void togglePower(std::uint32_t id, PowerCommands commands = PowerCommands::inOrder);
 
     static constexpr double offThreshold = 0.01;
     static constexpr const char* applicationIdentifier = "org.lumora.Lumora";
@@ -78,7 +92,8 @@ private:
 
     void writeBrightness(std::uint32_t id, const DisplayBackendRef& backend, double fraction);
     void drainBrightness(std::uint32_t id, const DisplayBackendRef& backend);
-    void setPower(std::uint32_t id, const DisplayBackendRef& backend, bool on);
+    void setPower(std::uint32_t id, const DisplayBackendRef& backend, bool on, PowerCommands commands);
+    void drainPower(std::uint32_t id, const DisplayBackendRef& backend);
     SerialQueue& queue(std::uint32_t id);
 
     void startRefresh();
@@ -97,6 +112,7 @@ private:
     std::unordered_map<std::uint32_t, std::unique_ptr<SerialQueue>> queues_;
     std::unordered_set<std::uint32_t> poweredOff_;
     std::unordered_map<std::uint32_t, double> restoreBrightness_;
+    QTimer* foldedToggleRefresh_ = nullptr;  // the one refresh after a run of folded toggles
 
     // Constant from construction to destruction.
     std::unique_ptr<SerialQueue> enumerationQueue_;
@@ -111,10 +127,12 @@ private:
     std::mutex mainMailboxMutex_;
     std::deque<std::function<void()>> mainMailbox_;
 
-    // Guards targetFraction_ and writing_ only; never held during a hardware call.
+    // Guards targetFraction_, writing_, targetPower_ and powering_ only; never held during a hardware call.
     std::mutex lock_;
     std::unordered_map<std::uint32_t, double> targetFraction_;
     std::unordered_set<std::uint32_t> writing_;
+    std::unordered_map<std::uint32_t, bool> targetPower_;  // on: true
+    std::unordered_set<std::uint32_t> powering_;           // a folded power loop is queued or running
 };
 
 }  // namespace Lumora

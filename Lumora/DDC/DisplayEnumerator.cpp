@@ -1,14 +1,16 @@
 #include "Lumora/DDC/DisplayEnumerator.h"
 
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "Lumora/DDC/DDCBackend.h"
+#include "Lumora/DDC/DDCService.h"
 #include "Lumora/DDC/IOAVService.h"
 #include "Lumora/DDC/InternalBackend.h"
 #include "Lumora/Platform/Linux/DisplayAdapters.h"
 #include "Lumora/Platform/Linux/DrmConnectors.h"
-#include "Lumora/Platform/Linux/EdidEeprom.h"
+#include "Lumora/Platform/Linux/EdidCache.h"
 #include "LumoraCore/DisplayPairing.h"
 #include "LumoraCore/EDID.h"
 
@@ -23,23 +25,33 @@ struct RegService {
     IOAVServiceRef service;
 };
 
-ServiceIdentity identityOf(const EDIDIdentity& edid)
+// The EDID's base block: its first 128 bytes, none when it is shorter.
+std::vector<std::uint8_t> baseBlockOf(std::span<const std::uint8_t> edid)
 {
-    return {edid.identityUUID, edid.productName, static_cast<std::int64_t>(edid.serial)};
+    if (edid.size() < 128)
+        return {};
+    return {edid.begin(), edid.begin() + 128};
+}
+
+ServiceIdentity identityOf(const EDIDIdentity& edid, std::span<const std::uint8_t> bytes)
+{
+    return {edid.identityUUID, edid.productName, static_cast<std::int64_t>(edid.serial), baseBlockOf(bytes)};
 }
 
 // The channels no connector owns, each with the identity of the monitor that answers on it, in walk order (by
 // card, then adapter number). A channel whose EDID cannot be read without writing has no monitor behind it and
-// is no candidate; neither is one whose service cannot be created.
+// is no candidate; neither is one whose service cannot be created. Their EDIDs are read once and kept until a
+// connector changes (EdidCache).
 std::vector<RegService> collectUnownedServices(const std::vector<DrmConnector>& connectors, IOAVService::CreateFn create)
 {
     std::vector<RegService> result;
     for (const Platform::DisplayAdapter& adapter : Platform::DisplayAdapters::unowned(connectors)) {
-        std::optional<std::array<std::uint8_t, 128>> edid = Platform::EdidEeprom::readBaseBlock(adapter.devicePath);
+        std::optional<std::array<std::uint8_t, 128>> edid = Platform::EdidCache::baseBlock(
+            connectors, adapter, std::chrono::steady_clock::now() + DDCService::busPatience);
         if (!edid)
             continue;
         if (IOAVServiceRef service = create(adapter.devicePath.c_str()))
-            result.push_back({identityOf(EDID::parse(*edid)), std::move(service)});
+            result.push_back({identityOf(EDID::parse(*edid), *edid), std::move(service)});
     }
     return result;
 }
@@ -64,8 +76,9 @@ std::vector<DisplayInfo> matchExternals(const std::vector<const DrmConnector*>& 
     bool anyWithoutChannel = false;
     for (const DrmConnector* connector : externals) {
         EDIDIdentity edid = EDID::parse(connector->edid);
-        displays.push_back({{connector->displayID, edid.vendor, edid.model, edid.serial},
-                            connector->ddcDevicePath.has_value()});
+        displays.push_back(
+            {{connector->displayID, edid.vendor, edid.model, edid.serial, baseBlockOf(connector->edid)},
+             connector->ddcDevicePath.has_value()});
         edids.push_back(std::move(edid));
         anyWithoutChannel = anyWithoutChannel || !connector->ddcDevicePath;
     }
@@ -85,7 +98,7 @@ std::vector<DisplayInfo> matchExternals(const std::vector<const DrmConnector*>& 
         }
         // A connector's own channel that cannot be opened leaves its display out.
         if (IOAVServiceRef service = create(externals[choice.display]->ddcDevicePath->c_str()))
-            result.push_back(info(id, {identityOf(edids[choice.display]), std::move(service)}));
+            result.push_back(info(id, {identityOf(edids[choice.display], {}), std::move(service)}));
     }
     return result;
 }

@@ -45,13 +45,19 @@ std::int32_t readI2C(const IOAVServiceRef& service, std::uint32_t chipAddress, s
     return service->read(static_cast<std::uint8_t>(chipAddress), std::span<std::uint8_t>(buffer, length));
 }
 
+std::shared_ptr<void> holdBus(const IOAVServiceRef& service, std::chrono::steady_clock::time_point deadline)
+{
+    return service ? service->holdBus(deadline) : nullptr;
+}
+
 struct Binding {
     IOAVService::CreateFn create = nullptr;
     IOAVService::WriteFn write = nullptr;
     IOAVService::ReadFn read = nullptr;
+    IOAVService::HoldFn hold = nullptr;
 };
 
-constexpr Binding bound{&createService, &writeI2C, &readI2C};
+constexpr Binding bound{&createService, &writeI2C, &readI2C, &holdBus};
 constexpr Binding absent{};
 
 // Once i2c-dev has been seen the entry points stay bound for the run. An absent answer is not kept: each lookup
@@ -74,6 +80,7 @@ const Binding& binding()
 IOAVService::CreateFn IOAVService::createFn() { return binding().create; }
 IOAVService::WriteFn IOAVService::writeFn() { return binding().write; }
 IOAVService::ReadFn IOAVService::readFn() { return binding().read; }
+IOAVService::HoldFn IOAVService::holdFn() { return binding().hold; }
 
 bool IOAVService::isAvailable()
 {

@@ -8,7 +8,12 @@
 // stay bound for the run; while absent, every lookup checks again, so the tray application finds a module loaded
 // after it started at its next refresh. The write entry point writes to the DDC/CI address 0x37 only and refuses
 // every other.
+//
+// A fourth entry point holds a monitor's bus for one exchange, so that the exchanges of other programs that speak
+// DDC/CI on Linux (and of a second Lumora) never interleave with ours: they all take an exclusive lock on the
+// bus's device node for each exchange.
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -30,10 +35,17 @@ struct IOAVService {
     using ReadFn = std::int32_t (*)(const IOAVServiceRef& service, std::uint32_t chipAddress, std::uint32_t offset,
                                     std::uint8_t* buffer, std::uint32_t length);
 
+    // Holds the service's bus for one exchange (a Set with its repeat, a Get request with its reply read), waiting
+    // for other programs until `deadline` at most; null when the bus could not be had. The bus is let go when the
+    // result is destroyed.
+    using HoldFn = std::shared_ptr<void> (*)(const IOAVServiceRef& service,
+                                             std::chrono::steady_clock::time_point deadline);
+
     // Each null when absent. Safe to call from several threads at once.
     static CreateFn createFn();
     static WriteFn writeFn();
     static ReadFn readFn();
+    static HoldFn holdFn();
     static bool isAvailable();
 };
 

@@ -3,15 +3,15 @@
 #include <cstdint>
 #include <unordered_set>
 
-#include "Lumora/Platform/Linux/Desktop/Cursor.h"
+#include "Lumora/Platform/Linux/Desktop/DesktopInputs.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayFrames.h"
-#include "Lumora/Platform/Linux/Desktop/FocusedWindow.h"
 
 namespace Lumora::DisplayInUse {
 namespace {
 
 // The active displays in the resolver's terms, in connector order.
-std::vector<TargetResolver::Display> onlineDisplays(const std::vector<DisplaySnapshot>& snapshots)
+std::vector<TargetResolver::Display> onlineDisplays(const std::vector<DisplaySnapshot>& snapshots,
+                                                    const std::vector<ScreenIdentity>& screens)
 {
     std::unordered_set<std::uint32_t> ddc;
     for (const DisplaySnapshot& snapshot : snapshots) {
@@ -19,7 +19,7 @@ std::vector<TargetResolver::Display> onlineDisplays(const std::vector<DisplaySna
             ddc.insert(snapshot.id);
     }
     std::vector<TargetResolver::Display> displays;
-    for (const DisplayFrame& display : DisplayFrames::active())
+    for (const DisplayFrame& display : DisplayFrames::active(screens))
         displays.push_back({display.id, display.frame, ddc.count(display.id) != 0});
     return displays;
 }
@@ -28,13 +28,12 @@ std::vector<TargetResolver::Display> onlineDisplays(const std::vector<DisplaySna
 
 std::optional<TargetResolver::Decision> resolve(const std::vector<DisplaySnapshot>& displays)
 {
-    const std::vector<TargetResolver::Display> online = onlineDisplays(displays);
+    const DesktopView desktop = DesktopInputs::session().read();
+    const std::vector<TargetResolver::Display> online = onlineDisplays(displays, desktop.screens);
     if (online.empty())
         return std::nullopt;
-    const std::optional<Rect> window = FocusedWindow::frame();
-    // A pointer the window system does not tell about is taken to be at the origin.
-    const Point cursor = Cursor::position().value_or(Point{0, 0});
-    return TargetResolver::resolve(online, window, cursor);
+    // A pointer the desktop does not tell about (nor an active output stands for) is taken to be at the origin.
+    return TargetResolver::resolve(online, desktop.focusedWindow, desktop.pointer.value_or(Point{0, 0}));
 }
 
 }  // namespace Lumora::DisplayInUse

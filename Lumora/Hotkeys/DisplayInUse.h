@@ -3,15 +3,15 @@
 // pointer, else the first active display. The brightness keys act on it, and so do the session bus's
 // StepDisplayInUse and SetDisplayInUse, so that a desktop shortcut bound to those goes where the key would go.
 //
-// Asked afresh at every call: the active displays with their frames on the desktop (DisplayFrames), the focused
-// window (FocusedWindow) and the pointer (Cursor), decided by TargetResolver. A display that the controller lists
+// Asked afresh at every call of the desktop the user runs (DesktopInputs): the active displays with their frames
+// (DisplayFrames), the focused window and the pointer, decided by TargetResolver. A display that the controller lists
 // as an external DDC/CI monitor (its snapshot can power off) is offered as one, so the decision's action is adjust
 // for such a monitor and passThrough for any other display: the built-in panel, a monitor Lumora cannot reach, and
 // every display before the controller's first list is in.
 //
-// What the desktop tells decides: on X11 all three inputs are read from the X server; on a Wayland desktop through
-// XWayland the focused window counts only when it is an X11 window and the pointer is where X11 windows last saw it;
-// without XWayland there is no window and the pointer is where Lumora's own windows last saw it.
+// What the desktop tells decides: on X11 all three inputs are read from the X server; sway, Hyprland, KWin and
+// GNOME Shell are asked themselves, as XWayland knows neither their outputs nor their native windows. Where a
+// compositor tells only the output the user is on, that output is the display in use.
 //
 // Main thread only (the window system is asked through the application's own connection).
 

@@ -92,9 +92,11 @@ bool HotkeyService::handle(const KeyEvent& event, bool option)
     switch (outcome.call) {
     case KeyOutcome::Call::step:
         controller_.step(outcome.displayID, outcome.amount);
+        emit adjusted(outcome.displayID);
         break;
     case KeyOutcome::Call::setBrightness:
         controller_.setBrightness(outcome.displayID, outcome.amount);
+        emit adjusted(outcome.displayID);
         break;
     case KeyOutcome::Call::none:
         break;

@@ -57,6 +57,8 @@ signals:
     void objectWillChange();
     void isEnabledChanged(bool enabled);
     void isTrustedChanged(bool trusted);
+    // A key changed that display's brightness (for the on-screen display).
+    void adjusted(std::uint32_t displayID);
 
 private:
     void observeTrustChanges();

@@ -41,11 +41,17 @@ AboutBox::AboutBox(const QString& version, QWidget* parent) : QDialog(parent)
     auto* what = new QLabel(tr("Brightness and standby for every display on the desk."), this);
     what->setObjectName(QStringLiteral("aboutText"));
     what->setWordWrap(true);
+    auto* licence = new QLabel(tr("Free software under the GNU General Public License, version 3 or any later "
+                                  "version. It comes with no warranty."),
+                               this);
+    licence->setObjectName(QStringLiteral("aboutLicence"));
+    licence->setWordWrap(true);
 
     auto* text = new QVBoxLayout;
     text->setSpacing(8);
     text->addWidget(name);
     text->addWidget(what);
+    text->addWidget(licence);
     text->addStretch(1);
 
     auto* body = new QHBoxLayout;

@@ -7,6 +7,7 @@
 #include <QVBoxLayout>
 
 #include "Lumora/Hotkeys/HotkeyService.h"
+#include "Lumora/Platform/Linux/Desktop/DesktopInputs.h"
 #include "Lumora/UI/Style.h"
 #include "Lumora/UI/SwitchButton.h"
 #include "Lumora/UI/Symbols.h"
@@ -87,6 +88,13 @@ HotkeySettings::HotkeySettings(HotkeyService& hotkeys, QWidget* parent) : QWidge
     permission->addWidget(open, 0, Qt::AlignLeft);
     stack->addWidget(permission_);
 
+    desktopNote_ = new QLabel(this);
+    desktopNote_->setObjectName(QStringLiteral("hotkeyDesktopNote"));
+    desktopNote_->setFont(small);
+    desktopNote_->setWordWrap(true);
+    desktopNote_->setTextInteractionFlags(Qt::TextSelectableByMouse);  // the command, to copy
+    stack->addWidget(desktopNote_);
+
     connect(toggle_, &SwitchButton::toggled, this, [this](bool on) { hotkeys_.setEnabled(on); });
     connect(open, &QPushButton::clicked, this, [this] { hotkeys_.openAccessibilitySettings(); });
     connect(&hotkeys_, &HotkeyService::isEnabledChanged, this, [this] { showState(); });
@@ -102,6 +110,21 @@ void HotkeySettings::showState()
     }
     toggle_->update();
     permission_->setVisible(hotkeys_.isEnabled() && !hotkeys_.isTrusted());
+    const bool needsExtension = hotkeys_.isEnabled() &&
+                                DesktopInputs::session().missing() == DesktopInputs::Need::gnomeShellExtension;
+    desktopNote_->setText(needsExtension ? tr("GNOME shows Lumora the window you work in only through Lumora's GNOME "
+                                              "Shell extension. Turn it on with \"gnome-extensions enable "
+                                              "lumora@lumora.org\" (after installing Lumora, log out and in once "
+                                              "first); until then the keys act on the first display.")
+                                         : QString());
+    desktopNote_->setAccessibleName(desktopNote_->text());
+    desktopNote_->setVisible(needsExtension);
+}
+
+void HotkeySettings::showEvent(QShowEvent* event)
+{
+    QWidget::showEvent(event);
+    showState();  // the desktop's needs may have changed since the section was last shown
 }
 
 }  // namespace Lumora

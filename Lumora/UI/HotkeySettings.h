@@ -1,6 +1,8 @@
 #pragma once
 // The panel's section for the brightness keys: the switch "Use F1/F2 for external brightness", and, only while
-// the feature is on without access to the keyboards, a warning and the button that asks for that access. It shows
+// the feature is on without access to the keyboards, a warning and the button that asks for that access; while it
+// is on, also what the desktop still needs for the keys to find the monitor the user works on (GNOME's extension,
+// when it is not enabled), asked afresh each time the section is shown. It shows
 // the service's two fields and follows every change of them; it never changes them itself, only through the
 // service's operations.
 
@@ -19,6 +21,9 @@ class HotkeySettings : public QWidget {
 public:
     explicit HotkeySettings(HotkeyService& hotkeys, QWidget* parent = nullptr);
 
+protected:
+    void showEvent(QShowEvent* event) override;
+
 private:
     void showState();
 
@@ -26,6 +31,7 @@ private:
     SwitchButton* toggle_ = nullptr;
     QWidget* permission_ = nullptr;
     QLabel* warningSymbol_ = nullptr;
+    QLabel* desktopNote_ = nullptr;
 };
 
 }  // namespace Lumora

@@ -19,6 +19,10 @@
         <source>Brightness and standby for every display on the desk.</source>
         <translation>Helligkeit und Standby für jeden Bildschirm auf dem Schreibtisch.</translation>
     </message>
+    <message>
+        <source>Free software under the GNU General Public License, version 3 or any later version. It comes with no warranty.</source>
+        <translation>Freie Software unter der GNU General Public License, Version 3 oder jeder späteren Version. Ohne jede Gewährleistung.</translation>
+    </message>
 </context>
 <context>
     <name>Lumora::AppDelegate</name>
@@ -141,6 +145,17 @@ LUMORA_PROBE=1 lumora listet stattdessen alle Bildschirme auf; siehe lumora(1).<
     <message>
         <source>Grant Accessibility so Lumora can see the F1/F2 keys</source>
         <translation>Erteilen Sie die Berechtigung, damit Lumora die Tasten F1/F2 sieht</translation>
+    </message>
+    <message>
+        <source>GNOME shows Lumora the window you work in only through Lumora&apos;s GNOME Shell extension. Turn it on with &quot;gnome-extensions enable lumora@lumora.org&quot; (after installing Lumora, log out and in once first); until then the keys act on the first display.</source>
+        <translation>GNOME zeigt Lumora das Fenster, in dem Sie arbeiten, nur über Lumoras GNOME-Shell-Erweiterung. Schalten Sie sie mit &quot;gnome-extensions enable lumora@lumora.org&quot; ein (nach der Installation von Lumora einmal ab- und wieder anmelden); bis dahin wirken die Tasten auf den ersten Bildschirm.</translation>
+    </message>
+</context>
+<context>
+    <name>Lumora::OsdWindow</name>
+    <message>
+        <source>%1: brightness %2 %</source>
+        <translation>%1: Helligkeit %2 %</translation>
     </message>
 </context>
 <context>

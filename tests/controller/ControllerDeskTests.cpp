@@ -68,6 +68,7 @@ TEST_F(ControllerOnDesk, RequestsDuringOneHeldWriteReachTheWireCoalesced)
         const char* what;
         std::vector<double> requests;  // the first is held on the wire while the others are made
         std::vector<Set> wire;
+        DisplayController::PowerCommands commands = DisplayController::PowerCommands::inOrder;
     };
     const Case cases[] = {
         {"a drag: the first value and the last", {0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 0.8, 0.9, 1.0},
@@ -76,6 +77,10 @@ TEST_F(ControllerOnDesk, RequestsDuringOneHeldWriteReachTheWireCoalesced)
         {"replaced, then requested again: once", {0.4, 0.9, 0.4}, {{brightness, 40}}},
         {"standby, then wake: the running loop writes the newest value before the power commands", {0.5, 0.0, 0.8},
          {{brightness, 50}, {brightness, 80}, {power, 4}, {power, 1}}},
+        {"standby and wake, twice, in order: every power command", {0.5, 0.0, 0.8, 0.0, 0.8},
+         {{brightness, 50}, {brightness, 80}, {power, 4}, {power, 1}, {power, 4}, {power, 1}}},
+        {"the same folded, as the bus asks: the newest state once", {0.5, 0.0, 0.8, 0.0, 0.8},
+         {{brightness, 50}, {brightness, 80}, {power, 1}}, DisplayController::PowerCommands::newestOnly},
         {"standby, twice: the running loop writes the last value before it, one power command", {0.5, 0.6, 0.0, 0.0},
          {{brightness, 50}, {brightness, 60}, {power, 4}}},
     };
@@ -86,7 +91,7 @@ TEST_F(ControllerOnDesk, RequestsDuringOneHeldWriteReachTheWireCoalesced)
         controller->setBrightness(dellID, c.requests.front());
         ASSERT_TRUE(pumpUntil([&] { return desk.heldCount(dell) == 1; }));
         for (std::size_t i = 1; i < c.requests.size(); ++i) {
-            controller->setBrightness(dellID, c.requests[i]);
+            controller->setBrightness(dellID, c.requests[i], c.commands);
         }
         desk.release(dell);
         ASSERT_TRUE(watch.refreshAndWait());
@@ -178,6 +183,24 @@ TEST_F(ControllerOnDesk, ARefreshReadsAMonitorOnlyOnceItsWriteHasCompleted)
     desk.release(dell);
     ASSERT_TRUE(pumpUntil([&] { return watch.changes > before; }));
     EXPECT_EQ(watch.shown(dellID).brightness, 0.3);
+}
+
+// Identical monitors behind an MST hub (equal vendor, model and binary serial, their own serial strings), their
+// buses in the reverse order of their connectors: each display's slider moves its own monitor.
+TEST(ControllerOnTwinDesk, EachTwinsSliderMovesItsOwnMonitor)
+{
+    VirtualDesk::Desk desk{VirtualDesk::DeskConfig::fromJson(R"({"cards": [{"connectors": [
+        {"name": "DP-3", "connectorId": 120, "edid": {"vendor": "DEL", "model": 41156, "serial": 16843009,
+         "serialText": "CFV9N9C", "name": "DELL P2419H"}, "ddc": {"bus": 8, "via": "pci"}, "monitor": {}},
+        {"name": "DP-4", "connectorId": 121, "edid": {"vendor": "DEL", "model": 41156, "serial": 16843009,
+         "serialText": "7FV9N9C", "name": "DELL P2419H"}, "ddc": {"bus": 7, "via": "pci"}, "monitor": {}}]}]})")};
+    DisplayController controller;
+    Watch watch{controller};
+    ASSERT_TRUE(watch.refreshAndWait());
+    controller.setBrightness(120, 0.25);
+    controller.setBrightness(121, 0.75);
+    EXPECT_TRUE(pumpUntil([&] { return desk.brightness("card0-DP-3") == 25 && desk.brightness("card0-DP-4") == 75; }));
+    EXPECT_THAT(desk.violations(), ::testing::IsEmpty());
 }
 
 }  // namespace

@@ -16,6 +16,38 @@ const std::string dellUUID = "10ACC4A0-0000-0000-0A1E-0104B53C2278";
 ExternalDisplayIdentity dell(std::uint32_t id, std::uint32_t serial = 0) { return {id, 0x10AC, 0xA0C4, serial}; }
 ServiceIdentity service(std::string uuid, std::int64_t serial = 0) { return {std::move(uuid), "", serial}; }
 
+// The base block of a DELL monitor as identical ones ship: binary serial 01 01 01 01, the serial-number string
+// (descriptor 0xFF) telling them apart, a right checksum.
+std::vector<std::uint8_t> twinBlock(const std::string& serialText)
+{
+    std::vector<std::uint8_t> b{0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x10, 0xAC, 0xC4, 0xA0,
+                                0x01, 0x01, 0x01, 0x01, 0x0A, 0x1E, 0x01, 0x04, 0xB5, 0x3C, 0x22, 0x78};
+    b.resize(128, 0x01);
+    const auto text = [&](std::size_t at, std::uint8_t tag, const std::string& t) {
+        std::fill(b.begin() + long(at), b.begin() + long(at) + 18, 0x20);
+        b[at] = b[at + 1] = b[at + 2] = b[at + 4] = 0;
+        b[at + 3] = tag;
+        std::copy(t.begin(), t.end(), b.begin() + long(at) + 5);
+    };
+    text(72, 0xFF, serialText + "\n");
+    text(90, 0xFC, "DELL P2419H\n");
+    text(108, 0x10, "");
+    b[126] = 0;
+    unsigned sum = 0;
+    for (std::size_t i = 0; i < 127; ++i)
+        sum += b[i];
+    b[127] = static_cast<std::uint8_t>((256 - sum % 256) % 256);
+    return b;
+}
+ExternalDisplayIdentity twin(std::uint32_t id, const std::string& serialText)
+{
+    return {id, 0x10AC, 0xA0C4, 0x01010101, twinBlock(serialText)};
+}
+ServiceIdentity twinChannel(const std::string& serialText)
+{
+    return {"10ACC4A0-0101-0101-0A1E-0104B53C2278", "DELL P2419H", 0x01010101, twinBlock(serialText)};
+}
+
 }  // namespace
 
 TEST(DisplayPairing, ScoreIsVendorTwoModelTwoSerialOne)
@@ -70,6 +102,12 @@ TEST(DisplayPairing, GreedyInDisplayOrderBestScoreEarlierServiceOnATie)
         {"no candidate skipped, later ones pair", {stranger, dell(7)}, {service(dellUUID), service("")}, {{1, 0}}},
         {"best score over earlier position", {dell(5), dell(7)}, {service("10AC0000"), service(dellUUID)},
          {{0, 1}, {1, 0}}},
+        {"twins with equal binary serials: each its own base block, whatever the order",
+         {twin(5, "CFV9N9C"), twin(7, "7FV9N9C")}, {twinChannel("7FV9N9C"), twinChannel("CFV9N9C")},
+         {{0, 1}, {1, 0}}},
+        {"a twin whose block no channel has: what remains pairs in order",
+         {twin(5, "CFV9N9C"), twin(7, "7FV9N9C")}, {twinChannel("JJJJJJJ"), twinChannel("CFV9N9C")},
+         {{0, 1}, {1, 0}}},
         {"nothing to pair", {}, {service(dellUUID)}, {}},
         {"no service", {dell(5)}, {}, {}},
     };
@@ -104,6 +142,9 @@ TEST(DisplayPairing, OwnChannelsServeTheirDisplaysAndOnlyTheRestArePairedByIdent
          {without(dell(5)), without(lg)}, {lgChannel, service(dellUUID)}, {{0, 1}, {1, 0}}},
         {"identical MST monitors in order", {without(dell(5)), without(dell(7))},
          {service(dellUUID), service(dellUUID)}, {{0, 0}, {1, 1}}},
+        {"twin MST monitors on reversed buses, each by its base block",
+         {without(twin(5, "CFV9N9C")), without(twin(7, "7FV9N9C"))}, {twinChannel("7FV9N9C"), twinChannel("CFV9N9C")},
+         {{0, 1}, {1, 0}}},
         {"a display with its own channel is no candidate for an unowned one",
          {with(dell(5)), without(lg), without(dell(7))}, {service(dellUUID)}, {{0, own}, {2, 0}}},
         {"nothing left over: unowned channels go unused", {with(lg)}, {lgChannel}, {{0, own}}},

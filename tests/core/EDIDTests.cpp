@@ -52,26 +52,39 @@ TEST(EDID, IdentityOfAMonitor)
     EXPECT_EQ(EDID::parse(b), expected);
 }
 
-TEST(EDID, MonitorNameIsTheFirstNameDescriptorsPrintableText)
+TEST(EDID, MonitorNameIsEveryNameDescriptorsTextJoined)
 {
+    const std::string junk("\x02\xb7\x46\x5a\x01\x03\x0c\x11\x50\xa0\x0f\x13\x21", 13);
     const struct {
         const char* what;
         Bytes blob;
         std::string name;
     } cases[] = {
         {"slot 54", block({{54, 0xFC, "SLOT\n"}}), "SLOT"},
-        {"slot 72", block({{72, 0xFC, "SLOT\n"}}), "SLOT"},
         {"slot 108", block({{108, 0xFC, "SLOT\n"}}), "SLOT"},
-        {"first of two", block({{72, 0xFC, "FIRST\n"}, {108, 0xFC, "LAST\n"}}), "FIRST"},
         {"other text descriptor", block({{90, 0xFE, "LG ULTRAFINE\n"}}), ""},
         {"no descriptor", block({}), ""},
         {"pixel clock low byte set", withByte(block({{54, 0xFC, "TIMING\n"}}), 54, 1), ""},
         {"pixel clock high byte set", withByte(block({{54, 0xFC, "TIMING\n"}}), 55, 1), ""},
         {"thirteen characters, no line feed", block({{90, 0xFC, "ABCDEFGHIJKLM"}}), "ABCDEFGHIJKLM"},
         {"ends at line feed, trailing blanks go", block({{90, 0xFC, "HP Z27   \nXYZ"}}), "HP Z27"},
-        {"leading blanks stay", block({{90, 0xFC, "  LEAD SPACE\n"}}), "  LEAD SPACE"},
         {"line feed first", block({{90, 0xFC, "\nNAME"}}), ""},
-        {"only printable ASCII", block({{90, 0xFC, std::string("AB\0C\xE9\x7F" "D\t\n", 9)}}), "ABCD"},
+        // Real monitors' EDIDs.
+        {"two blank ones before the name", block({{54, 0xFC, "\n"}, {72, 0xFC, "\n"}, {90, 0xFC, "M176A\n"}}),
+         "M176A"},
+        {"junk before the name", block({{72, 0xFC, junk}, {90, 0xFC, "HSD150PX17-A\n"}}), "HSD150PX17-A"},
+        {"a long name split in two", block({{90, 0xFC, "Gateway FPD17"}, {108, 0xFC, "30\n"}}), "Gateway FPD1730"},
+        {"split, one letter in the second", block({{72, 0xFC, "FLATRON L1510"}, {108, 0xFC, "S\n"}}), "FLATRON L1510S"},
+        {"split at a blank, which stays", block({{90, 0xFC, "Apple Cinema "}, {108, 0xFC, "Display\n"}}),
+         "Apple Cinema Display"},
+        {"split around another descriptor", block({{54, 0xFC, "Gateway FPD17"}, {72, 0xFF, "SN\n"}, {108, 0xFC, "30\n"}}),
+         "Gateway FPD1730"},
+        {"NUL inside reads as a blank", block({{90, 0xFC, std::string("BT156GW01\0V.3", 13)}}), "BT156GW01 V.3"},
+        {"NUL padding", block({{90, 0xFC, std::string("L222W\0\0\0\0\0\0\0\0", 13)}}), "L222W"},
+        {"0xFF padding", block({{90, 0xFC, "ASUS VW192S\xff\xff"}}), "ASUS VW192S"},
+        {"leading blank", block({{90, 0xFC, " N19W\n"}}), "N19W"},
+        {"a tab and a DEL: junk", block({{90, 0xFC, "AB\tC\x7F\n"}}), ""},
+        {"a byte above 0x7F: junk", block({{90, 0xFC, "Caf\xE9\n"}}), ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);

@@ -3,6 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <memory>
 #include <tuple>
@@ -137,3 +141,58 @@ TEST_F(OnDesk, ADDCLinkToNowhereLeavesTheConnectorOut)
         EXPECT_NE(display.id, 120u);
 }
 
+
+TEST_F(OnDesk, TheEDIDsOfChannelsNoConnectorOwnsAreReadAgainOnlyWhenAConnectorChangesAndOnlyOnAFreeBus)
+{
+    // Two monitors behind an MST hub: their connectors link no channel, so each DPMST adapter's EDID is read. A bus
+    // another program holds (an flock on its node, as DDC/CI programs take it) is not read while it holds it.
+    for (const char* port :
+         {R"({"name": "DP-3", "edid": {"vendor": "DEL", "model": 1}, "ddc": {"bus": 7, "via": "pci"}, "monitor": {}})",
+          R"({"name": "DP-4", "edid": {"vendor": "ACR", "model": 2}, "ddc": {"bus": 8, "via": "pci"}, "monitor": {}})"}) {
+        ASSERT_EQ(desk->control(std::string("add 0 ") + port), "ok");
+    }
+    const struct {
+        const char* what;
+        std::string control;     // what happens on the desk before the enumeration
+        std::size_t listed;      // displays found
+        int reads7, reads8;      // EDID reads on each MST bus
+        bool held7 = false;      // another program holds bus 7 throughout
+    } steps[] = {
+        {"first enumeration", "", 6, 2, 2},
+        {"again: nothing read", "", 6, 0, 0},
+        {"a connector unplugged", "unplug card0-DP-3", 5, 1, 2},  // DP-3's EEPROM no longer answers
+        {"again: what was read is kept, what was not is asked again", "", 5, 1, 0},
+        {"plugged again while another program holds bus 7: not read, DP-3 left out", "plug card0-DP-3", 5, 0, 2, true},
+        {"bus 7 let go: read now", "", 6, 2, 0},
+        {"a monitor with its own channel unplugged", "unplug card0-HDMI-A-1", 5, 2, 2},
+        {"plugged again", "plug card0-HDMI-A-1", 6, 2, 2},
+        {"and again: nothing read", "", 6, 0, 0},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.what);
+        if (!step.control.empty()) {
+            ASSERT_EQ(desk->control(step.control), "ok");
+        }
+        desk->clearTransactions();
+        const int holder = step.held7 ? ::open("/dev/i2c-7", O_RDONLY | O_CLOEXEC) : -1;
+        if (step.held7) {
+            ASSERT_EQ(::flock(holder, LOCK_EX), 0);
+        }
+        EXPECT_EQ(DisplayEnumerator::allDisplays().size(), step.listed);
+        if (holder >= 0) {
+            ::close(holder);
+        }
+        int reads[2] = {0, 0};
+        for (const Transaction& t : desk->transactions()) {
+            EXPECT_EQ(t.direction, VirtualDesk::Direction::Read);
+            if (t.address == 0x50 && (t.bus == 7 || t.bus == 8)) {
+                ++reads[t.bus - 7];
+            }
+        }
+        EXPECT_EQ(reads[0], step.reads7);
+        EXPECT_EQ(reads[1], step.reads8);
+    }
+    for (const char* port : {"card0-DP-3", "card0-DP-4"}) {
+        ASSERT_EQ(desk->control(std::string("remove ") + port), "ok");
+    }
+}

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <deque>
 
@@ -42,12 +43,24 @@ struct Wire {
     std::vector<Bytes> writes;
     std::deque<std::int32_t> writeStatus;              // 0 once it runs out
     std::deque<std::pair<std::int32_t, Bytes>> reads;  // EIO once it runs out
+    std::deque<bool> holds;                            // whether each hold of the bus is had; had once it runs out
+    std::vector<std::chrono::steady_clock::time_point> deadlines;  // of each hold
 
     void add(const std::string& entry) { log += (log.empty() ? "" : " ") + entry; }
 
-    DDCService::Transport transport(bool withWrite = true, bool withRead = true)
+    // With `withHold`, holding the bus logs "hold" (and "free" when it is let go), or "kept" when it is not had.
+    DDCService::Transport transport(bool withWrite = true, bool withRead = true, bool withHold = false)
     {
         DDCService::Transport t;
+        if (withHold)
+            t.hold = [this](const IOAVServiceRef&, std::chrono::steady_clock::time_point deadline) {
+                deadlines.push_back(deadline);
+                const bool had = holds.empty() || holds.front();
+                if (!holds.empty())
+                    holds.pop_front();
+                add(had ? "hold" : "kept");
+                return had ? std::shared_ptr<void>(this, [this](void*) { add("free"); }) : nullptr;
+            };
         t.sleep = [this](std::uint32_t us) { add("S" + std::to_string(us)); };
         if (withWrite)
             t.write = [this](const IOAVServiceRef&, std::uint32_t chip, std::uint32_t data, const std::uint8_t* p,
@@ -130,6 +143,45 @@ TEST(DDCService, GetRetriesUpToFiveTimesWithExactPauses)
         wire.writeStatus = c.writeStatus;
         EXPECT_EQ(DDCService(nullptr, wire.transport()).getVCP(VCPCode::brightness), c.expected);
         EXPECT_EQ(wire.log, c.log);
+    }
+}
+
+TEST(DDCService, EachExchangeHoldsTheBusAndAnAttemptWithoutItFailsWithinOneWaitForTheOperation)
+{
+    const std::string set = "S10000 W84031000329A S10000 W84031000329A";
+    const struct {
+        const char* what;
+        bool get;
+        std::deque<bool> holds;
+        std::deque<std::pair<std::int32_t, Bytes>> reads;
+        bool succeeds;
+        std::string log;
+    } cases[] = {
+        {"a Set and its repeat in one hold", false, {}, {}, true, "hold " + set + " free"},
+        {"a Set without the bus: nothing written", false, {false}, {}, false, "kept"},
+        {"each Get attempt in a hold of its own", true, {}, {{EIO, {}}, {0, reply(50, 100)}}, true,
+         "hold " + attempt + " free S20000 hold " + attempt + " free"},
+        {"a Get whose first attempts cannot have the bus", true, {false, false}, {{0, reply(50, 100)}}, true,
+         "kept S20000 kept S20000 hold " + attempt + " free"},
+        {"a Get that never has the bus: five failed attempts", true, {false, false, false, false, false}, {}, false,
+         "kept S20000 kept S20000 kept S20000 kept S20000 kept S20000"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Wire wire;
+        wire.holds = c.holds;
+        wire.reads = c.reads;
+        const DDCService ddc{nullptr, wire.transport(true, true, true)};
+        const auto before = std::chrono::steady_clock::now();
+        EXPECT_EQ(c.get ? ddc.getVCP(VCPCode::brightness).has_value() : ddc.setVCP(VCPCode::brightness, 50),
+                  c.succeeds);
+        EXPECT_EQ(wire.log, c.log);
+        // One wait for the whole operation: every attempt waits until the same deadline, a second after its start.
+        for (const auto deadline : wire.deadlines) {
+            EXPECT_EQ(deadline, wire.deadlines.front());
+            EXPECT_GE(deadline, before + DDCService::busPatience);
+            EXPECT_LE(deadline, std::chrono::steady_clock::now() + DDCService::busPatience);
+        }
     }
 }
 

@@ -9,8 +9,9 @@
 #                                             line; FILE.ready appears once it listens; runs until killed
 #   bus-client.py signal FILE INDEX ID        brightness (4 decimals) and on of display ID in signal INDEX of FILE
 #                                             (-1: the last)
-#   bus-client.py burst ID DELTA COUNT        COUNT Step(ID, DELTA) calls sent at once on one connection; prints the
-#                                             number of replies and of errors once every call is answered
+#   bus-client.py burst COUNT METHOD ID [D]   COUNT METHOD(ID[, D]) calls (Step, TogglePower) sent at once on one
+#                                             connection; prints the number of replies and of errors once every
+#                                             call is answered
 #   bus-client.py same-interface FILE         exit 0 when the served org.lumora.Lumora1 has the methods, arguments
 #                                             and properties of the introspection file FILE; else says what differs
 import json
@@ -66,7 +67,8 @@ def signal(path, index, ident):
     sys.exit(f"no display {ident} in signal {index}")
 
 
-def burst(ident, delta, count):
+def burst(count, method, ident, delta=None):
+    arguments = GLib.Variant("(u)", (ident,)) if delta is None else GLib.Variant("(ud)", (ident, delta))
     connection = bus()
     loop = GLib.MainLoop()
     answers = {"replies": 0, "errors": 0}
@@ -82,7 +84,7 @@ def burst(ident, delta, count):
             loop.quit()
 
     for _ in range(count):
-        connection.call(NAME, PATH, INTERFACE, "Step", GLib.Variant("(ud)", (ident, delta)), None,
+        connection.call(NAME, PATH, INTERFACE, method, arguments, None,
                         Gio.DBusCallFlags.NONE, TIMEOUT_MS, None, answered)
     GLib.timeout_add(2 * TIMEOUT_MS, loop.quit)
     loop.run()
@@ -121,7 +123,7 @@ def main(args):
     elif command == "signal":
         signal(args[1], int(args[2]), int(args[3]))
     elif command == "burst":
-        burst(int(args[1]), float(args[2]), int(args[3]))
+        burst(int(args[1]), args[2], int(args[3]), float(args[4]) if len(args) > 4 else None)
     elif command == "same-interface":
         same_interface(args[1])
     else:

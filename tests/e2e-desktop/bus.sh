@@ -119,7 +119,7 @@ call SetBrightness 103 0.11 >/dev/null
 wait_until 10 equals 11 desk_value brightness card0-DP-1 || fail "DP-1 did not reach 11"
 BURST_FROM=$(signals)
 desk hold card0-DP-1 >/dev/null
-burst=$(client burst 103 0.007 100)
+burst=$(client burst 100 Step 103 0.007)
 check "every call answered while the monitor holds its first write ($burst)" test "$burst" == "100 replies, 0 errors"
 check "Displays shows the sum of the steps at once, 0.81" equals "0.8100 true" shown 103
 desk release card0-DP-1 >/dev/null
@@ -144,6 +144,22 @@ check "the first carries DP-1 at 0 and off, not a brightness of 0 while still on
 call TogglePower 103 >/dev/null
 check "DP-1 on again (D6 = 01)" wait_until 10 equals 1 desk_value power card0-DP-1
 check "at the kept $KEPT %" wait_until 10 equals "$KEPT" desk_value brightness card0-DP-1
+
+step "1,001 TogglePower calls at once: the monitor ends in the state the last asks for, after few commands"
+# Any process of the session may call this; once the calls outrun the monitor, the power commands are folded.
+# HDMI-A-1 is changed on the monitor itself: only the refresh after the run reads that, and so tells it has come.
+desk brightness card0-HDMI-A-1 33 >/dev/null
+POWER_FROM=$(desk_value transactions)
+burst=$(client burst 1001 TogglePower 103)
+check "every call answered ($burst)" test "$burst" == "1001 replies, 0 errors"
+check "an odd number of toggles from on: shown off" equals "0.0000 false" shown 103
+check "DP-1 in standby (D6 = 04)" wait_until 15 equals 4 desk_value power card0-DP-1
+check "the run is read back once, 2 s after the last call" wait_until 15 equals "0.3300 true" shown 110
+check "DP-1 still shown off" equals "0.0000 false" shown 103
+check "still in standby" equals 4 desk_value power card0-DP-1
+POWER_TO=$(desk_value transactions)
+call TogglePower 103 >/dev/null
+check "one more wakes it (D6 = 01)" wait_until 15 equals 1 desk_value power card0-DP-1
 
 step "Refresh: a change made on the monitor itself is read back and signalled"
 desk brightness card0-HDMI-A-1 42 >/dev/null
@@ -185,6 +201,15 @@ if [[ -s $WORK/desk.jsonl ]]; then
     check "the burst reached DP-1 as at most two writes, the newest last (${burst_writes[*]})" \
         test "${#burst_writes[@]}" -ge 1 -a "${#burst_writes[@]}" -le 2 -a "${burst_writes[-1]:-}" == 81
     echo "   writes on the wire for 100 Step calls: ${#burst_writes[@]}"
+    # The 1,001 toggles' power commands on DP-1 (a command sends its packet twice; the monitor NAKs the repeat).
+    # While the calls come in, the monitor takes one command at a time, each the newest state (about one per
+    # 0.15 s into standby, 1.7 s out of it); once they stop, one more at most.
+    mapfile -t power_commands < <(awk -v from="$POWER_FROM" -v to="$POWER_TO" 'NR > from && NR <= to' "$WORK/desk.jsonl" |
+        grep '"connector":"card0-DP-1"' | grep '"request":"set"' | grep '"code":"0xD6"' |
+        grep '"outcome":"ok"' | grep -v ignored | sed 's/.*"value":\([0-9]*\).*/\1/')
+    check "1,001 toggles reached DP-1 as a few power commands, standby last (${power_commands[*]})" \
+        test "${#power_commands[@]}" -ge 1 -a "${#power_commands[@]}" -le 12 -a "${power_commands[-1]:-}" == 4
+    echo "   power commands on the wire for 1,001 TogglePower calls: ${#power_commands[@]}"
 else
     fail "the virtual desk wrote no log"
 fi

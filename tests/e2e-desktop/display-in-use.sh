@@ -30,6 +30,14 @@ monitors() { echo "$(desk_value brightness "$DELL") $(desk_value brightness "$LG
 listed() { [[ $(client displays 2>/dev/null | wc -l) -eq 3 ]]; }
 
 window_gone() { ! xwininfo -id "$WINDOW" >/dev/null 2>&1; }
+# The on-screen display (Lumora's own on an X11 desktop: 320 x 64, unmanaged): "x y" while shown.
+osd_at() { lumora_windows | awk '$4 == 320 && $5 == 64 && $6 == 1 {print $2, $3; exit}'; }
+osd_gone() { [[ -z $(osd_at) ]]; }
+# osd_pixel FILE X Y: "r g b" of the OSD's pixel X Y in a screenshot FILE.
+osd_pixel() { pixel_column "$1" $(( OSD_X + $2 )) $(( OSD_Y + $3 )) $(( OSD_Y + $3 )) | awk '{print $2, $3, $4}'; }
+dark() { read -r r g b <<<"$1"; (( r < 60 && g < 60 && b < 60 )); }
+light() { read -r r g b <<<"$1"; (( r > 200 && g > 200 && b > 200 )); }
+grey() { read -r r g b <<<"$1"; (( r > 60 && r < 150 )); }
 
 step "desktop: Xorg (dummy) with eDP-1, DP-1, HDMI-1 side by side and DP-3 below, openbox, trayer, a session bus"
 monitors_session_start "$WORK" 6400 2520 || abort "Xorg did not start"
@@ -71,6 +79,18 @@ check "Displays shows the DELL at 0.5625 at once" equals "0.5625 true" shown 103
 check "the DELL at 56 on the wire (50 + 6.25)" wait_until 10 equals 56 desk_value brightness "$DELL"
 check "the LG untouched at 70" equals 70 desk_value brightness "$LG"
 check "the backlight untouched at 9600" equals 9600 desk_value backlight intel_backlight
+# 1920 + (2560 - 320) / 2 across; 1440 - 64 - a tenth of 1440 down.
+check "the on-screen display shows on the DELL's screen, low in its middle" wait_until 10 equals "3040 1232" osd_at
+check "the window the user works in keeps the focus" equals "$WINDOW" xdotool getactivewindow
+read -r OSD_X OSD_Y < <(osd_at)
+shot 02-osd-on-the-dell
+if [[ -n ${OSD_X:-} && -f $ARTIFACTS/02-osd-on-the-dell.png ]]; then
+    # The bar runs from 60 to 306 across, 44 to 50 down; filled to 56 % (x 198).
+    check "its box is dark" dark "$(osd_pixel "$ARTIFACTS/02-osd-on-the-dell.png" 30 6)"
+    check "its bar is filled at 40 %" light "$(osd_pixel "$ARTIFACTS/02-osd-on-the-dell.png" 158 47)"
+    check "... and not at 90 %" grey "$(osd_pixel "$ARTIFACTS/02-osd-on-the-dell.png" 281 47)"
+fi
+check "it goes by itself" wait_until 10 osd_gone
 
 step "SetDisplayInUse(0.3) with the window moved onto the LG and the pointer on the DELL: the LG"
 xdotool mousemove 3000 700

@@ -220,6 +220,16 @@ const Case cases[] = {
      {{"card0-DP-3", {40, 40}}, {"card0-DP-4", {40, 40}}, {"card0-DP-5", {40, 40}}, {"card0-DP-6", {40, 40}}},
      {0},
      {{"intel_backlight", 400}}},
+    {"MST twins (equal binary serials, their own serial strings) on reversed buses: each on its own monitor",
+     R"({"cards": [{"connectors": [
+        {"name": "DP-3", "connectorId": 120, "edid": {"vendor": "DEL", "model": 41156, "serial": 16843009,
+         "serialText": "CFV9N9C", "name": "DELL P2419H"}, "ddc": {"bus": 8, "via": "pci"}, "monitor": {"current": 30}},
+        {"name": "DP-4", "connectorId": 121, "edid": {"vendor": "DEL", "model": 41156, "serial": 16843009,
+         "serialText": "7FV9N9C", "name": "DELL P2419H"}, "ddc": {"bus": 7, "via": "pci"}, "monitor": {"current": 60}}]}]})",
+     "Displays: 2  (IOAVService: true, DisplayServices: false)\n"
+     "\u2022 [120] DELL P2419H (external/DDC) brightness=30%\n"
+     "\u2022 [121] DELL P2419H (external/DDC) brightness=60%\n",
+     {}, {}, {}, std::nullopt},
     {"NVIDIA: monitors on the driver's buses by identity; its empty buses answer nothing; the USB-C and SMU buses "
      "and SMBus are never opened",
      R"({"cards": [{"pci": "0000:01:00.0", "driver": "nvidia", "connectors": [

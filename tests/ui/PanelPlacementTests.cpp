@@ -3,7 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include "Lumora/App/HostPoint.h"
 #include "Lumora/App/PanelPlacement.h"
+
+#include <optional>
+#include <vector>
 
 TEST(PanelPlacement, Origins)
 {
@@ -64,5 +68,33 @@ TEST(PanelPlacement, MaximumHeightKeepsThePanelInsideTheFreePartOfItsScreen)
             EXPECT_GE(at.y(), c.available.top());
             EXPECT_LE(at.y() + height, c.available.y() + c.available.height());
         }
+    }
+}
+
+// Where a StatusNotifier host says its item was clicked (device pixels of the desktop's space), in Qt's
+// coordinates: each screen keeps its corner, distances inside it shrink by its scale; (0, 0) and points on no
+// screen mean the host did not say.
+TEST(PanelPlacement, HostClickPointsInQtCoordinates)
+{
+    using Lumora::HostPoint::Screen;
+    struct Case {
+        const char* what;
+        QPoint device;
+        std::vector<Screen> screens;
+        std::optional<QPoint> logical;
+    };
+    const std::vector<Screen> sideBySide = {{{0, 0, 1280, 800}, 1.0}, {{1280, 0, 1920, 1080}, 1.0}};
+    const std::vector<Screen> scaled = {{{0, 0, 1280, 800}, 2.0}, {{2560, 0, 1920, 1080}, 1.0}};
+    const Case cases[] = {
+        {"bottom panel of the first screen", {1062, 778}, sideBySide, QPoint(1062, 778)},
+        {"top bar of the second screen", {3100, 12}, sideBySide, QPoint(3100, 12)},
+        {"a screen at twice the scale", {2500, 1580}, scaled, QPoint(1250, 790)},
+        {"beside it, at scale 1", {2600, 10}, scaled, QPoint(2600, 10)},
+        {"the host does not know", {0, 0}, sideBySide, std::nullopt},
+        {"on no screen", {5000, 10}, sideBySide, std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(Lumora::HostPoint::toLogical(c.device, c.screens), c.logical);
     }
 }

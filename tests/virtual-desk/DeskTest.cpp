@@ -142,6 +142,11 @@ TEST(DeskTest, MonitorsAnswerAsTheyAreToldAndNakWithTheirAdaptersErrno)
              EXPECT_EQ(fd.write(kGet), EREMOTEIO);
              EXPECT_EQ(d.brightness("card0-DP-1"), 80);
          }},
+        {"a compositor's output name (sway's headless outputs) names a connector", oneMonitor("i915", "HEADLESS-1", "{}"),
+         [](Desk& d, I2c& fd) {
+             EXPECT_EQ(fd.write(setTo(80)), 0);
+             EXPECT_EQ(d.brightness("card0-HEADLESS-1"), 80);
+         }},
         {"NAK while busy, i915 gmbus", oneMonitor("i915", "HDMI-A-1", R"({"busyMs": 60000})"),
          [](Desk&, I2c& fd) { EXPECT_EQ(fd.write(setTo(80)) + fd.write(setTo(81)), ENXIO); }},
         {"NAK while busy, amdgpu", oneMonitor("amdgpu", "HDMI-A-1", R"({"busyMs": 60000})"),
@@ -319,7 +324,7 @@ TEST(DeskTest, AdaptersThatNothingLinksSitUnderTheCardsPCIDevice)
 TEST(DeskTest, TheEDIDEEPROMAnswersFromWhereTheLastReadStoppedAndAnMSTPortRefusesLongMessages)
 {
     Desk desk(mstDesk(), kQuiet);
-    Bytes eeprom = VirtualDesk::EdidConfig{"DEL", 41156, 0, "DELL P2419H", std::nullopt}.bytes();
+    Bytes eeprom = VirtualDesk::EdidConfig{"DEL", 41156, 0, "DELL P2419H", std::nullopt, std::nullopt}.bytes();
     eeprom.insert(eeprom.end(), 128, 0xFF);  // a 256-byte EEPROM holding one block
     auto from = [&](size_t at, size_t n) {
         Bytes out;

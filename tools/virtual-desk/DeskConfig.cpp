@@ -27,7 +27,11 @@ const std::vector<std::string>& connectorTypes()
 {
     static const std::vector<std::string> types = {
         "DP", "HDMI-A", "HDMI-B", "DVI-I", "DVI-D", "DVI-A", "VGA", "eDP", "LVDS", "DSI", "DPI", "Composite",
-        "SVIDEO", "Component", "DIN", "TV", "Virtual", "Writeback", "SPI", "USB", "Unknown"};
+        "SVIDEO", "Component", "DIN", "TV", "Virtual", "Writeback", "SPI", "USB", "Unknown",
+        // Not DRM types: the names compositors give their outputs when started headless (wlroots' HEADLESS-1,
+        // Mutter's Meta-0; KWin's Virtual-0 is a DRM type already). A desk that stands behind such a compositor in a
+        // test names its connectors so, and Lumora pairs each with its output as on a real desk.
+        "HEADLESS", "Meta"};
     return types;
 }
 
@@ -243,6 +247,11 @@ EdidConfig parseEdid(Obj o)
     e.name = o.string("name", e.name);
     if (e.name.size() > 13)
         fail(o.sub("name"), "at most 13 characters");
+    if (o.has("serialText")) {
+        e.serialText = o.string("serialText", "");
+        if (e.serialText->size() > 13)
+            fail(o.sub("serialText"), "at most 13 characters");
+    }
     return e;
 }
 
@@ -318,7 +327,7 @@ std::vector<uint8_t> EdidConfig::bytes() const
         for (; i < 13; ++i)
             e[at + 5 + i] = 0x20;
     };
-    text(90, 0xFF, std::to_string(serial));
+    text(90, 0xFF, serialText.value_or(std::to_string(serial)));
     if (name.empty())
         e[108 + 3] = 0x10;  // dummy descriptor
     else
@@ -370,7 +379,8 @@ DeskConfig DeskConfig::fromJson(std::string_view text)
                             fail(k.sub("name"), "required, e.g. \"DP-1\"");
                         if (connectorType(conn.name).empty())
                             fail(k.sub("name"), "\"" + conn.name + "\" is not <type>-<number> with a DRM connector type "
-                                                "(DP, HDMI-A, DVI-D, VGA, eDP, LVDS, DSI, ...)");
+                                                "(DP, HDMI-A, DVI-D, VGA, eDP, LVDS, DSI, ...) or a compositor's "
+                                                "output (HEADLESS, Meta)");
                         conn.status = k.string("status", "connected");
                         if (conn.status != "connected" && conn.status != "disconnected" && conn.status != "unknown")
                             fail(k.sub("status"), "expected \"connected\", \"disconnected\" or \"unknown\"");
@@ -552,7 +562,7 @@ DeskConfig DeskConfig::defaultDesk()
     ConnectorConfig dp1;
     dp1.name = "DP-1";
     dp1.connectorId = 103;
-    dp1.edid = EdidConfig{"DEL", 0xA0C4, 0x4C4B3132, "DELL U2720Q", std::nullopt};
+    dp1.edid = EdidConfig{"DEL", 0xA0C4, 0x4C4B3132, "DELL U2720Q", std::nullopt, std::nullopt};
     dp1.ddc = DdcConfig{5, DdcVia::Aux, "AUX B/DDI B/PHY B"};
     dp1.monitor = MonitorConfig::realistic();
     dp1.monitor->current = 50;
@@ -569,7 +579,7 @@ DeskConfig DeskConfig::defaultDesk()
     ConnectorConfig hdmi;
     hdmi.name = "HDMI-A-1";
     hdmi.connectorId = 110;
-    hdmi.edid = EdidConfig{"GSM", 0x5B09, 0x0005A4B1, "LG HDR 4K", std::nullopt};
+    hdmi.edid = EdidConfig{"GSM", 0x5B09, 0x0005A4B1, "LG HDR 4K", std::nullopt, std::nullopt};
     hdmi.ddc = DdcConfig{3, DdcVia::Link, "i915 gmbus dpb"};
     hdmi.monitor = MonitorConfig::realistic();
     hdmi.monitor->current = 70;
@@ -577,7 +587,7 @@ DeskConfig DeskConfig::defaultDesk()
     ConnectorConfig edp;
     edp.name = "eDP-1";
     edp.connectorId = 95;
-    edp.edid = EdidConfig{"BOE", 0x08DF, 0, "", std::nullopt};
+    edp.edid = EdidConfig{"BOE", 0x08DF, 0, "", std::nullopt, std::nullopt};
     edp.ddc = DdcConfig{4, DdcVia::Aux, "AUX A/DDI A/PHY A"};
 
     card.connectors = {edp, dp1, dp2, hdmi};

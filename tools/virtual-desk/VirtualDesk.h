@@ -67,6 +67,7 @@ struct EdidConfig {
     uint32_t serial = 0;         // stored little-endian at bytes 12-15
     std::string name;            // monitor-name descriptor (0xFC), up to 13 characters; none when empty
     std::optional<std::vector<uint8_t>> raw;
+    std::optional<std::string> serialText;  // serial-number descriptor (0xFF), up to 13 characters; else the serial
     std::vector<uint8_t> bytes() const; // the 128 bytes (or raw)
 };
 

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "Lumora/Platform/Linux/BusLock.h"
 #include "Lumora/Platform/Linux/I2CDevice.h"
 #include "LumoraCore/DDCPacket.h"
 
@@ -136,6 +137,14 @@ DDCChannel::DDCChannel(std::shared_ptr<I2CDevice> device, std::shared_ptr<Monito
 }
 
 DDCChannel::~DDCChannel() = default;
+
+std::shared_ptr<void> DDCChannel::holdBus(std::chrono::steady_clock::time_point deadline)
+{
+    auto bus = std::make_shared<BusLock>(path_, device_->descriptor(), deadline);
+    if (!*bus)
+        return nullptr;
+    return bus;
+}
 
 int DDCChannel::write(std::uint8_t address, std::span<const std::uint8_t> bytes)
 {

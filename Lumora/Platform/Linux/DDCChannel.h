@@ -22,6 +22,9 @@
 // shares it (a refresh reads a monitor through a descriptor of its own, while writes go through another), and
 // transfers through the channels of one node take turns. A transfer may block for the waits above: never call it
 // on a thread that must not wait.
+//
+// An exchange (a Set with its repeat, a Get request with its reply read) holds the bus throughout (holdBus), so
+// that no other exchange with the monitor, of this process or another program, falls inside it.
 
 #include <chrono>
 #include <cstdint>
@@ -55,6 +58,11 @@ public:
     int write(std::uint8_t address, std::span<const std::uint8_t> bytes);
     // One read message of `buffer.size()` bytes from `address`; 0 or an errno value.
     int read(std::uint8_t address, std::span<std::uint8_t> buffer);
+
+    // Holds the monitor's bus for one exchange (BusLock): against this process's other exchanges on the node for as
+    // long as they take, against other programs until `deadline` at most. Null when another program kept the bus;
+    // else the bus is let go when the result is destroyed.
+    std::shared_ptr<void> holdBus(std::chrono::steady_clock::time_point deadline);
 
     const std::string& path() const { return path_; }
 

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 
+#include "Lumora/Platform/Linux/BusLock.h"
 #include "LumoraCore/EDID.h"
 
 namespace Lumora::Platform::EdidEeprom {
@@ -39,13 +40,16 @@ bool readChunk(int fd, std::uint8_t* into)
 
 }  // namespace
 
-std::optional<std::array<std::uint8_t, 128>> readBaseBlock(const std::string& devicePath)
+std::optional<std::array<std::uint8_t, 128>> readBaseBlock(const std::string& devicePath,
+                                                           std::chrono::steady_clock::time_point deadline)
 {
     int fd = ::open(devicePath.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return std::nullopt;
     std::array<std::uint8_t, 2 * chunk> eeprom{};
-    const bool read = readChunk(fd, eeprom.data()) && readChunk(fd, eeprom.data() + chunk);
+    bool read = false;
+    if (const BusLock bus(devicePath, fd, deadline); bus)
+        read = readChunk(fd, eeprom.data()) && readChunk(fd, eeprom.data() + chunk);
     ::close(fd);
     if (!read)
         return std::nullopt;

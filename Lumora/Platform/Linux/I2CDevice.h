@@ -25,6 +25,7 @@ public:
     int read(std::uint8_t address, std::span<std::uint8_t> buffer);
 
     const std::string& path() const { return path_; }
+    int descriptor() const { return fd_; }
 
 private:
     I2CDevice(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}

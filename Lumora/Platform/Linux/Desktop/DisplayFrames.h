@@ -1,12 +1,12 @@
 #pragma once
 // Where each active display sits on the desktop: the active DRM connectors (the online display list), each with
-// the frame of the window system's screen that shows it (QScreen, matched to the connector by output name, else
-// by EDID identity), in the global space the brightness keys use. On X11 that space is the root window's pixels,
-// the space of window geometry and of the pointer; elsewhere (Wayland) Qt's desktop coordinates.
+// the frame of the desktop's output that shows it (matched to the connector by output name, else by EDID
+// identity), in the desktop's global space (DesktopInputs), which is also the space of its windows and pointer.
 
 #include <cstdint>
 #include <vector>
 
+#include "LumoraCore/ScreenMatching.h"
 #include "LumoraCore/TargetResolver.h"
 
 namespace Lumora {
@@ -19,6 +19,8 @@ struct DisplayFrame {
 namespace DisplayFrames {
 
 // In connector order. A connector that no screen shows (an output the window system does not use) is left out.
+std::vector<DisplayFrame> active(const std::vector<ScreenIdentity>& screens);
+// With the screens of this session's desktop.
 std::vector<DisplayFrame> active();
 
 }  // namespace DisplayFrames

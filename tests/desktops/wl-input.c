@@ -1,0 +1,156 @@
+// wl-input: a pointer (and on KWin a keyboard) for a headless Wayland compositor that has no input devices, so
+// that a test can click and type there as a person would. It uses the compositor's own protocol for made-up
+// input: wlroots' virtual pointer (sway) or KWin's fake input, whichever the compositor offers.
+//
+//   wl-input WIDTH HEIGHT      (the size of the whole output layout, in logical pixels)
+//
+// Reads commands from standard input, one a line, and answers each with "ok" once the compositor has handled it:
+//   move X Y         the pointer to X Y of the layout
+//   press B          release B    click B      (B: 1 left, 2 middle, 3 right)
+//   key CODE         a press and a release of the key with that evdev code (KWin only; wtype types on sway)
+// The device lives as long as the process, so the seat keeps its pointer between commands.
+//
+// The two protocols' interfaces are declared here by hand: Debian ships neither description, and a client needs
+// only the requests it sends.
+#include <linux/input-event-codes.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <wayland-client.h>
+
+static const struct wl_interface zwlr_virtual_pointer_v1_interface;
+static const struct wl_interface* wlr_manager_types[] = {&wl_seat_interface, &zwlr_virtual_pointer_v1_interface};
+static const struct wl_message wlr_manager_requests[] = {
+    {"create_virtual_pointer", "?on", wlr_manager_types},
+    {"destroy", "", NULL},
+};
+static const struct wl_interface zwlr_virtual_pointer_manager_v1_interface = {
+    "zwlr_virtual_pointer_manager_v1", 1, 2, wlr_manager_requests, 0, NULL};
+static const struct wl_interface* no_types[8] = {NULL};
+enum { WLR_MOTION, WLR_MOTION_ABSOLUTE, WLR_BUTTON, WLR_AXIS, WLR_FRAME };
+static const struct wl_message wlr_pointer_requests[] = {
+    {"motion", "uff", no_types},   {"motion_absolute", "uuuuu", no_types}, {"button", "uuu", no_types},
+    {"axis", "uuf", no_types},     {"frame", "", no_types},
+};
+static const struct wl_interface zwlr_virtual_pointer_v1_interface = {
+    "zwlr_virtual_pointer_v1", 1, 5, wlr_pointer_requests, 0, NULL};
+
+enum { KDE_AUTHENTICATE, KDE_MOTION, KDE_BUTTON, KDE_AXIS, KDE_TOUCH_DOWN, KDE_TOUCH_MOTION, KDE_TOUCH_UP,
+       KDE_TOUCH_CANCEL, KDE_TOUCH_FRAME, KDE_MOTION_ABSOLUTE, KDE_KEY };
+static const struct wl_message kde_fake_input_requests[] = {
+    {"authenticate", "ss", no_types},    {"pointer_motion", "ff", no_types},
+    {"button", "uu", no_types},          {"axis", "uf", no_types},
+    {"touch_down", "uff", no_types},     {"touch_motion", "uff", no_types},
+    {"touch_up", "u", no_types},         {"touch_cancel", "", no_types},
+    {"touch_frame", "", no_types},       {"pointer_motion_absolute", "2ff", no_types},
+    {"keyboard_key", "4uu", no_types},
+};
+static const struct wl_interface org_kde_kwin_fake_input_interface = {
+    "org_kde_kwin_fake_input", 4, 11, kde_fake_input_requests, 0, NULL};
+
+struct state {
+    struct wl_seat* seat;
+    struct wl_proxy* wlr_manager;
+    struct wl_proxy* kde;
+};
+
+static void global(void* data, struct wl_registry* registry, uint32_t name, const char* interface, uint32_t version)
+{
+    struct state* s = data;
+    if (strcmp(interface, "wl_seat") == 0 && !s->seat)
+        s->seat = wl_registry_bind(registry, name, &wl_seat_interface, 1);
+    else if (strcmp(interface, zwlr_virtual_pointer_manager_v1_interface.name) == 0)
+        s->wlr_manager = wl_registry_bind(registry, name, &zwlr_virtual_pointer_manager_v1_interface, 1);
+    else if (strcmp(interface, org_kde_kwin_fake_input_interface.name) == 0 && version >= 4)
+        s->kde = wl_registry_bind(registry, name, &org_kde_kwin_fake_input_interface, 4);
+}
+static void global_remove(void* data, struct wl_registry* registry, uint32_t name)
+{
+    (void)data, (void)registry, (void)name;
+}
+static const struct wl_registry_listener registry_listener = {global, global_remove};
+
+static uint32_t now_ms(void)
+{
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return (uint32_t)(t.tv_sec * 1000 + t.tv_nsec / 1000000);
+}
+
+static int button_code(int b)
+{
+    return b == 1 ? BTN_LEFT : b == 2 ? BTN_MIDDLE : b == 3 ? BTN_RIGHT : -1;
+}
+
+int main(int argc, char** argv)
+{
+    if (argc != 3) {
+        fprintf(stderr, "usage: wl-input WIDTH HEIGHT\n");
+        return 2;
+    }
+    const uint32_t width = (uint32_t)atoi(argv[1]), height = (uint32_t)atoi(argv[2]);
+    struct wl_display* display = wl_display_connect(NULL);
+    if (!display) {
+        fprintf(stderr, "wl-input: no Wayland display\n");
+        return 1;
+    }
+    struct state s = {0};
+    struct wl_registry* registry = wl_display_get_registry(display);
+    wl_registry_add_listener(registry, &registry_listener, &s);
+    wl_display_roundtrip(display);
+    struct wl_proxy* pointer = NULL;
+    if (s.wlr_manager) {
+        pointer = wl_proxy_marshal_constructor(s.wlr_manager, 0, &zwlr_virtual_pointer_v1_interface, s.seat, NULL);
+    } else if (s.kde) {
+        wl_proxy_marshal(s.kde, KDE_AUTHENTICATE, "lumora tests", "clicks and types as a person would");
+    } else {
+        fprintf(stderr, "wl-input: the compositor offers neither virtual pointers nor fake input\n");
+        return 1;
+    }
+    wl_display_roundtrip(display);
+    setvbuf(stdout, NULL, _IOLBF, 0);
+
+    char line[128];
+    while (fgets(line, sizeof line, stdin)) {
+        int x, y, b;
+        char verb[16];
+        int n = sscanf(line, "%15s %d %d", verb, &x, &y);
+        b = x;
+        if (n == 3 && strcmp(verb, "move") == 0) {
+            if (pointer) {
+                wl_proxy_marshal(pointer, WLR_MOTION_ABSOLUTE, now_ms(), (uint32_t)x, (uint32_t)y, width, height);
+                wl_proxy_marshal(pointer, WLR_FRAME);
+            } else {
+                wl_proxy_marshal(s.kde, KDE_MOTION_ABSOLUTE, wl_fixed_from_int(x), wl_fixed_from_int(y));
+            }
+        } else if (n == 2 && button_code(b) >= 0
+                   && (strcmp(verb, "press") == 0 || strcmp(verb, "release") == 0 || strcmp(verb, "click") == 0)) {
+            for (int state = 1; state >= 0; --state) {
+                if ((state == 1 && strcmp(verb, "release") == 0) || (state == 0 && strcmp(verb, "press") == 0))
+                    continue;
+                if (pointer) {
+                    wl_proxy_marshal(pointer, WLR_BUTTON, now_ms(), (uint32_t)button_code(b), (uint32_t)state);
+                    wl_proxy_marshal(pointer, WLR_FRAME);
+                } else {
+                    wl_proxy_marshal(s.kde, KDE_BUTTON, (uint32_t)button_code(b), (uint32_t)state);
+                }
+                wl_display_roundtrip(display);
+            }
+        } else if (n == 2 && strcmp(verb, "key") == 0 && s.kde) {
+            wl_proxy_marshal(s.kde, KDE_KEY, (uint32_t)x, 1u);
+            wl_display_roundtrip(display);
+            wl_proxy_marshal(s.kde, KDE_KEY, (uint32_t)x, 0u);
+        } else {
+            printf("error: %s", line);
+            continue;
+        }
+        if (wl_display_roundtrip(display) < 0) {
+            fprintf(stderr, "wl-input: the compositor went away\n");
+            return 1;
+        }
+        printf("ok\n");
+    }
+    wl_display_disconnect(display);
+    return 0;
+}

@@ -1,0 +1,34 @@
+# Xfce 4.18: its panel (the systray plugin hosts StatusNotifier items and XEmbed icons) and the xfwm4 window manager
+# on Xvfb. Sourced after desktop.sh; see there for the functions a desktop file defines. X11 all through: xdotool
+# clicks and types, ImageMagick's import takes screenshots.
+
+desktop_name() { echo "Xfce 4.18 panel + xfwm4 (X11)"; }
+desktop_tools() { echo Xvfb xfce4-panel xfwm4 xdotool import xprop xwininfo gdbus; }
+
+desktop_start()
+{
+    local work=$1 outputs=${2:-1}
+    desktop_prepare "$work" || return 1
+    DESKTOP_WIDTH=$(( 1280 * outputs ))
+    # The panel's stock layout; without it the panel asks on its first start which layout the user wants.
+    mkdir -p "$work/home/.config/xfce4/xfconf/xfce-perchannel-xml"
+    cp /etc/xdg/xfce4/panel/default.xml "$work/home/.config/xfce4/xfconf/xfce-perchannel-xml/xfce4-panel.xml"
+    chown -R "$DESKTOP_USER:" "$work/home"
+    desktop_bus || return 1
+    desktop_spawn "$work/xvfb.log" Xvfb -displayfd 3 -screen 0 "${DESKTOP_WIDTH}x${DESKTOP_HEIGHT}x24" -nolisten tcp \
+        -noreset 3>"$SESSION_OUT/displayfd"
+    wait_until 20 test -s "$SESSION_OUT/displayfd" || { echo "desktop: Xvfb did not start" >&2; return 1; }
+    export DISPLAY XDG_SESSION_TYPE=x11 XDG_CURRENT_DESKTOP=XFCE
+    DISPLAY=":$(tr -d '\n' <"$SESSION_OUT/displayfd")"
+    desktop_wait_x 10 || { echo "desktop: no X server on $DISPLAY" >&2; return 1; }
+    desktop_spawn "$work/xfwm4.log" xfwm4 --compositor=off
+    wait_until 20 session_has_wm || { echo "desktop: xfwm4 did not start" >&2; return 1; }
+    desktop_spawn "$work/xfce4-panel.log" xfce4-panel
+    wait_until 30 desktop_watcher || { echo "desktop: the panel's tray is not on the bus" >&2; return 1; }
+    DESKTOP_TRAY=1
+}
+
+desktop_move() { xdotool mousemove "$1" "$2"; }
+desktop_click() { xdotool mousemove "$1" "$2" click "${3:-1}"; }
+desktop_key() { xdotool key "$1"; }
+desktop_screenshot() { as_user import -window root "$SESSION_OUT/shot.png" && cp "$SESSION_OUT/shot.png" "$1"; }

@@ -5,10 +5,6 @@
 pkg_check_modules(LUMORA_XCB REQUIRED IMPORTED_TARGET xcb xcb-xinput)
 target_link_libraries(LumoraApp PUBLIC PkgConfig::LUMORA_XCB)
 
-# The brightness keys: libevdev reads the keyboards and makes their uinput clones.
-pkg_check_modules(LUMORA_EVDEV REQUIRED IMPORTED_TARGET libevdev)
-target_link_libraries(LumoraApp PUBLIC PkgConfig::LUMORA_EVDEV)
-
 # Symbol images, registered from Symbols.cpp (resources of a static library are initialised by hand).
 file(GLOB LUMORA_SYMBOL_FILES RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} CONFIGURE_DEPENDS
   ${CMAKE_CURRENT_SOURCE_DIR}/resources/symbols/*.svg)
@@ -41,10 +37,7 @@ qt_add_resources(LumoraApp lumora_translations
 file(RELATIVE_PATH private_libdir ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR}/lumora)
 # Also read by the desktop end-to-end test, which installs a test plugin there.
 set(LUMORA_PRIVATE_LIBDIR_FROM_BINDIR ${private_libdir} CACHE INTERNAL "private library directory, from bindir")
-# The permission helper of the brightness keys lives in the private program directory.
-file(RELATIVE_PATH private_libexecdir ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBEXECDIR}/lumora)
 target_compile_definitions(LumoraApp PRIVATE
-  LUMORA_LIBEXECDIR_FROM_BINDIR="${private_libexecdir}"
   LUMORA_PRIVATE_LIBDIR_FROM_BINDIR="${LUMORA_PRIVATE_LIBDIR_FROM_BINDIR}"
   LUMORA_VERSION="${PROJECT_VERSION}")
 install(FILES Updater/LumoraUpdatePlugin.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/lumora)

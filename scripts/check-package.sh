@@ -70,6 +70,14 @@ tree=lumora/debian/lumora
 desktop-file-validate "$tree"/usr/share/applications/*.desktop "$tree"/etc/xdg/autostart/*.desktop
 appstreamcli validate-tree --no-net "$tree"
 
+# What an earlier Lumora left when the user had granted it the keyboards: its rule, and an access list on uinput.
+mkdir -p /etc/udev/rules.d
+echo 'KERNEL=="uinput", TAG+="uaccess"' >/etc/udev/rules.d/70-lumora-input.rules
+acl_node=
+if [ -c /dev/uinput ] && command -v setfacl >/dev/null 2>&1 && setfacl -m u:nobody:rw /dev/uinput 2>/dev/null; then
+  acl_node=/dev/uinput
+fi
+
 step "installing with apt-get"
 # The Recommends (logind, udev, kmod) are what a desktop has already; this checks the package's own files.
 apt_get install --no-install-recommends "${debs[@]/#/./}"
@@ -149,23 +157,96 @@ header=$(find_in /usr/include lumora/LumoraUpdatePlugin.h) || fail "no update pl
 echo '#include <lumora/LumoraUpdatePlugin.h>' | cc -x c -fsyntax-only -Wall -Werror - || fail "$header does not compile"
 echo "plugin header: $header"
 
-helper=/usr/libexec/lumora/lumora-grant-input-access
-[ -x "$helper" ] || fail "no permission helper at $helper"
-action=/usr/share/polkit-1/actions/org.lumora.Lumora.policy
-python3 - "$action" "$helper" <<'PY' || fail "$action does not name $helper for its action"
+step "the key service"
+keys=/usr/libexec/lumora/lumora-keys
+unit=/usr/lib/systemd/system/lumora-keys.service
+[ -x "$keys" ] || fail "no key service at $keys"
+[ -f "$unit" ] || fail "no unit at $unit"
+grep -qx "ExecStart=$keys" "$unit" || fail "$unit does not start $keys"
+grep -qx 'BusName=org.lumora.Keys' "$unit" || fail "$unit is not a bus service"
+for hardening in NoNewPrivileges=yes ProtectSystem=strict ProtectHome=yes PrivateNetwork=yes DevicePolicy=closed \
+                 'DeviceAllow=char-input rw' 'DeviceAllow=/dev/uinput rw' 'CapabilityBoundingSet=' \
+                 RestrictAddressFamilies=AF_UNIX; do
+  grep -qxF -- "$hardening" "$unit" || fail "$unit lacks $hardening"
+done
+if grep -q '^\[Install\]' "$unit"; then fail "$unit is enabled at boot: the bus starts it"; fi
+activation=/usr/share/dbus-1/system-services/org.lumora.Keys.service
+grep -qx "SystemdService=lumora-keys.service" "$activation" || fail "$activation does not start the unit"
+policy=/usr/share/dbus-1/system.d/org.lumora.Keys.conf
+xmllint --noout "$policy" 2>/dev/null || python3 -c 'import sys, xml.dom.minidom as m; m.parse(sys.argv[1])' "$policy" ||
+  fail "$policy is not well-formed"
+action=/usr/share/polkit-1/actions/org.lumora.keys.policy
+python3 - "$action" <<'PY' || fail "$action does not give the keys to the active session alone"
 import sys, xml.etree.ElementTree as et
-action = et.parse(sys.argv[1]).getroot().find("action[@id='org.lumora.Lumora.grant-input-access']")
-paths = [a.text for a in action.findall("annotate") if a.get("key") == "org.freedesktop.policykit.exec.path"]
-assert paths == [sys.argv[2]], paths
+defaults = et.parse(sys.argv[1]).getroot().find("action[@id='org.lumora.keys.attach']/defaults")
+assert [defaults.find(k).text for k in ("allow_any", "allow_inactive", "allow_active")] == \
+    ["auth_admin", "auth_admin", "yes"]
 PY
-if setpriv --reuid=nobody --regid=nogroup --clear-groups "$helper" >/dev/null 2>&1; then
-  fail "the permission helper ran for a user who is not root"
+[ ! -e /usr/libexec/lumora/lumora-grant-input-access ] || fail "the old permission helper is still installed"
+[ ! -e /etc/udev/rules.d/70-lumora-input.rules ] || fail "the keyboard rule of an earlier Lumora outlived the upgrade"
+if [ -n "$acl_node" ] && getfacl -p "$acl_node" 2>/dev/null | grep -q '^user:nobody:'; then
+  fail "the access an earlier Lumora left on $acl_node outlived the upgrade"
 fi
-# What pkexec does when the user asks: as root it installs the rule (udev may be absent here; the rule is what counts).
-"$helper" >/dev/null || fail "the permission helper failed as root"
-cmp -s /etc/udev/rules.d/70-lumora-input.rules /usr/share/lumora/70-lumora-input.rules ||
-  fail "the permission helper did not install its rule"
-echo "permission helper: $helper (polkit action $action)"
+# A plain process of a user opens no key device and not /dev/uinput.
+for node in /dev/input/event* /dev/uinput; do
+  [ -c "$node" ] || continue
+  if setpriv --reuid=nobody --regid=nogroup --clear-groups sh -c 'exec 3<"$1"' sh "$node" 2>/dev/null; then
+    fail "a plain user process can read $node"
+  fi
+done
+# The service on the virtual desk: a private system bus with the installed policy and activation file (no launch
+# helper), stand-ins for logind and polkit; one attach starts it, and it leaves once the client is gone.
+bus_dir=$(mktemp -d)
+cat >"$bus_dir/bus.conf" <<CONF
+<busconfig><listen>unix:path=$bus_dir/bus</listen><auth>EXTERNAL</auth>
+<servicedir>/usr/share/dbus-1/system-services</servicedir>
+<policy context="default"><allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/>
+<allow own="org.freedesktop.login1"/><allow own="org.freedesktop.PolicyKit1"/></policy>
+<include>$policy</include></busconfig>
+CONF
+DBUS_SYSTEM_BUS_ADDRESS="unix:path=$bus_dir/bus" timeout 120 "$desk" -- /usr/bin/python3 - "$bus_dir" <<'PY' ||
+import os, socket, subprocess, sys, time
+import dbus
+d = sys.argv[1]
+daemon = subprocess.Popen(["dbus-daemon", "--nofork", "--config-file=" + d + "/bus.conf"])
+try:
+    deadline = time.time() + 20
+    while not os.path.exists(d + "/bus"):
+        assert time.time() < deadline, "no bus"
+        time.sleep(0.05)
+    mocks = [subprocess.Popen([sys.executable, "-m", "dbusmock", "--system", "--template", t], stdout=subprocess.DEVNULL)
+             for t in ("logind", "polkitd")]
+    bus = dbus.SystemBus()
+    for name in ("org.freedesktop.login1", "org.freedesktop.PolicyKit1"):
+        while not bus.name_has_owner(name):
+            assert time.time() < deadline, name
+            time.sleep(0.05)
+    login = bus.get_object("org.freedesktop.login1", "/org/freedesktop/login1")
+    login.AddSession("c1", "seat0", dbus.UInt32(1000), "user", True, dbus_interface="org.freedesktop.DBus.Mock")
+    login.AddMethod("org.freedesktop.login1.Manager", "GetSessionByPID", "u", "o",
+                    "ret = dbus.ObjectPath('/org/freedesktop/login1/session/c1')", dbus_interface="org.freedesktop.DBus.Mock")
+    bus.get_object("org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority").SetAllowed(
+        ["org.lumora.keys.attach"], dbus_interface="org.freedesktop.DBus.Mock")
+    assert not bus.name_has_owner("org.lumora.Keys"), "the service ran before anyone asked"
+    ours, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    bus.get_object("org.lumora.Keys", "/org/lumora/Keys").Attach(
+        dbus.types.UnixFd(theirs.fileno()), False, dbus_interface="org.lumora.Keys1", timeout=60)
+    assert bus.name_has_owner("org.lumora.Keys"), "the first attach did not start the service"
+    print("key service: started by the first attach")
+    ours.close()
+    deadline = time.time() + 60
+    while bus.name_has_owner("org.lumora.Keys"):
+        assert time.time() < deadline, "the service did not leave when idle"
+        time.sleep(0.2)
+    print("key service: left once idle")
+    for m in mocks:
+        m.kill()
+finally:
+    daemon.kill()
+PY
+  fail "the key service did not start on attach and stop when idle"
+rm -rf "$bus_dir"
+echo "key service: $keys ($unit, $activation, $policy, $action)"
 
 step "removing with apt-get"
 files=$(dpkg-query -L lumora lumora-dev)
@@ -180,7 +261,6 @@ while IFS= read -r path; do
   grep -qxF -- "$path" <<<"$conffiles" || left+=("$path")
 done <<<"$files"
 [ ${#left[@]} -eq 0 ] || fail "left after removal, not configuration: ${left[*]}"
-[ ! -e /etc/udev/rules.d/70-lumora-input.rules ] || fail "the keyboard access granted for Lumora outlived it"
 echo "left after removal (configuration): $(tr '\n' ' ' <<<"$conffiles")"
 
 step "purging"

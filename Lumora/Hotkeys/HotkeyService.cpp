@@ -5,10 +5,8 @@
 
 #include "Lumora/App/DisplayController.h"
 #include "Lumora/Hotkeys/DisplayInUse.h"
-#include "Lumora/Platform/Linux/Desktop/InputAccessRequest.h"
-#include "Lumora/Platform/Linux/Desktop/InputAccessWatcher.h"
-#include "Lumora/Platform/Linux/Input/InputAccess.h"
-#include "Lumora/Platform/Linux/Input/KeyTap.h"
+#include "Lumora/Platform/Linux/Desktop/KeyServiceClient.h"
+#include "Lumora/Platform/Linux/Desktop/KeyServiceWatcher.h"
 
 namespace Lumora {
 namespace {
@@ -23,8 +21,14 @@ QSettings settings()
 HotkeyService::HotkeyService(DisplayController& controller, QObject* parent)
     : QObject(parent), controller_(controller)
 {
+    eventTap_ = std::make_unique<KeyServiceClient>(
+        [this](const KeyProtocol::Press& press) { return handle(press.event, press.option); });
+    // An attach that finishes, or a link the service drops, is what the view shows; a dropped link is also a change
+    // of authorization worth a new look (the service restarted, or the session is no longer the active one).
+    connect(eventTap_.get(), &KeyServiceClient::attachedChanged, this, [this](bool attached) { assignTrusted(attached); });
+    connect(eventTap_.get(), &KeyServiceClient::dropped, this,
+            [this] { QTimer::singleShot(trustRecheckDelayMs, this, [this] { reconcile(); }); });
     assignTrusted(readTrust());
-    eventTap_.reset();
     assignEnabled(settings().value(QLatin1String(settingsKey), false).toBool());
     observeTrustChanges();
     reconcile();
@@ -41,71 +45,43 @@ void HotkeyService::setEnabled(bool enabled)
     assignEnabled(enabled);
     settings().setValue(QLatin1String(settingsKey), enabled);
     if (enabled && !readTrust())
-        InputAccessRequest::start();
+        eventTap_->attach(true);  // polkit may ask for a password
     reconcile();
 }
 
 void HotkeyService::openAccessibilitySettings()
 {
-    InputAccessRequest::start();
+    eventTap_->attach(true);
 }
 
 void HotkeyService::observeTrustChanges()
 {
     // Every notification gets its own look, half a second later; none are merged.
-    trustWatcher_ = std::make_unique<InputAccessWatcher>(
-        [this] { QTimer::singleShot(trustRecheckDelayMs, this, [this] { reconcile(); }); });
+    const auto recheck = [this] { QTimer::singleShot(trustRecheckDelayMs, this, [this] { reconcile(); }); };
+    trustWatcher_ = std::make_unique<KeyServiceWatcher>(recheck, [this, recheck] {
+        if (eventTap_->foundNoService())
+            recheck();
+    });
 }
 
 void HotkeyService::reconcile()
 {
-    assignTrusted(readTrust());
-    if (isEnabled_ && isTrusted_)
-        startTap();
-    else
+    if (!isEnabled_)
         stopTap();
+    assignTrusted(readTrust());
+    if (isEnabled_)
+        startTap();
 }
 
+// Attaching is asynchronous: the outcome comes back through attachedChanged.
 void HotkeyService::startTap()
 {
-    if (eventTap_ != nullptr)
-        return;
-    const std::uint64_t generation = ++tapGeneration_;
-    // Runs on a capture thread: only hands the press to this thread, through the mailbox, and returns.
-    eventTap_ = Platform::KeyTap::create([this, generation](const Platform::KeyPress& press) {
-        {
-            std::lock_guard<std::mutex> hold(pressesMutex_);
-            presses_.emplace_back(generation, press);
-        }
-        QMetaObject::invokeMethod(this, "takePresses", Qt::QueuedConnection);
-    });
-    if (eventTap_ == nullptr)
-        assignTrusted(false);
+    eventTap_->attach(false);
 }
 
 void HotkeyService::stopTap()
 {
-    eventTap_.reset();
-}
-
-// Main thread: decides what was handed over, oldest first. One run may take the presses of later hand-overs, and
-// their own runs then find nothing left.
-void HotkeyService::takePresses()
-{
-    std::vector<std::pair<std::uint64_t, Platform::KeyPress>> taken;
-    {
-        std::lock_guard<std::mutex> hold(pressesMutex_);
-        taken.swap(presses_);
-    }
-    for (const auto& [generation, press] : taken)
-        pressArrived(generation, press);
-}
-
-void HotkeyService::pressArrived(std::uint64_t tapGeneration, const Platform::KeyPress& press)
-{
-    if (eventTap_ == nullptr || tapGeneration != tapGeneration_)
-        return;  // that tap is gone, and with it the press (it was passed on)
-    eventTap_->settle(press.id, [&] { return handle(press.event, press.option); });
+    eventTap_->detach();
 }
 
 bool HotkeyService::handle(const KeyEvent& event, bool option)
@@ -130,7 +106,7 @@ bool HotkeyService::handle(const KeyEvent& event, bool option)
 
 bool HotkeyService::readTrust() const
 {
-    return Platform::InputAccess::isTrusted(eventTap_ != nullptr ? eventTap_->clones() : std::set<std::string>{});
+    return eventTap_->isAttached();
 }
 
 void HotkeyService::assignEnabled(bool value)

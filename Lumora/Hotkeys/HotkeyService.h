@@ -5,13 +5,15 @@
 // desktop unchanged.
 //
 // The feature is off until the user switches it on; the switch is kept in the settings under
-// "useF1F2ForExternalBrightness". Taking the keys needs access to the keyboards and to /dev/uinput ("trusted");
-// the service follows that access, asks for it when the user switches the feature on without it, and installs or
-// removes the tap whenever the setting or the access changes:
+// "useF1F2ForExternalBrightness". The keyboards belong to the key service (lumora-keys, a system service); Lumora
+// attaches to it and from then on is handed the brightness-key presses, and nothing else, while its session is the
+// active one. "Trusted" means attached. The service follows the setting and the authorization, asks for the keys
+// (polkit may ask for a password) when the user switches the feature on without them, and attaches or detaches
+// whenever the setting or the authorization changes:
 //
-//   isEnabled  isTrusted   tap
-//   false      either      no     (off)
-//   true       false       no     (waiting for permission)
+//   isEnabled  isTrusted   attached
+//   false      false       no     (off)
+//   true       false       no     (waiting for permission: not allowed, not the active session, no service)
 //   true       true        yes    (active)
 //
 // Main thread only. Observers: objectWillChange() before, and isEnabledChanged() / isTrustedChanged() right after,
@@ -19,23 +21,15 @@
 
 #include <QObject>
 
-#include <cstdint>
 #include <memory>
-#include <mutex>
-#include <utility>
-#include <vector>
 
 #include "LumoraCore/KeyEventDecision.h"
 
 namespace Lumora {
 
 class DisplayController;
-class InputAccessWatcher;
-
-namespace Platform {
-class KeyTap;
-struct KeyPress;
-}  // namespace Platform
+class KeyServiceClient;
+class KeyServiceWatcher;
 
 class HotkeyService : public QObject {
     Q_OBJECT
@@ -45,19 +39,18 @@ public:
     // A change of access is looked at this long after it was noticed (the desktop applies a grant in steps).
     static constexpr int trustRecheckDelayMs = 500;
 
-    // Reads the access and the setting and installs the tap when both allow it. Never asks for access.
+    // Reads the setting and attaches when it is on. Never lets polkit ask.
     explicit HotkeyService(DisplayController& controller, QObject* parent = nullptr);
-    // Removes the tap first.
+    // Detaches first.
     ~HotkeyService() override;
 
     bool isEnabled() const { return isEnabled_; }
     bool isTrusted() const { return isTrusted_; }
 
-    // The one way the setting changes: stores it, asks for access when switching on without it, reconciles.
+    // The one way the setting changes: stores it, asks for the keys when switching on without them (polkit may ask
+    // for a password), reconciles.
     void setEnabled(bool enabled);
-    // Asks for access: on Linux, starts the permission flow (a fixed helper, through pkexec, installs the udev rule
-    // that lets this user read the keyboards and write /dev/uinput). The access, once granted, comes back through
-    // the watch on the device nodes.
+    // Asks for the keys again, letting polkit ask for a password. The outcome comes back as isTrusted.
     void openAccessibilitySettings();
 
 signals:
@@ -72,8 +65,6 @@ private:
     void reconcile();
     void startTap();
     void stopTap();
-    Q_INVOKABLE void takePresses();
-    void pressArrived(std::uint64_t tapGeneration, const Platform::KeyPress& press);
     bool handle(const KeyEvent& event, bool option);
     bool readTrust() const;
     void assignEnabled(bool value);
@@ -82,13 +73,9 @@ private:
     bool isEnabled_ = false;
     bool isTrusted_ = false;
     DisplayController& controller_;
-    std::unique_ptr<Platform::KeyTap> eventTap_;
-    std::uint64_t tapGeneration_ = 0;  // presses of a removed tap are dropped
-    // Presses handed over by the capture threads, with their tap's generation: a queue under a lock of our own, so
-    // that nothing of a press crosses threads inside Qt's posted events.
-    std::mutex pressesMutex_;
-    std::vector<std::pair<std::uint64_t, Platform::KeyPress>> presses_;
-    std::unique_ptr<InputAccessWatcher> trustWatcher_;
+    // The key service: attached exactly while the tap is installed.
+    std::unique_ptr<KeyServiceClient> eventTap_;
+    std::unique_ptr<KeyServiceWatcher> trustWatcher_;
 };
 
 }  // namespace Lumora

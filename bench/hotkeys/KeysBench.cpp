@@ -1,12 +1,13 @@
-// The brightness keys' figures on the virtual desk (emulated keyboards, uinput and DDC/CI monitors; the real
-// service, tap and controller; an offscreen desktop whose screens stand where the desk's connectors do), printed
-// as a table:
+// The brightness keys' figures on the virtual desk (emulated keyboards, uinput and DDC/CI monitors; lumora-keys
+// started by a private system bus with stand-ins for logind and polkit; the real HotkeyService and controller; an
+// offscreen desktop whose screens stand where the desk's connectors do), printed as a table:
 //
 //   - a brightness key pressed on the laptop keyboard with the cursor on the DELL, until the first byte of its
 //     Set VCP Feature is on the wire (the DDC/CI transaction pauses 10 ms before it writes);
 //   - a letter pressed on the laptop keyboard until its clone has it: what typing goes through, p50 and p99;
 //   - the same for a letter typed right after a brightness key that goes on to the desktop (it waits behind the
-//     key's decision);
+//     key's decision): the difference to a letter alone is the hop from the service to Lumora and back;
+//   - the key service's CPU time while nobody types;
 //   - for comparison, a letter through a bare forwarder on the same desk (poll, read, write with libevdev, nothing
 //     else): what the emulated devices themselves cost, which a real kernel does not.
 //
@@ -15,6 +16,10 @@
 
 #include <QApplication>
 #include <QCursor>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusUnixFileDescriptor>
 #include <QDeadlineTimer>
 #include <QEventLoop>
 #include <QFile>
@@ -27,6 +32,7 @@
 #include <libevdev/libevdev.h>
 #include <linux/input.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -46,6 +52,8 @@
 
 #include "Lumora/App/DisplayController.h"
 #include "Lumora/Hotkeys/HotkeyService.h"
+#include "LumoraCore/KeyProtocol.h"
+#include "support/KeyServiceBus.h"
 #include "tools/virtual-desk/VirtualDesk.h"
 #include "bench/support/BenchSupport.h"
 
@@ -126,6 +134,51 @@ std::vector<double> typeLetters(VirtualDesk::Desk& desk)
     return latencies;
 }
 
+// The least a client of the key service can do: attach, and answer every press "pass it on" the moment it comes,
+// on a thread of its own. What a letter typed behind a brightness key waits for then is the hop itself.
+class BareClient {
+public:
+    BareClient()
+    {
+        int pair[2];
+        if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0)
+            return;
+        QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("org.lumora.Keys"), QStringLiteral("/org/lumora/Keys"),
+                                                           QStringLiteral("org.lumora.Keys1"), QStringLiteral("Attach"));
+        call << QVariant::fromValue(QDBusUnixFileDescriptor(pair[1])) << false;
+        ::close(pair[1]);
+        if (QDBusConnection::systemBus().call(call, QDBus::Block, 30'000).type() != QDBusMessage::ReplyMessage) {
+            ::close(pair[0]);
+            return;
+        }
+        socket_ = pair[0];
+        answering_ = std::thread([this] {
+            std::uint8_t message[Lumora::KeyProtocol::messageSize];
+            while (::recv(socket_, message, sizeof message, 0) == ssize_t(sizeof message)) {
+                const auto press = Lumora::KeyProtocol::decodePress(message);
+                if (!press)
+                    break;
+                const auto pass = Lumora::KeyProtocol::encode(Lumora::KeyProtocol::Decision{press->id, false});
+                ::send(socket_, pass.data(), pass.size(), MSG_NOSIGNAL);
+            }
+        });
+    }
+    ~BareClient()
+    {
+        if (socket_ >= 0)
+            ::shutdown(socket_, SHUT_RDWR);  // the answering thread's recv returns
+        if (answering_.joinable())
+            answering_.join();
+        if (socket_ >= 0)
+            ::close(socket_);
+    }
+    bool attached() const { return socket_ >= 0; }
+
+private:
+    int socket_ = -1;
+    std::thread answering_;
+};
+
 // The least a forwarder can do: grab the keyboard, clone it, and pass every frame on in one write as it is read.
 class BareForwarder {
 public:
@@ -193,10 +246,14 @@ int main(int argc, char** argv)
     config.close();
     qputenv("QT_QPA_PLATFORM", "offscreen:configfile=" + QFile::encodeName(config.fileName()));
     qputenv("XDG_CONFIG_HOME", QFile::encodeName(home.filePath(QStringLiteral("config"))));
+    ::setenv("LUMORA_SOURCE_DIR", LUMORA_SOURCE_DIR, 0);
+    ::setenv("LUMORA_BUILD_DIR", LUMORA_BUILD_DIR, 0);
+    LumoraTest::KeyServiceBus bus(60);
     QApplication app(argc, argv);
     QSettings(QStringLiteral("Lumora"), QStringLiteral("Lumora")).setValue(QStringLiteral("useF1F2ForExternalBrightness"), true);
 
     VirtualDesk::Desk desk(VirtualDesk::DeskConfig::defaultDesk());
+    bus.useDesk();
     std::vector<double> bare;
     {
         BareForwarder forwarder;
@@ -215,38 +272,34 @@ int main(int argc, char** argv)
         return 1;
     }
     Lumora::HotkeyService service(controller);
-    if (!desk.waitFor([&] { return desk.grabbed(laptop); }, 5s)) {
+    if (!pumpUntil([&] { return desk.grabbed(laptop) && service.isTrusted(); }, 10s)) {
         std::fprintf(stderr, "bench_hotkeys: the laptop keyboard was never taken\n");
         return 1;
     }
 
-    // 0. What the tap costs while nobody types: its capture thread's CPU time over two idle seconds.
-    const auto captureCpuMs = [] {
-        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-            std::ifstream comm(task.path() / "comm");
-            std::string name;
-            std::getline(comm, name);
-            if (name != "lumora-keys")
-                continue;
-            std::ifstream stat(task.path() / "stat");
-            std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-            std::istringstream fields(text.substr(text.rfind(')') + 2));
-            std::string field;
-            unsigned long user = 0, system = 0;
-            for (int i = 3; i <= 15 && fields >> field; ++i) {
-                if (i == 14)
-                    user = std::stoul(field);
-                if (i == 15)
-                    system = std::stoul(field);
-            }
-            return double(user + system) * 1000.0 / double(sysconf(_SC_CLK_TCK));
+    // 0. What the key service costs while nobody types: its CPU time over four idle seconds.
+    const QString keys = QStringLiteral("org.lumora.Keys");
+    const pid_t servicePid = pid_t(QDBusConnection::systemBus().interface()->servicePid(keys).value());
+    const auto captureCpuMs = [servicePid] {
+        std::ifstream stat("/proc/" + std::to_string(servicePid) + "/stat");
+        std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+        if (text.empty())
+            return -1.0;
+        std::istringstream fields(text.substr(text.rfind(')') + 2));
+        std::string field;
+        unsigned long user = 0, system = 0;
+        for (int i = 3; i <= 15 && fields >> field; ++i) {
+            if (i == 14)
+                user = std::stoul(field);
+            if (i == 15)
+                system = std::stoul(field);
         }
-        return -1.0;
+        return double(user + system) * 1000.0 / double(sysconf(_SC_CLK_TCK));
     };
     pumpUntil([] { return false; }, 1s);  // the clones' own arrival has been looked at
     const double idleBefore = captureCpuMs();
     pumpUntil([] { return false; }, 4s);
-    row("the capture thread's CPU time while nobody types, ms per second", "%.1f", (captureCpuMs() - idleBefore) / 4.0);
+    row("the key service's CPU time while nobody types, ms per second", "%.1f", (captureCpuMs() - idleBefore) / 4.0);
 
     // 1. A brightness key until its first byte is on the wire, alternating up and down so that every press writes.
     QCursor::setPos(3000, 700);
@@ -290,6 +343,33 @@ int main(int argc, char** argv)
     }
     row("a letter typed right behind a passed brightness key, us (p50 / p99 / max, 100)", "%.0f / %.0f / %.0f",
         BenchSupport::percentile(behind, 50), BenchSupport::percentile(behind, 99), BenchSupport::percentile(behind, 100));
+    row("  the same less a letter alone (the hop to Lumora, its decision, and back), us (p50)", "%.0f",
+        BenchSupport::percentile(behind, 50) - BenchSupport::percentile(letters, 50));
+
+    // 4. The hop alone: the same letters with a bare client that answers at once in place of Lumora.
+    std::vector<double> hop;
+    {
+        service.setEnabled(false);  // Lumora gives the keys back; the service stays up (idle for a minute)
+        BareClient client;
+        if (client.attached()) {
+            for (int i = 0; i < 200; ++i) {
+                const std::int64_t pressed = desk.nowUs();
+                desk.pressKey(laptop, KEY_BRIGHTNESSDOWN, 1);
+                desk.pressKey(laptop, KEY_J, 1);
+                std::optional<std::int64_t> at;
+                desk.waitFor([&] { return (at = passedOnAt(desk, KEY_J, 1, pressed)).has_value(); }, 5s);
+                if (at)
+                    hop.push_back(double(*at - pressed));
+                desk.pressKey(laptop, KEY_J, 0);
+                desk.pressKey(laptop, KEY_BRIGHTNESSDOWN, 0);
+                desk.waitFor([&] { return passedOnAt(desk, KEY_BRIGHTNESSDOWN, 0, pressed).has_value(); }, 5s);
+            }
+        }
+    }
+    row("a letter behind a brightness key a bare client passes at once, us (p50 / p99 / max, 200)", "%.0f / %.0f / %.0f",
+        BenchSupport::percentile(hop, 50), BenchSupport::percentile(hop, 99), BenchSupport::percentile(hop, 100));
+    row("  less a letter alone: the hop to the client and back, us (p50)", "%.0f",
+        BenchSupport::percentile(hop, 50) - BenchSupport::percentile(letters, 50));
 
     std::size_t width = 0, valueWidth = 0;
     for (const Row& r : rows) {

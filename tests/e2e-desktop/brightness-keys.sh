@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# The brightness keys end to end: the real lumora binary, with the setting stored on, on the virtual desk's
-# keyboards, uinput and monitors, on an X server whose monitors are laid out like the desk's connectors (Xorg with
-# the dummy driver: the built-in panel eDP-1 on the left, the DELL on DP-1 in the middle, the LG on HDMI-A-1 on the
-# right). Keys are pressed on the emulated keyboards like a person would; the window they are about is an ordinary
-# window moved from monitor to monitor. What reaches the monitors is read on the emulated wire; what reaches the
-# desktop is what Lumora writes to its clones (the desk's log).
+# The brightness keys end to end: the real lumora binary, with the setting stored on, and the real key service
+# (lumora-keys, started by a private system bus with the package's policy and stand-ins for logind and polkit), on
+# the virtual desk's keyboards, uinput and monitors, on an X server whose monitors are laid out like the desk's
+# connectors (Xorg with the dummy driver: the built-in panel eDP-1 on the left, the DELL on DP-1 in the middle, the
+# LG on HDMI-A-1 on the right). Keys are pressed on the emulated keyboards like a person would; the window they are
+# about is an ordinary window moved from monitor to monitor. What reaches the monitors is read on the emulated wire;
+# what reaches the desktop is what the service writes to its twins (the desk's log).
 #
 #   brightness-keys.sh LUMORA VIRTUAL_DESK ARTIFACT_DIR
 #
@@ -12,6 +13,8 @@
 set -uo pipefail
 
 HERE=$(cd "$(dirname "$0")" && pwd)
+# The key service of the same build, beside the program's folder.
+LUMORA_KEYS=${LUMORA_KEYS:-$(cd "$(dirname "$1")/.." && pwd)/LumoraKeys/lumora-keys}
 
 # shellcheck source=checks.sh
 source "$HERE/checks.sh" "$@"
@@ -76,18 +79,32 @@ pass "display $DISPLAY: $(xrandr --listmonitors | tail -n +2 | awk '{print $2}' 
 mkdir -p "$XDG_CONFIG_HOME/Lumora"
 printf '[General]\nuseF1F2ForExternalBrightness=true\n' >"$XDG_CONFIG_HOME/Lumora/Lumora.conf"
 
-step "untrusted at launch (no write access to /dev/uinput), the setting on: the warning, and no grab"
-# The desk comes up first, so that access can be taken away before lumora starts; lumora's end does not end the
-# desk, so that what it left behind can be looked at.
+# The stand-in for polkit, on the private system bus.
+export KEYS_BUS=unix:path=$WORK/keys/bus
+polkit() {
+    DBUS_SYSTEM_BUS_ADDRESS=$KEYS_BUS gdbus call --system --dest org.freedesktop.PolicyKit1 \
+        --object-path /org/freedesktop/PolicyKit1/Authority --method "org.freedesktop.DBus.Mock.$1" "${@:2}" >/dev/null
+}
+
+step "untrusted at launch (polkit refuses), the setting on: the warning, and no grab"
+# The desk comes up first, and the system bus in it (its key service must see the desk); lumora's end does not end
+# the desk, so that what it left behind can be looked at.
+mkdir -p "$WORK/keys"
 "$VIRTUAL_DESK" --control "$WORK/control" --log "$WORK/desk.jsonl" -- bash -c '
+    /usr/bin/python3 "$6" "$7" "$8" "$9" --idle-exit 2 --refuse >"$7/address" & bus=$!
+    trap "kill $bus" EXIT
+    for _ in $(seq 600); do [[ -s $7/address ]] && break; sleep 0.05; done
+    export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$7/bus
     for _ in $(seq 600); do [[ -e $1 ]] && break; sleep 0.05; done
     "$2" & echo $! >"$3"; wait $!; echo $? >"$4"
     for _ in $(seq 1200); do [[ -e $5 ]] && exit 0; sleep 0.05; done' \
-    _ "$WORK/go" "$LUMORA" "$WORK/lumora.pid" "$WORK/lumora.status" "$WORK/stop" >"$WORK/lumora.log" 2>&1 &
+    _ "$WORK/go" "$LUMORA" "$WORK/lumora.pid" "$WORK/lumora.status" "$WORK/stop" \
+    "$HERE/../support/key-service-bus.py" "$WORK/keys" "$LUMORA_KEYS" "$HERE/../../data/org.lumora.Keys.conf" \
+    >"$WORK/lumora.log" 2>&1 &
 DESK_PID=$!
 session_track "$DESK_PID"
 wait_until 20 test -S "$WORK/control" || abort "the virtual desk did not come up"
-desk access /dev/uinput 0600 >/dev/null || abort "the desk did not take away the access"
+wait_until 60 test -s "$WORK/keys/address" || abort "the system bus did not come up"
 touch "$WORK/go"
 wait_until 20 icon_docked || abort "the sun never docked in the tray"
 wait_until 10 test -s "$WORK/lumora.pid" || abort "no lumora"
@@ -97,9 +114,10 @@ check "no clone" equals "" desk_value clones
 panel_orange 01-untrusted || abort "the panel did not open"
 check "the panel shows the warning (orange pixels: $ORANGE)" test "$ORANGE" -gt 20
 
-step "granting access (the mode of /dev/uinput) installs the tap about half a second later, with no action"
+step "polkit allowing it (its Changed signal) gives Lumora the keys about half a second later, with no action"
+polkit SetAllowed "['org.lumora.keys.attach']" || abort "the stand-in for polkit did not answer"
 granted=$(now_ms)
-desk access /dev/uinput 0660 >/dev/null
+polkit EmitSignal org.freedesktop.PolicyKit1.Authority Changed "" "[]" || abort "polkit said nothing"
 wait_until 10 all_grabbed || abort "the keyboards were never taken"
 took=$(( $(now_ms) - granted ))
 check "the keyboards with brightness keys taken ${took} ms after the grant (at least 450, within 3000)" \
@@ -155,7 +173,7 @@ EXPECTED+=("KEY_BRIGHTNESSDOWN 0")
 check "DELL one sixteenth down from full: 94" wait_until 10 equals 94 dell_brightness
 letters B Y E
 
-step "killing lumora in the middle of a press leaves no key held"
+step "killing lumora in the middle of a press leaves no key held: the service lets everything go"
 key KEY_BRIGHTNESSDOWN 1
 check "the press reached the DELL (88)" wait_until 10 equals 88 dell_brightness
 kill -KILL "$LUMORA_PID"

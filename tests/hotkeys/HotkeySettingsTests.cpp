@@ -1,6 +1,6 @@
 // The panel's brightness-key section, as the user sees and uses it: the switch, the warning and the button that
-// asks for access, over a real service on the virtual desk, whose access the tests control through the modes of
-// the desk's device nodes (no access to /dev/uinput at first).
+// asks for the keys, over a real service and lumora-keys on the virtual desk, whose authorization the tests
+// control through the stand-in for polkit (refused at first).
 
 #include <QAccessible>
 #include <QApplication>
@@ -9,6 +9,8 @@
 #include <QTest>
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 #include "HotkeysTestEnvironment.h"
 #include "Lumora/App/DisplayController.h"
@@ -53,8 +55,21 @@ protected:
     void SetUp() override
     {
         removeSetting();
-        clearPkexecRuns();
-        desk.setAccess("/dev/uinput", "0600");
+        keyBus->useDesk();
+        keyBus->allow(false);
+        keyBus->forgetAuthorizationChecks();
+    }
+    void TearDown() override
+    {
+        view.reset();
+        service.reset();
+        EXPECT_TRUE(pumpUntil([] { return !keyBus->serviceRunning(); }, 10s));
+    }
+    // The checks polkit was asked for that could ask the user for a password.
+    static std::size_t asked()
+    {
+        const std::vector<bool> checks = keyBus->authorizationChecks();
+        return std::size_t(std::count(checks.begin(), checks.end(), true));
     }
 
     void open()
@@ -141,7 +156,7 @@ TEST_F(SettingsSection, SwitchingOnWithoutAccessWarnsAtOnceAndSwitchingOffHidesI
     click(toggle);
     EXPECT_TRUE(toggle->isChecked());
     EXPECT_EQ(storedSetting(), QStringLiteral("true"));
-    ASSERT_TRUE(warningShown());
+    ASSERT_TRUE(pumpUntil([&] { return warningShown(); }, 5s));
     EXPECT_NE(track(), offTrack);
     EXPECT_GT(height(), closedHeight) << "the warning takes room in the panel";
     EXPECT_GT(orangePixels(picture()), 20) << "the warning is drawn in orange";
@@ -150,11 +165,11 @@ TEST_F(SettingsSection, SwitchingOnWithoutAccessWarnsAtOnceAndSwitchingOffHidesI
     EXPECT_EQ(button->toolTip(), buttonTip);
     EXPECT_EQ(QAccessible::queryAccessibleInterface(button)->text(QAccessible::Name), buttonText);
     EXPECT_TRUE(QAccessible::queryAccessibleInterface(toggle)->state().checked);
-    ASSERT_TRUE(pumpUntil([] { return pkexecRuns().size() == 1; }));
+    ASSERT_TRUE(pumpUntil([] { return asked() == 1; }, 5s));
 
     // The button asks again and leaves the section as it is.
     click(button);
-    ASSERT_TRUE(pumpUntil([] { return pkexecRuns().size() == 2; }));
+    ASSERT_TRUE(pumpUntil([] { return asked() == 2; }, 5s));
     EXPECT_TRUE(warningShown());
 
     click(toggle);
@@ -172,9 +187,11 @@ TEST_F(SettingsSection, TheWarningGoesByItselfOnceAccessIsGranted)
     open();
     EXPECT_TRUE(toggle->isChecked()) << "the switch shows the stored setting from the start";
     ASSERT_TRUE(warningShown());
-    EXPECT_TRUE(pkexecRuns().isEmpty()) << "a launch never asks";
+    pumpUntil([] { return false; }, 300ms);
+    EXPECT_EQ(asked(), 0u) << "a launch never lets polkit ask";
 
-    desk.setAccess("/dev/uinput", "0660");
+    keyBus->allow(true);
+    keyBus->authorizationsChanged();
     EXPECT_TRUE(pumpUntil([&] { return !warningShown(); }, 5s));
     EXPECT_TRUE(toggle->isChecked());
     EXPECT_EQ(orangePixels(picture()), 0);
@@ -182,16 +199,14 @@ TEST_F(SettingsSection, TheWarningGoesByItselfOnceAccessIsGranted)
 
 TEST_F(SettingsSection, OnWithAccessShowsTheSwitchOnAlone)
 {
-    desk.setAccess("/dev/uinput", "0660");
+    keyBus->allow(true);
     open();
     click(toggle);
     EXPECT_TRUE(toggle->isChecked());
-    EXPECT_FALSE(warningShown());
+    EXPECT_TRUE(pumpUntil([&] { return service->isTrusted() && !warningShown(); }, 5s));
     // The space bar flips it too, once it has the focus.
     toggle->setFocus();
     QTest::keyClick(toggle, Qt::Key_Space);
     EXPECT_FALSE(toggle->isChecked());
     EXPECT_EQ(storedSetting(), QStringLiteral("false"));
-    pumpUntil([] { return false; }, 200ms);
-    EXPECT_TRUE(pkexecRuns().isEmpty());
 }

@@ -1,5 +1,6 @@
 #pragma once
-// Shared by the brightness keys' tests: the desk's input nodes, the stand-in pkexec's record, and the settings file.
+// Shared by the brightness keys' tests: the desk's input nodes, the system bus with the key service, and the
+// settings file.
 
 #include <QFile>
 #include <QSettings>
@@ -8,6 +9,7 @@
 #include <string>
 
 #include "support/EventLoop.h"
+#include "support/KeyServiceBus.h"
 
 namespace LumoraTest {
 
@@ -25,21 +27,8 @@ constexpr const char* deskScreensJson = R"({"screens": [
     {"name": "HDMI-A-1", "x": 4480, "y": 0, "width": 1920, "height": 1080, "logicalDpi": 96, "logicalBpi": 96, "dpr": 1}
 ]})";
 
-// One line per run of the stand-in pkexec: its arguments.
-extern QString pkexecLog;
-
-inline QStringList pkexecRuns()
-{
-    QFile file(pkexecLog);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-}
-
-inline void clearPkexecRuns()
-{
-    QFile::remove(pkexecLog);
-}
+// The run's system bus (HotkeysTestMain.cpp).
+extern KeyServiceBus* keyBus;
 
 // The setting as stored ("" when absent).
 inline QString storedSetting()

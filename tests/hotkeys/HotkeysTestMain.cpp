@@ -1,7 +1,7 @@
 // The brightness keys' tests: a QApplication on Qt's offscreen platform with three screens named and laid out like
 // the default desk's connectors (eDP-1 on the left, DP-1 in the middle, HDMI-A-1 on the right), settings in a
-// private directory, and a stand-in for pkexec on PATH that records what it was asked to run instead of asking
-// for a password (the permission flow's outcome is seen through the device nodes, which the tests control).
+// private directory, and one private system bus for the whole run (Qt connects to the system bus once per
+// process) where lumora-keys is started on demand, with stand-ins for logind and polkit.
 
 #include <QApplication>
 #include <QDir>
@@ -16,7 +16,7 @@
 
 namespace LumoraTest {
 
-QString pkexecLog;
+KeyServiceBus* keyBus = nullptr;
 
 }  // namespace LumoraTest
 
@@ -33,16 +33,8 @@ int main(int argc, char** argv)
     QDir(home.path()).mkpath(QStringLiteral("runtime"));
     QFile::setPermissions(home.filePath(QStringLiteral("runtime")), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 
-    const QString bin = home.filePath(QStringLiteral("bin"));
-    QDir(home.path()).mkpath(QStringLiteral("bin"));
-    LumoraTest::pkexecLog = home.filePath(QStringLiteral("pkexec.log"));
-    QFile pkexec(bin + QStringLiteral("/pkexec"));
-    pkexec.open(QIODevice::WriteOnly);
-    pkexec.write(QStringLiteral("#!/bin/sh\necho \"$@\" >> '%1'\n").arg(LumoraTest::pkexecLog).toUtf8());
-    pkexec.close();
-    pkexec.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    qputenv("PATH", QFile::encodeName(bin) + ':' + qgetenv("PATH"));
-
+    LumoraTest::KeyServiceBus bus;
+    LumoraTest::keyBus = &bus;
     QApplication app(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

@@ -33,7 +33,7 @@ using namespace LumoraTest;
 using Lumora::Rect;
 
 namespace LumoraTest {
-QString pkexecLog;
+KeyServiceBus* keyBus = nullptr;  // the resolver's inputs need no key service
 }
 
 namespace {

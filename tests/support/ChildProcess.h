@@ -10,6 +10,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,7 +26,8 @@ namespace LumoraTest {
 
 struct Child {
     pid_t pid;
-    explicit Child(std::vector<std::string> argv, bool awaitOutput = false)
+    explicit Child(std::vector<std::string> argv, bool awaitOutput = false,
+                   std::chrono::milliseconds awaitFor = std::chrono::seconds(20))
     {
         std::vector<char*> args, env;
         for (std::string& a : argv)
@@ -42,8 +47,17 @@ struct Child {
             ::_exit(127);
         }
         ::close(out[1]);
+        // A signal (a sanitizer's own, a child's end) interrupts the wait; it goes on for the time that is left.
         pollfd p{out[0], POLLIN, 0};
-        EXPECT_TRUE(!awaitOutput || ::poll(&p, 1, 20'000) == 1) << args[0] << " printed nothing";
+        const auto until = std::chrono::steady_clock::now() + awaitFor;
+        int ready = 0;
+        while (awaitOutput && ready != 1) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
+            ready = ::poll(&p, 1, int(std::max<std::int64_t>(left.count(), 0)));
+            if (ready == 0 || (ready < 0 && errno != EINTR))
+                break;
+        }
+        EXPECT_TRUE(!awaitOutput || ready == 1) << args[0] << " printed nothing";
         ::close(out[0]);
     }
     ~Child()

@@ -551,7 +551,7 @@ TEST(KeyboardTest, HotPlugIsSeenInSysfsUdevAndDevInput)
         }
         return out;
     };
-    const std::string node = desk.addKeyboard({"Dell Keyboard", "plain", -1, "0660", std::nullopt});
+    const std::string node = desk.addKeyboard({"Dell Keyboard", "plain", -1, "0660", std::nullopt, {}});
     EXPECT_EQ(node, "/dev/input/event4");
     EXPECT_THAT(watched(), ElementsAre("create event4"));
     EXPECT_EQ(readText("/sys/class/input/event4/device/name"), "Dell Keyboard\n");
@@ -570,7 +570,7 @@ TEST(KeyboardTest, HotPlugIsSeenInSysfsUdevAndDevInput)
     EXPECT_EQ(errno, ENODEV);
     EXPECT_THROW(desk.pressKey(node, KEY_A, 0), std::invalid_argument);
     // The number comes free again, as the kernel's minors do; /dev/input stays.
-    EXPECT_EQ(desk.addKeyboard({"Other Keyboard", "plain", -1, "0660", std::nullopt}), "/dev/input/event4");
+    EXPECT_EQ(desk.addKeyboard({"Other Keyboard", "plain", -1, "0660", std::nullopt, {}}), "/dev/input/event4");
     EXPECT_THAT(watched(), ElementsAre("create event4"));
     ::close(in);
 }

@@ -28,6 +28,18 @@ void Desk::pressKey(std::string_view device, int code, int value)
     impl->input->emitFrame(d, frame, "");
 }
 
+void Desk::setSwitch(std::string_view device, int code, bool closed)
+{
+    std::lock_guard lk(impl->mu);
+    InputDevice& d = impl->input->lookup(device);
+    if (!d.dev.alive())
+        throw std::invalid_argument("virtual desk: " + d.node + " is gone");
+    if (code < 0 || code > SW_MAX || !d.dev.capabilities().sw.test(code))
+        throw std::invalid_argument("virtual desk: " + d.node + " (" + d.label + ") has no switch " + std::to_string(code));
+    impl->input->record({impl->now(), d.node, "switch", EV_SW, code, closed ? 1 : 0, ""});
+    impl->input->emitFrame(d, {{EV_SW, static_cast<uint16_t>(code), closed ? 1 : 0}, {EV_SYN, SYN_REPORT, 0}}, "");
+}
+
 std::string Desk::addKeyboard(const KeyboardConfig& keyboard)
 {
     InputDevice* d;

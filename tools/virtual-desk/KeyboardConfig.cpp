@@ -45,7 +45,7 @@ std::string mode(const nlohmann::json& j, const std::string& where)
 
 KeyboardConfig parseKeyboard(const nlohmann::json& j, const std::string& where)
 {
-    onlyKeys(j, where, {"name", "kind", "event", "mode", "keys"});
+    onlyKeys(j, where, {"name", "kind", "event", "mode", "keys", "switches"});
     KeyboardConfig k;
     if (!j.contains("name") || !j["name"].is_string() || j["name"].get<std::string>().empty())
         fail(where + ".name", "required, e.g. \"AT Translated Set 2 keyboard\"");
@@ -79,6 +79,16 @@ KeyboardConfig parseKeyboard(const nlohmann::json& j, const std::string& where)
             keys.push_back(*code);
         }
         k.keys = keys;
+    }
+    if (j.contains("switches")) {
+        if (!j["switches"].is_array())
+            fail(where + ".switches", "expected an array of switch codes");
+        for (size_t i = 0; i < j["switches"].size(); ++i) {
+            const auto& v = j["switches"][i];
+            if (!v.is_number_integer() || v.get<int64_t>() < 0 || v.get<int64_t>() > SW_MAX)
+                fail(where + ".switches[" + std::to_string(i) + "]", "expected a switch code 0..16");
+            k.switches.push_back(v.get<int>());
+        }
     }
     return k;
 }
@@ -140,10 +150,10 @@ void validateKeyboards(const DeskConfig& desk)
 
 void addDefaultKeyboards(DeskConfig& desk)
 {
-    desk.keyboards = {{"AT Translated Set 2 keyboard", "laptop", 0, "0660", std::nullopt},
-                      {"Video Bus", "videoBus", 1, "0660", std::nullopt},
-                      {"Logitech USB Keyboard", "plain", 2, "0660", std::nullopt},
-                      {"Logitech USB Keyboard Consumer Control", "consumer", 3, "0660", std::nullopt}};
+    desk.keyboards = {{"AT Translated Set 2 keyboard", "laptop", 0, "0660", std::nullopt, {}},
+                      {"Video Bus", "videoBus", 1, "0660", std::nullopt, {}},
+                      {"Logitech USB Keyboard", "plain", 2, "0660", std::nullopt, {}},
+                      {"Logitech USB Keyboard Consumer Control", "consumer", 3, "0660", std::nullopt, {}}};
     desk.uinput = UinputConfig{};
 }
 

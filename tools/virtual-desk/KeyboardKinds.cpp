@@ -129,6 +129,10 @@ KeyboardModel keyboardModel(const KeyboardConfig& k, int unit)
     }
     for (int key : keys)
         caps.key.set(key);
+    if (!k.switches.empty())
+        caps.ev.set(EV_SW);
+    for (int sw : k.switches)
+        caps.sw.set(sw);
     return m;
 }
 

@@ -135,6 +135,7 @@ struct KeyboardConfig {
     std::string mode = "0660";             // the node's permission bits; the session user may read the node when
                                            // the group or other bits allow reading ("0600" denies it)
     std::optional<std::vector<int>> keys;  // replaces the kind's key codes
+    std::vector<int> switches;             // switch codes it also reports (SW_DOCK, SW_TABLET_MODE, ...), all open
 };
 
 // /dev/uinput. The session user may write it when the group or other bits allow writing ("0600" denies it).
@@ -278,6 +279,8 @@ public:
     // EV_KEY) and delivered to the grabbing descriptor, else to every open one. value: 1 down, 2 repeat, 0 up.
     // Throws std::invalid_argument when the device lacks the key.
     void pressKey(std::string_view device, int code, int value);
+    // A switch of the device closes (true) or opens, as the hardware reports it: EV_SW, SYN_REPORT.
+    void setSwitch(std::string_view device, int code, bool closed);
     // A keyboard is plugged in ("add" uevents); returns its node, "/dev/input/event4".
     std::string addKeyboard(const KeyboardConfig& keyboard);
     // The keyboard goes away: "remove" uevents; open descriptors see POLLHUP and ENODEV.

@@ -1,4 +1,4 @@
-#include "Lumora/Platform/Linux/Input/KeyTap.h"
+#include "LumoraKeys/KeyTap.h"
 
 #include <fcntl.h>
 #include <libevdev/libevdev-uinput.h>
@@ -21,11 +21,14 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Lumora/Platform/Linux/Input/InputAccess.h"
-#include "Lumora/Platform/Linux/Input/KeyDevices.h"
+#include "LumoraKeys/KeyDevices.h"
 
-namespace Lumora::Platform {
+namespace Lumora::Keys {
 namespace {
+
+constexpr const char* uinputNode = "/dev/uinput";
+// How the twins show themselves (EVIOCGPHYS), beside the device's own name.
+constexpr const char* twinPhys = "lumora-keys";
 
 using Clock = std::chrono::steady_clock;
 
@@ -88,6 +91,7 @@ struct Device {
     std::string cloneSyspath;
     bool grabbed = false;
     bool lightsBack = false;             // the desktop's LED changes on the clone go back to the device
+    bool broken = false;                 // its twin refused events: released at the next turn
     bool syncing = false;                // reading libevdev's resynchronisation after SYN_DROPPED
     std::vector<input_event> frame;      // the frame being read
     std::deque<Frame> waiting;           // frames behind an undecided press, oldest first
@@ -125,7 +129,6 @@ struct KeyTap::Impl {
     // Shared with the deciding thread.
     mutable std::mutex mutex;
     std::unordered_map<std::uint64_t, PressState> presses;
-    std::set<std::string> cloneSyspaths;
     bool stopping = false;
 
     ~Impl()
@@ -160,12 +163,6 @@ struct KeyTap::Impl {
             inputWatch = ::inotify_add_watch(inotify, "/dev/input", IN_CREATE | IN_ATTRIB | IN_MOVED_TO);
     }
 
-    std::set<std::string> ownClones() const
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return cloneSyspaths;
-    }
-
     bool attached(const KeyDevice& found) const
     {
         return std::any_of(devices.begin(), devices.end(), [&](const auto& d) {
@@ -173,22 +170,23 @@ struct KeyTap::Impl {
         });
     }
 
-    // Takes every device with brightness keys not taken yet. False when one of them cannot be read (no access).
-    bool scan()
+    // Takes every real device with brightness keys not taken yet. One that cannot be opened or cloned is left to
+    // the desktop; the others are taken all the same.
+    void scan()
     {
-        const std::vector<KeyDevice> found = KeyDevices::list(ownClones());
-        bool readable = true;
         altKeyboards.clear();
-        for (const KeyDevice& device : found) {
-            if (device.keys.hasAlt())
+        for (const KeyDevice& device : KeyDevices::list()) {
+            if (device.keys.hasAlt() && !isOwnTwin(device))
                 altKeyboards.push_back(device.node);
-            if (!device.keys.hasBrightnessKeys() || attached(device))
+            if (!device.keys.hasBrightnessKeys() || device.isVirtual || attached(device))
                 continue;
-            const int error = attach(device);
-            if (error == EACCES || error == EPERM)
-                readable = false;
+            attach(device);
         }
-        return readable;
+    }
+
+    bool isOwnTwin(const KeyDevice& found) const
+    {
+        return std::any_of(devices.begin(), devices.end(), [&](const auto& d) { return d->cloneSyspath == found.syspath; });
     }
 
     // Opens the device, makes its clone and grabs it as soon as no key is held. 0, or the errno that stopped it.
@@ -209,7 +207,8 @@ struct KeyTap::Impl {
         libevdev_set_device_log_function(device->evdev, quietDevice, LIBEVDEV_LOG_ERROR, nullptr);
         // The clone repeats nothing of its own accord: the device's own auto-repeats are passed on as they come.
         libevdev_disable_event_type(device->evdev, EV_REP);
-        device->uinputFd = ::open(InputAccess::uinputNode, O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        libevdev_set_phys(device->evdev, twinPhys);
+        device->uinputFd = ::open(uinputNode, O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
         if (device->uinputFd < 0)
             return errno;
         if (const int error = libevdev_uinput_create_from_device(device->evdev, device->uinputFd, &device->clone);
@@ -221,10 +220,8 @@ struct KeyTap::Impl {
             return ENODEV;
         device->cloneSyspath = syspath;
         device->lightsBack = writable && libevdev_has_event_type(device->evdev, EV_LED);
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            cloneSyspaths.insert(device->cloneSyspath);
-        }
+        if (!startInDevicesState(*device))
+            return EIO;
         tryGrab(*device);
         devices.push_back(std::move(device));
         return 0;
@@ -233,11 +230,29 @@ struct KeyTap::Impl {
     void detach(Device& device)
     {
         flush(device, true);
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            cloneSyspaths.erase(device.cloneSyspath);
-        }
         std::erase_if(devices, [&](const auto& d) { return d.get() == &device; });
+    }
+
+    // A new uinput device has every switch open and every light off. The twin takes the device's switches (a dock,
+    // tablet mode, the lid on some hotkey devices) and lights now: logind would otherwise see the next real change
+    // of a switch as no change at all.
+    bool startInDevicesState(Device& device)
+    {
+        std::vector<input_event> state;
+        for (const unsigned type : {unsigned(EV_SW), unsigned(EV_LED)}) {
+            if (!libevdev_has_event_type(device.evdev, type))
+                continue;
+            const int max = libevdev_event_type_get_max(type);
+            for (int code = 0; code <= max; ++code) {
+                if (libevdev_has_event_code(device.evdev, type, unsigned(code)) &&
+                    libevdev_get_event_value(device.evdev, type, unsigned(code)) != 0)
+                    state.push_back(input_event{{}, std::uint16_t(type), std::uint16_t(code), 1});
+            }
+        }
+        if (state.empty())
+            return true;
+        state.push_back(input_event{{}, EV_SYN, SYN_REPORT, 0});
+        return forward(device, state);
     }
 
     // Takes the device once nothing is held on it, so that no key goes down on the desktop and up on the clone.
@@ -287,10 +302,11 @@ struct KeyTap::Impl {
         return false;
     }
 
-    void forward(Device& device, const std::vector<input_event>& events)
+    // False when the twin took less than everything: the device must be released.
+    bool forward(Device& device, const std::vector<input_event>& events)
     {
         if (events.empty())
-            return;
+            return true;
         const char* data = reinterpret_cast<const char*>(events.data());
         std::size_t size = events.size() * sizeof(input_event);
         while (size > 0) {
@@ -298,10 +314,11 @@ struct KeyTap::Impl {
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0)
-                return;
+                return false;
             data += n;
             size -= static_cast<std::size_t>(n);
         }
+        return true;
     }
 
     // The desktop sets the keyboard's lights (Caps Lock, Num Lock) on the clone, which it takes for the keyboard:
@@ -349,10 +366,13 @@ struct KeyTap::Impl {
                 presses.emplace(id, PressState::waiting);
             }
             frame.presses.emplace_back(i, id);
-            onPress(KeyPress{id, event, optionHeld(device)});
+            if (!onPress(KeyPress{id, event, optionHeld(device)})) {
+                const std::lock_guard<std::mutex> lock(mutex);
+                presses[id] = PressState::passed;
+            }
         }
         if (frame.presses.empty() && device.waiting.empty()) {
-            forward(device, frame.events);
+            device.broken = device.broken || !forward(device, frame.events);
             return;
         }
         frame.deadline = Clock::now() + decisionDeadline;
@@ -398,7 +418,7 @@ struct KeyTap::Impl {
                 content = content || !isReport(frame.events[i]);
             }
             if (content && device.clone != nullptr && device.grabbed)
-                forward(device, out);
+                device.broken = device.broken || !forward(device, out);
             device.waiting.pop_front();
         }
     }
@@ -483,8 +503,12 @@ struct KeyTap::Impl {
                 }
             }
             const int timeout = static_cast<int>(untilNextDeadline().count());
-            if (::poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR)
+            if (::poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR) {
+                // Nothing can be read any more: every device goes back to the desktop now, not when the tap goes.
+                while (!devices.empty())
+                    detach(*devices.back());
                 return;
+            }
             if ((fds[0].revents & POLLIN) != 0) {
                 std::uint64_t count = 0;
                 [[maybe_unused]] const ssize_t n = ::read(wake, &count, sizeof count);
@@ -505,10 +529,14 @@ struct KeyTap::Impl {
                 else if (!clone && (fds[i].revents & (POLLIN | POLLERR | POLLHUP | POLLNVAL)) != 0 && !read(*device))
                     gone.push_back(device);
             }
-            for (Device* device : gone)
-                detach(*device);
             for (const auto& device : devices)
                 flush(*device, false);
+            for (const auto& device : devices) {
+                if (device->broken && std::find(gone.begin(), gone.end(), device.get()) == gone.end())
+                    gone.push_back(device.get());
+            }
+            for (Device* device : gone)
+                detach(*device);
             if ((fds[1].revents & POLLIN) != 0 && readWatch())
                 scan();
         }
@@ -523,7 +551,7 @@ std::unique_ptr<KeyTap> KeyTap::create(OnPress onPress)
     auto impl = std::make_unique<Impl>();
     impl->onPress = std::move(onPress);
     // Clones are made as devices come; without /dev/uinput there could be none.
-    const int uinput = ::open(InputAccess::uinputNode, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const int uinput = ::open(uinputNode, O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (uinput < 0)
         return nullptr;
     ::close(uinput);
@@ -534,8 +562,7 @@ std::unique_ptr<KeyTap> KeyTap::create(OnPress onPress)
     // Watch first, then look: a keyboard that comes in between is seen either way.
     impl->devWatch = ::inotify_add_watch(impl->inotify, "/dev", IN_CREATE | IN_MOVED_TO);
     impl->watchInput();
-    if (!impl->scan())
-        return nullptr;
+    impl->scan();
     Impl* running = impl.get();
     impl->thread = std::thread([running] {
         ::pthread_setname_np(::pthread_self(), "lumora-keys");  // as `top -H` and debuggers show it
@@ -568,9 +595,4 @@ bool KeyTap::settle(std::uint64_t press, const std::function<bool()>& decide)
     return true;
 }
 
-std::set<std::string> KeyTap::clones() const
-{
-    return impl_->ownClones();
-}
-
-}  // namespace Lumora::Platform
+}  // namespace Lumora::Keys

@@ -1,4 +1,4 @@
-#include "Lumora/Platform/Linux/Input/KeyDevices.h"
+#include "LumoraKeys/KeyDevices.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -12,7 +12,7 @@
 #include <optional>
 #include <system_error>
 
-namespace Lumora::Platform {
+namespace Lumora::Keys {
 namespace {
 
 namespace fs = std::filesystem;
@@ -64,7 +64,7 @@ std::string resolved(const fs::path& path)
 
 }  // namespace
 
-std::vector<KeyDevice> KeyDevices::list(const std::set<std::string>& ignored)
+std::vector<KeyDevice> KeyDevices::list()
 {
     std::vector<std::pair<unsigned, KeyDevice>> found;
     std::error_code error;
@@ -79,8 +79,9 @@ std::vector<KeyDevice> KeyDevices::list(const std::set<std::string>& ignored)
         if (key.keys.empty())
             continue;
         key.syspath = resolved(device);
-        if (key.syspath.empty() || ignored.count(key.syspath) != 0)
+        if (key.syspath.empty())
             continue;
+        key.isVirtual = key.syspath.rfind("/sys/devices/virtual/", 0) == 0;
         key.node = "/dev/input/" + entry;
         key.name = readText(device / "name");
         found.emplace_back(*number, std::move(key));
@@ -92,4 +93,4 @@ std::vector<KeyDevice> KeyDevices::list(const std::set<std::string>& ignored)
     return devices;
 }
 
-}  // namespace Lumora::Platform
+}  // namespace Lumora::Keys

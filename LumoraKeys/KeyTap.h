@@ -1,8 +1,9 @@
 #pragma once
 // The brightness keys' tap: takes every input device that reports the brightness keys (EVIOCGRAB), gives each a
-// uinput clone, and passes every event through the clone unless Lumora consumes it. Only a brightness key going
-// down (a press or an auto-repeat) waits for a decision; everything else goes on at once, in order. Keyboards that
-// come later are taken too; Lumora's own clones never are.
+// uinput clone (its twin) that starts in the device's state (switches, lights), and passes every event through the
+// twin unless the client consumes it. Only a brightness key going down (a press or an auto-repeat) waits for a
+// decision; everything else goes on at once, in order. Keyboards that come later are taken too; virtual devices
+// (the twins, and other programs' uinput keyboards) never are.
 //
 // Threads: each taken device is read on a thread of its own, and one more thread watches /dev/input and runs the
 // decisions' outcomes; none of them ever waits for the thread that decides. A press is handed out through
@@ -11,18 +12,19 @@
 // A press that nobody settles within `decisionDeadline` is passed on.
 //
 // Destroying the tap passes on what still waits, releases every grab and destroys the clones (the kernel releases
-// the keys still held on a clone). If the process dies, the kernel does the same.
+// the keys still held on a clone). If the process dies, the kernel does the same. Any error on a device (a read,
+// a write to its twin) releases that device, so that it goes on to the desktop untouched; an error of the capture
+// thread itself releases them all.
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <set>
 #include <string>
 
 #include "LumoraCore/KeyEventDecision.h"
 
-namespace Lumora::Platform {
+namespace Lumora::Keys {
 
 struct KeyPress {
     std::uint64_t id = 0;  // for settle()
@@ -32,12 +34,13 @@ struct KeyPress {
 
 class KeyTap {
 public:
-    using OnPress = std::function<void(const KeyPress&)>;
+    // Returns whether the press was handed to someone who will decide it; a press nobody was told of goes on at once.
+    using OnPress = std::function<bool(const KeyPress&)>;
 
-    static constexpr std::chrono::milliseconds decisionDeadline{1000};
+    static constexpr std::chrono::milliseconds decisionDeadline{250};
 
-    // Nothing when /dev/uinput cannot be opened for writing, a device with brightness keys cannot be opened for
-    // reading, or the watch on /dev/input cannot be set up. `onPress` runs on a reading thread: it must hand the
+    // Nothing when /dev/uinput cannot be opened for writing or the watch on /dev/input cannot be set up. A device
+    // that cannot be opened is left alone; the others are taken. `onPress` runs on a reading thread: it must hand the
     // press over and return.
     static std::unique_ptr<KeyTap> create(OnPress onPress);
     ~KeyTap();
@@ -50,9 +53,6 @@ public:
     // `decide` ran.
     bool settle(std::uint64_t press, const std::function<bool()>& decide);
 
-    // The sysfs paths of the clones ("/sys/devices/virtual/input/inputN"), so that they are told from keyboards.
-    std::set<std::string> clones() const;
-
     struct Impl;
 
 private:
@@ -60,4 +60,4 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace Lumora::Platform
+}  // namespace Lumora::Keys

@@ -1,0 +1,97 @@
+#!/usr/bin/python3
+"""A system bus for the key service's tests, benchmarks and end-to-end runs.
+
+    key-service-bus.py DIR LUMORA_KEYS POLICY [--idle-exit SECONDS] [--refuse]
+
+Starts a private dbus-daemon listening on DIR/bus with the system bus's own rules (deny by default, as
+/usr/share/dbus-1/system.conf) and the package's policy POLICY, python-dbusmock's logind (seat0 with the active
+session c1 of user 1000; GetSessionByPID answers c1 unless PlaceProcess(pid, session) said otherwise) and polkitd
+(org.lumora.keys.attach allowed, unless --refuse), and makes LUMORA_KEYS activatable as org.lumora.Keys. Prints the
+bus address once all of it is up and serves until it is terminated (its children die with it, however it ends:
+each is told to by the kernel, PR_SET_PDEATHSIG).
+
+The service is started by the bus with the bus's own environment, and refuses to start without a virtual desk
+(UMOCKDEV_DIR): a run that forgot the desk can never reach this machine's own keyboards. A bus started outside the
+desk hands the desk to the service with UpdateActivationEnvironment.
+"""
+import ctypes
+import os
+import signal
+import subprocess
+import sys
+import time
+
+import dbus
+
+ACTION = "org.lumora.keys.attach"
+
+
+def dies_with_us():
+    ctypes.CDLL(None, use_errno=True).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
+
+
+def main():
+    args = sys.argv[1:]
+    if len(args) < 3:
+        sys.exit(__doc__)
+    work, keys, policy = args[:3]
+    idle = args[args.index("--idle-exit") + 1] if "--idle-exit" in args else "0.5"
+    refuse = "--refuse" in args
+    os.makedirs(work + "/services", exist_ok=True)
+    with open(work + "/services/org.lumora.Keys.service", "w") as f:
+        f.write("[D-BUS Service]\nName=org.lumora.Keys\n"
+                f"Exec=/bin/sh -c 'test -n \"$UMOCKDEV_DIR\" && exec {keys} --idle-exit {idle}'\n")
+    with open(work + "/bus.conf", "w") as f:
+        f.write(f"""<busconfig><listen>unix:path={work}/bus</listen><auth>EXTERNAL</auth>
+<servicedir>{work}/services</servicedir>
+<policy context="default"><deny own="*"/><deny send_type="method_call"/><allow send_type="signal"/>
+ <allow send_requested_reply="true" send_type="method_return"/><allow send_requested_reply="true" send_type="error"/>
+ <allow receive_type="method_call"/><allow receive_type="method_return"/><allow receive_type="error"/>
+ <allow receive_type="signal"/>
+ <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
+ <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Introspectable"/>
+ <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Properties"/></policy>
+<policy user="root"><allow own="org.freedesktop.login1"/><allow own="org.freedesktop.PolicyKit1"/>
+ <allow send_destination="org.freedesktop.login1"/><allow send_destination="org.freedesktop.PolicyKit1"/></policy>
+<include>{policy}</include></busconfig>
+""")
+    address = f"unix:path={work}/bus"
+    os.environ["DBUS_SYSTEM_BUS_ADDRESS"] = address
+    # Nothing of theirs goes to our standard output, which the caller may stop reading once the address is out.
+    children = [subprocess.Popen(["dbus-daemon", "--nofork", "--config-file=" + work + "/bus.conf"],
+                                 stdout=subprocess.DEVNULL, preexec_fn=dies_with_us)]
+
+    deadline = time.monotonic() + 30
+    while not os.path.exists(work + "/bus"):
+        if time.monotonic() > deadline or children[0].poll() is not None:
+            sys.exit("key-service-bus: the bus did not come up")
+        time.sleep(0.02)
+    for template in ("logind", "polkitd"):
+        children.append(subprocess.Popen([sys.executable, "-m", "dbusmock", "--system", "--template", template],
+                                         stdout=subprocess.DEVNULL, preexec_fn=dies_with_us))
+    bus = dbus.SystemBus()
+    for name in ("org.freedesktop.login1", "org.freedesktop.PolicyKit1"):
+        while not bus.name_has_owner(name):
+            if time.monotonic() > deadline:
+                sys.exit("key-service-bus: no " + name)
+            time.sleep(0.02)
+    mock = "org.freedesktop.DBus.Mock"
+    login = bus.get_object("org.freedesktop.login1", "/org/freedesktop/login1")
+    login.AddSession("c1", "seat0", dbus.UInt32(1000), "user", True, dbus_interface=mock)
+    login.AddMethod("org.freedesktop.login1.Manager", "GetSessionByPID", "u", "o",
+                    "ret = dbus.ObjectPath('/org/freedesktop/login1/session/' + "
+                    "self.__dict__.get('placed', {}).get(int(args[0]), 'c1'))", dbus_interface=mock)
+    login.AddMethod("org.freedesktop.login1.Manager", "PlaceProcess", "us", "",
+                    "self.__dict__.setdefault('placed', {})[int(args[0])] = args[1]", dbus_interface=mock)
+    bus.get_object("org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority").SetAllowed(
+        dbus.Array([] if refuse else [ACTION], signature="s"), dbus_interface=mock)
+    print(address, flush=True)
+    names = ("dbus-daemon", "logind", "polkitd")
+    while all(child.poll() is None for child in children):
+        time.sleep(0.5)
+    for name, child in zip(names, children):
+        if child.poll() is not None:
+            sys.exit(f"key-service-bus: {name} ended (status {child.returncode})")
+
+
+main()

@@ -13,7 +13,7 @@ packages=(
   qt6-l10n-tools qt6-tools-dev qt6-translations-l10n
   xvfb openbox trayer xdotool imagemagick x11-utils python3-gi qt6ct
   dpkg-dev debhelper fakeroot lintian appstream desktop-file-utils man-db
-  xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils pkexec
+  xserver-xorg-core xserver-xorg-video-dummy x11-xserver-utils
 )
 
 missing=()

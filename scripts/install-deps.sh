@@ -9,7 +9,7 @@ packages=(
   qt6-base-dev qt6-svg-dev libqt6svg6 qt6-wayland
   libudev-dev libsystemd-dev libevdev-dev libxcb-xinput-dev libx11-dev
   umockdev libumockdev-dev libglib2.0-dev libglib2.0-bin nlohmann-json3-dev
-  dbus python3-dbusmock udev
+  dbus python3-dbusmock udev acl
   qt6-l10n-tools qt6-tools-dev qt6-translations-l10n
   xvfb openbox trayer xdotool imagemagick x11-utils python3-gi qt6ct
   dpkg-dev debhelper fakeroot lintian appstream desktop-file-utils man-db

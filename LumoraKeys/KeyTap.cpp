@@ -95,6 +95,7 @@ struct Device {
     bool syncing = false;                // reading libevdev's resynchronisation after SYN_DROPPED
     std::vector<input_event> frame;      // the frame being read
     std::deque<Frame> waiting;           // frames behind an undecided press, oldest first
+    std::vector<std::uint16_t> heldAway; // brightness keys whose press was consumed: their key-up stays here too
 
     ~Device()
     {
@@ -372,7 +373,7 @@ struct KeyTap::Impl {
             }
         }
         if (frame.presses.empty() && device.waiting.empty()) {
-            device.broken = device.broken || !forward(device, frame.events);
+            send(device, frame.events, {});
             return;
         }
         frame.deadline = Clock::now() + decisionDeadline;
@@ -405,22 +406,44 @@ struct KeyTap::Impl {
                     presses.erase(id);
                 }
             }
-            std::vector<input_event> out;
-            bool content = false;
-            for (std::size_t i = 0; i < frame.events.size(); ++i) {
-                const bool dropped =
-                    std::find(consumed.begin(), consumed.end(), i) != consumed.end() ||
-                    (frame.events[i].type == EV_MSC && frame.events[i].code == MSC_SCAN &&
-                     std::find(consumed.begin(), consumed.end(), i + 1) != consumed.end());
-                if (dropped)
-                    continue;
-                out.push_back(frame.events[i]);
-                content = content || !isReport(frame.events[i]);
-            }
-            if (content && device.clone != nullptr && device.grabbed)
-                device.broken = device.broken || !forward(device, out);
+            if (device.clone != nullptr && device.grabbed)
+                send(device, frame.events, consumed);
             device.waiting.pop_front();
         }
+    }
+
+    // Sends a frame on to the twin, leaving out the consumed presses (by index) and the key-ups of brightness keys
+    // whose press was consumed, each with its scan code: the desktop never saw those keys go down. A press that goes
+    // on puts its key back in the desktop's hands.
+    void send(Device& device, const std::vector<input_event>& events, const std::vector<std::size_t>& consumed)
+    {
+        std::vector<bool> dropped(events.size(), false);
+        for (std::size_t i = 0; i < events.size(); ++i) {
+            const input_event& e = events[i];
+            if (e.type != EV_KEY)
+                continue;
+            const auto held = std::find(device.heldAway.begin(), device.heldAway.end(), e.code);
+            if (std::find(consumed.begin(), consumed.end(), i) != consumed.end()) {
+                dropped[i] = true;
+                if (e.value == InputCode::valueDown && held == device.heldAway.end())
+                    device.heldAway.push_back(e.code);
+            } else if (held != device.heldAway.end() && e.value != InputCode::valueRepeat) {
+                dropped[i] = e.value == InputCode::valueUp;
+                device.heldAway.erase(held);
+            }
+            if (dropped[i] && i > 0 && events[i - 1].type == EV_MSC && events[i - 1].code == MSC_SCAN)
+                dropped[i - 1] = true;
+        }
+        std::vector<input_event> out;
+        bool content = false;
+        for (std::size_t i = 0; i < events.size(); ++i) {
+            if (dropped[i])
+                continue;
+            out.push_back(events[i]);
+            content = content || !isReport(events[i]);
+        }
+        if (content)
+            device.broken = device.broken || !forward(device, out);
     }
 
     // Reads what the device has. False when the device is gone.

@@ -235,8 +235,10 @@ TEST_F(KeysOnDesk, AltHeldOnTheSameKeyboardsOtherInterfaceIsOption)
     press(consumer, KEY_BRIGHTNESSUP);
     ASSERT_TRUE(pumpUntil([&] { return desk.powerMode(dell) == 1 && desk.brightness(dell) == 6; }, 10s))
         << "without Alt: awake at one sixteenth up from the 0 shown in standby";
+    press(consumer, KEY_MUTE);  // goes on, behind anything still held back
     ASSERT_TRUE(passedOnCount(consumer, 6));
-    EXPECT_THAT(passedOn(consumer), framesOf({{KEY_BRIGHTNESSDOWN, 0}, {KEY_BRIGHTNESSUP, 0}}));
+    EXPECT_THAT(passedOn(consumer), framesOf({{KEY_MUTE, 1}, {KEY_MUTE, 0}}))
+        << "a consumed press's key-up stays back with it";
 }
 TEST_F(KeysOnDesk, KeysTypedRightAfterABrightnessKeyWaitBehindIt)
 {
@@ -248,9 +250,9 @@ TEST_F(KeysOnDesk, KeysTypedRightAfterABrightnessKeyWaitBehindIt)
     QCursor::setPos(onDell);
     press(laptop, KEY_BRIGHTNESSUP);
     press(laptop, KEY_Y);
-    ASSERT_TRUE(passedOnCount(laptop, 3 * 7));
+    ASSERT_TRUE(passedOnCount(laptop, 3 * 6));
     EXPECT_THAT(passedOn(laptop), framesOf({{KEY_BRIGHTNESSDOWN, 1}, {KEY_BRIGHTNESSDOWN, 0}, {KEY_X, 1}, {KEY_X, 0},
-                                            {KEY_BRIGHTNESSUP, 0}, {KEY_Y, 1}, {KEY_Y, 0}}));
+                                            {KEY_Y, 1}, {KEY_Y, 0}}));
 }
 
 TEST_F(KeysOnDesk, AKeyboardIsTakenOnlyOnceNoKeyIsHeldOnIt)

@@ -19,7 +19,7 @@ std::optional<Rejection> check(double value, double low, double high, const char
     if (!std::isfinite(value)) {
         return Rejection{Fault::notFinite, std::string(rule) + ", not " + number(value) + "."};
     }
-    if (value < low || value >= high) {
+    if (value < low || value > high) {
         return Rejection{Fault::outOfRange, std::string(rule) + ", not " + number(value) + "."};
     }
     return std::nullopt;

@@ -190,6 +190,9 @@ int onAttach(sd_bus_message* call, void* userdata, sd_bus_error* error)
     if (!session || !Authorization::isActive(service.bus, *session))
         return sd_bus_error_set(error, "org.lumora.Keys1.Error.NotActive",
                                 "The brightness keys go only to the active session of a seat");
+    if (session->seat != "/org/freedesktop/login1/seat/" + std::string(KeyTap::servedSeat))
+        return sd_bus_error_set(error, "org.lumora.Keys1.Error.OtherSeat",
+                                "The brightness keys are served on seat0 only");
 
     auto request = std::make_unique<PendingAttach>();
     request->service = &service;

@@ -179,6 +179,8 @@ struct KeyTap::Impl {
     {
         altKeyboards.clear();
         for (const KeyDevice& device : KeyDevices::list()) {
+            if (device.seat != KeyTap::servedSeat)
+                continue;  // another seat's user types on it: neither taken nor looked at
             if (device.keys.hasAlt() && !isOwnTwin(device))
                 altKeyboards.push_back(device.node);
             if (!device.keys.hasBrightnessKeys() || device.isVirtual || attached(device))

@@ -21,6 +21,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "LumoraCore/KeyEventDecision.h"
 
@@ -38,6 +39,10 @@ public:
     using OnPress = std::function<bool(const KeyPress&)>;
 
     static constexpr std::chrono::milliseconds decisionDeadline{250};
+
+    // The one seat whose devices are taken. A twin made through uinput has no seat of its own, so udev gives it to
+    // seat0: a keyboard of another seat taken and twinned would type into seat0's session.
+    static constexpr std::string_view servedSeat = "seat0";
 
     // Nothing when /dev/uinput cannot be opened for writing or the watch on /dev/input cannot be set up. A device
     // that cannot be opened is left alone; the others are taken. `onPress` runs on a reading thread: it must hand the

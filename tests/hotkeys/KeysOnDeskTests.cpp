@@ -289,10 +289,15 @@ TEST_F(KeysOnDesk, LostEventsAreRecoveredFromTheKeyboardsState)
 
 TEST_F(KeysOnDesk, KeyboardsPluggedInLaterAreTakenAndTheirClonesGoWithThem)
 {
+    // A second seat's keyboard comes first: its user types into another session, which a twin would not reach.
+    const std::string otherSeat =
+        desk.addKeyboard({"Seat Two Keyboard Consumer Control", "consumer", -1, "0660", std::nullopt, {}, "seat1"});
     const std::string second =
         desk.addKeyboard({"Keychron K2 Consumer Control", "consumer", -1, "0660", std::nullopt, {}});
     desk.setAccess(second, "0660");  // as udev does once the node is there: its group, mode and access list
     ASSERT_TRUE(desk.waitFor([&] { return desk.grabbed(second) && desk.clones().size() == 4; }, 5s));
+    EXPECT_FALSE(desk.grabbed(otherSeat));
+    EXPECT_EQ(desk.openCount(otherSeat), 0) << "another seat's keyboard is not even looked at";
     QCursor::setPos(onDell);
     press(second, KEY_BRIGHTNESSUP);
     ASSERT_TRUE(dellAt(56));

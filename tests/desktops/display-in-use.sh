@@ -112,20 +112,25 @@ print((focused(json.load(sys.stdin)) or {}).get("name"))' | grep -qx "$WINDOW"
                 --method org.kde.kwin.Scripting.unloadScript "$name" >/dev/null
         }
         window_shown() { pgrep -u "$DESKTOP_USER" -x "$([[ $WINDOW == "$NATIVE" ]] && echo weston-terminal || echo xev)" >/dev/null; }
-        # Moved and activated until the screen shows it there (a window just mapped may not be listed yet; the
-        # script finds nothing then): the window's black (both are) where its middle must be.
-        window_moved_to()
+        # spot_black N: the screen is black where the window's middle goes on output N (both windows are black,
+        # the wallpaper is not).
+        spot_black()
         {
-            local x=$(( ($1 - 1) * 2560 + 200 ))
-            kwin_script "const c = workspace.clientList().find(c => c.caption === '$WINDOW');
-                if (c) { const g = c.frameGeometry;
-                         c.frameGeometry = {x: $x, y: 200, width: g.width, height: g.height};
-                         workspace.activeClient = c; }" &&
-                desktop_screenshot "$WORK/moved.png" &&
-                session_convert "$WORK/moved.png" -crop "1x1+$(( x + 300 ))+400" +repage -depth 8 txt:- |
+            desktop_screenshot "$WORK/moved.png" &&
+                session_convert "$WORK/moved.png" -crop "1x1+$(( ($1 - 1) * 2560 + 500 ))+400" +repage -depth 8 txt:- |
                     awk -F'[ ,:()]+' 'NR == 2 { exit !($3 < 20 && $4 < 20 && $5 < 20) }'
         }
-        window_to() { wait_until 20 window_moved_to "$1"; }
+        spot_painted() { ! spot_black "$1"; }
+        # Moved and activated until the screen shows it there (a window just mapped may not be listed yet; the
+        # script finds nothing then), once the wallpaper shows there (an output not yet painted is black too).
+        window_moved_to()
+        {
+            kwin_script "const c = workspace.clientList().find(c => c.caption === '$WINDOW');
+                if (c) { const g = c.frameGeometry;
+                         c.frameGeometry = {x: $(( ($1 - 1) * 2560 + 200 )), y: 200, width: g.width, height: g.height};
+                         workspace.activeClient = c; }" && spot_black "$1"
+        }
+        window_to() { wait_until 20 spot_painted "$1" && wait_until 20 window_moved_to "$1"; }
         ;;
 esac
 
@@ -217,12 +222,14 @@ works_on()
 
 step "a native Wayland window (weston-terminal)"
 RUN_LOG="$WORK/terminal.log" desktop_run weston-terminal
+TERMINAL_PID=$SPAWNED
 WINDOW=$NATIVE
 wait_until 20 window_shown || abort "no terminal window"
 works_on 2 300 +
 works_on 1 $(( OUTPUT_WIDTH + 300 )) -
 
-step "an X11 window (xev, through XWayland)"
+step "an X11 window (xev, through XWayland), the terminal closed"
+kill -TERM -- "-$TERMINAL_PID"
 RUN_LOG="$WORK/xev.log" desktop_run xev -rv -name "$X11" -geometry 700x500
 WINDOW=$X11
 wait_until 20 window_shown || abort "no X11 window"

@@ -189,9 +189,11 @@ check "the key service has taken the laptop keyboard" wait_until 20 equals 1 des
 
 # stepped FROM SIGN OUTPUT: the monitor on OUTPUT is a sixteenth (6.25) from FROM that way.
 stepped() { local d=$(( $(brightness "$3") - $1 )); (( ${2}d >= 6 && ${2}d <= 7 )); }
+# press KEY: a press and release on the laptop keyboard.
+press() { desk key event0 "$1" 1 >/dev/null && desk key event0 "$1" 0 >/dev/null; }
 # typed LETTER...: pressed and released on the laptop keyboard, each to reach the desktop.
 TYPED=""
-typed() { local l; for l in "$@"; do desk key event0 "KEY_$l" 1 && desk key event0 "KEY_$l" 0 && TYPED+=$l; done >/dev/null; }
+typed() { local l; for l in "$@"; do press "KEY_$l" && TYPED+=$l; done; }
 # works_on N POINTER_X SIGN: the window moved onto output N and focused, the pointer on the other output; then
 # StepDisplayInUse and a brightness key that way (letters typed around it) must each step output N's monitor by a
 # sixteenth and leave the other's alone, and the on-screen display must show on output N while the window keeps
@@ -214,7 +216,7 @@ works_on()
     cp "$WORK/osd.png" "$ARTIFACTS/osd-on-output-$n.png" 2>/dev/null
     typed H E L L O
     from=$(brightness "$out")
-    desk key event0 "$key" 1 >/dev/null && desk key event0 "$key" 0 >/dev/null
+    press "$key"
     check "$key steps the monitor on $out from $from" wait_until 10 stepped "$from" "$3" "$out"
     typed W O R L D
     check "the monitor on $other stays at $kept" equals "$kept" brightness "$other"
@@ -239,8 +241,7 @@ works_on 1 $(( OUTPUT_WIDTH + 300 )) -
 step "a brightness key until its value is on the wire, 20 keys (the desk's log)"
 for (( i = 0; i < 20; i++ )); do
     from=$(brightness "$OUT1") sign=$( (( i % 2 )) && echo - || echo +)
-    desk key event0 "KEY_BRIGHTNESS$([[ $sign == + ]] && echo UP || echo DOWN)" 1 >/dev/null
-    desk key event0 "KEY_BRIGHTNESS$([[ $sign == + ]] && echo UP || echo DOWN)" 0 >/dev/null
+    press "KEY_BRIGHTNESS$([[ $sign == + ]] && echo UP || echo DOWN)"
     wait_until 10 stepped "$from" "$sign" "$OUT1" || { fail "key $i did not reach the monitor"; break; }
 done
 

@@ -172,9 +172,11 @@ desktop_start "$WORK" 2 || abort "the desktop did not start"
 step "the key service on a system bus of the test's own; lumora on the virtual desk, in the session"
 # Both under the desk, whose keyboards and /dev/uinput they must see; python-dbusmock's logind and polkit stand in
 # for the machine's and make lumora the client of the active session. The desktops, and so the desk, run as the
-# test user: the bus lets that user own the service's name, which the package's policy gives root only.
+# test user: the copy of the package's policy the bus takes in grants that user what root has on it (the service's
+# name, the stand-ins' names and the calls to them).
 mkdir -p "$WORK/keys" "$WORK/home/.config/Lumora"
-sed 's/user="root"/user="'"$DESKTOP_USER"'"/' "$SOURCE/data/org.lumora.Keys.conf" >"$WORK/keys.conf"
+sed 's|<policy user="root">|<policy user="'"$DESKTOP_USER"'"><allow own="org.freedesktop.login1"/><allow own="org.freedesktop.PolicyKit1"/><allow send_destination="org.freedesktop.login1"/><allow send_destination="org.freedesktop.PolicyKit1"/>|' \
+    "$SOURCE/data/org.lumora.Keys.conf" >"$WORK/keys.conf"
 printf '[General]\nuseF1F2ForExternalBrightness=true\n' >"$WORK/home/.config/Lumora/Lumora.conf"
 chown -R "$DESKTOP_USER:" "$WORK/keys" "$WORK/keys.conf" "$WORK/home/.config"
 RUN_LOG="$WORK/lumora.log" desktop_run "$VIRTUAL_DESK" --desk "$WORK/desk.json" --control "$SESSION_OUT/control" \

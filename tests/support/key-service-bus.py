@@ -16,7 +16,6 @@ desk hands the desk to the service with UpdateActivationEnvironment.
 """
 import ctypes
 import os
-import pwd
 import signal
 import subprocess
 import sys
@@ -38,8 +37,6 @@ def main():
     work, keys, policy = args[:3]
     idle = args[args.index("--idle-exit") + 1] if "--idle-exit" in args else "0.5"
     refuse = "--refuse" in args
-    # The stand-ins for logind and polkit run as this bus's user: root, or the user a desktop test runs as.
-    me = pwd.getpwuid(os.geteuid()).pw_name
     os.makedirs(work + "/services", exist_ok=True)
     with open(work + "/services/org.lumora.Keys.service", "w") as f:
         f.write("[D-BUS Service]\nName=org.lumora.Keys\n"
@@ -54,7 +51,7 @@ def main():
  <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
  <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Introspectable"/>
  <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Properties"/></policy>
-<policy user="{me}"><allow own="org.freedesktop.login1"/><allow own="org.freedesktop.PolicyKit1"/>
+<policy user="root"><allow own="org.freedesktop.login1"/><allow own="org.freedesktop.PolicyKit1"/>
  <allow send_destination="org.freedesktop.login1"/><allow send_destination="org.freedesktop.PolicyKit1"/></policy>
 <include>{policy}</include></busconfig>
 """)

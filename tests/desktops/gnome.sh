@@ -1,5 +1,6 @@
 # GNOME Shell 43, headless, on virtual monitors; with the AppIndicator extension (a StatusNotifier host in the top
-# bar) when the desktop is named gnome-appindicator, stock (no tray at all) when named gnome. X clients through
+# bar) and Lumora's own (which takes Lumora's item from it, as its own top-bar button) when the desktop is named
+# gnome-appindicator, stock (no tray at all) when named gnome. X clients through
 # XWayland. Sourced after desktop.sh; see there for the functions a desktop file defines.
 #
 # GNOME Shell wants a system bus and, without logind, a mount namespace where /run/systemd is empty, so that it
@@ -24,8 +25,11 @@ desktop_start()
     echo "{\"uuid\": \"$GNOME_TEST_EXTENSION\", \"name\": \"Lumora tests\", \"description\": \"Unsafe mode for tests\",
            \"shell-version\": [\"43\"]}" >"$ext/metadata.json"
     echo 'function init() { return { enable() { imports.ui.main.messageTray.bannerBlocked = true; global.context.unsafe_mode = true; }, disable() {} }; }' >"$ext/extension.js"
+    if [[ $DESKTOP == *appindicator ]]; then
+        cp -r "$DESKTOP_DIR/../../data/gnome-shell-extension/lumora@lumora.org" "${ext%/*}/"
+        extensions+=", '$GNOME_APPINDICATOR', 'lumora@lumora.org'"
+    fi
     chown -R "$DESKTOP_USER:" "$work/home"
-    [[ $DESKTOP == *appindicator ]] && extensions+=", '$GNOME_APPINDICATOR'"
 
     # The system bus: a private one, as the shell only needs one to be there.
     desktop_spawn "$work/system-bus.log" dbus-daemon --config-file=/usr/share/dbus-1/session.conf --nofork \
@@ -56,6 +60,8 @@ desktop_start()
     gnome_eval 'Main.overview.hide(); true' >/dev/null
     wait_until 10 gnome_overview_hidden || { echo "desktop: the overview stays" >&2; return 1; }
 }
+# desktop_items: the item Lumora's extension shows in the top bar (bus name and path), as desktop.sh names one.
+desktop_items() { gnome_eval "const b = Main.panel.statusArea.lumora; b ? b._owner + b._path : ''"; }
 gnome_overview_hidden() { [[ $(gnome_eval "Main.overview.visible") == false ]]; }
 
 # gnome_eval JS: the value of JS in the shell, as a string; fails when the shell reports an error.

@@ -145,6 +145,9 @@ wl_input_start()
     DESKTOP_GROUPS+=("$WL_INPUT_PID")
     wl_input move 0 0
 }
+# The pointer of wl-input, for the desktops that use it.
+desktop_move() { wl_input move "$1" "$2"; }
+desktop_click() { wl_input move "$1" "$2" && wl_input click "${3:-1}"; }
 # wl_input COMMAND...: one command to wl-input, and its answer awaited (10 s at most).
 wl_input()
 {

@@ -92,20 +92,13 @@ desktop_click()
 # desktop_key NAME: a key or a combination (alt+F4), by its Clutter name.
 desktop_key()
 {
-    local keys=() k js="const k = $GNOME_KEYBOARD; const t = GLib.get_monotonic_time();"
-    IFS=+ read -r -a keys <<<"$1"
-    for k in "${keys[@]}"; do
-        [[ $k == alt ]] && k=Alt_L
-        [[ $k == ctrl ]] && k=Control_L
-        js+=" k.notify_keyval(t, Clutter.KEY_$k, Clutter.KeyState.PRESSED);"
+    local keys k down="" up=""
+    keys=${1//alt/Alt_L}
+    for k in ${keys//+/ }; do
+        down+=" k.notify_keyval(t, Clutter.KEY_$k, Clutter.KeyState.PRESSED);"
+        up=" k.notify_keyval(t, Clutter.KEY_$k, Clutter.KeyState.RELEASED);$up"
     done
-    for (( i = ${#keys[@]} - 1; i >= 0; i-- )); do
-        k=${keys[i]}
-        [[ $k == alt ]] && k=Alt_L
-        [[ $k == ctrl ]] && k=Control_L
-        js+=" k.notify_keyval(t, Clutter.KEY_$k, Clutter.KeyState.RELEASED);"
-    done
-    gnome_eval "$js true" >/dev/null
+    gnome_eval "const k = $GNOME_KEYBOARD; const t = GLib.get_monotonic_time(); $down $up true" >/dev/null
 }
 desktop_screenshot()
 {

@@ -46,8 +46,6 @@ kde_tray_up()
         2>/dev/null | grep -q true
 }
 
-desktop_move() { wl_input move "$1" "$2"; }
-desktop_click() { wl_input move "$1" "$2" && wl_input click "${3:-1}"; }
 desktop_key()
 {
     local code

@@ -1,11 +1,9 @@
 #!/usr/bin/env bash
-# `make test-desktops`: the tray application's scenario (scenario.sh) on each real desktop named, one after the
-# other, each under a 3-minute limit; the figures and the verdict of each at the end. Screenshots and logs stay in
-# BUILD_DIR/desktops/<desktop>/.
+# `make test-desktops`: scenario.sh on each desktop named (sway xfce gnome gnome-appindicator kde), each under 3
+# minutes, then the figures and verdicts; artefacts in BUILD_DIR/desktops/<desktop>/. Exit status 0 when every
+# desktop passed or was skipped.
 #
-#   run.sh BUILD_DIR DESKTOP...     (DESKTOP: sway xfce gnome gnome-appindicator kde)
-#
-# Exit status: 0 when every desktop passed (or was skipped), 1 otherwise.
+#   run.sh BUILD_DIR DESKTOP...
 set -uo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
 BUILD=$1

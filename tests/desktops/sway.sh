@@ -49,8 +49,6 @@ desktop_start()
 sway_socket() { local s; s=$(ls "$XDG_RUNTIME_DIR"/sway-ipc.*.sock 2>/dev/null | head -1); [[ -S $s ]] && echo "$s"; }
 swaymsg_outputs_have() { as_user swaymsg -t get_outputs 2>/dev/null | grep -q "\"name\": \"$1\""; }
 
-desktop_move() { wl_input move "$1" "$2"; }
-desktop_click() { wl_input move "$1" "$2" && wl_input click "${3:-1}"; }
 # wtype's keyboard is new to the seat each time: XWayland takes its keymap first and drops a key that comes at
 # once, so wtype waits 300 ms before typing (-s), a delay nothing here can observe instead.
 desktop_key() { as_user wtype -s 300 -k "$1"; }

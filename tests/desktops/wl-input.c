@@ -6,7 +6,7 @@
 //
 // Reads commands from standard input, one a line, and answers each with "ok" once the compositor has handled it:
 //   move X Y         the pointer to X Y of the layout
-//   press B          release B    click B      (B: 1 left, 2 middle, 3 right)
+//   click B          a press and a release of button B (1 left, 2 middle, 3 right)
 //   key CODE         a press and a release of the key with that evdev code (KWin only; wtype types on sway)
 // The device lives as long as the process, so the seat keeps its pointer between commands.
 //
@@ -78,11 +78,6 @@ static uint32_t now_ms(void)
     return (uint32_t)(t.tv_sec * 1000 + t.tv_nsec / 1000000);
 }
 
-static int button_code(int b)
-{
-    return b == 1 ? BTN_LEFT : b == 2 ? BTN_MIDDLE : b == 3 ? BTN_RIGHT : -1;
-}
-
 int main(int argc, char** argv)
 {
     if (argc != 3) {
@@ -113,10 +108,10 @@ int main(int argc, char** argv)
 
     char line[128];
     while (fgets(line, sizeof line, stdin)) {
-        int x, y, b;
+        int x, y;
         char verb[16];
         int n = sscanf(line, "%15s %d %d", verb, &x, &y);
-        b = x;
+        const int button = n < 2 ? -1 : x == 1 ? BTN_LEFT : x == 2 ? BTN_MIDDLE : x == 3 ? BTN_RIGHT : -1;
         if (n == 3 && strcmp(verb, "move") == 0) {
             if (pointer) {
                 wl_proxy_marshal(pointer, WLR_MOTION_ABSOLUTE, now_ms(), (uint32_t)x, (uint32_t)y, width, height);
@@ -124,16 +119,13 @@ int main(int argc, char** argv)
             } else {
                 wl_proxy_marshal(s.kde, KDE_MOTION_ABSOLUTE, wl_fixed_from_int(x), wl_fixed_from_int(y));
             }
-        } else if (n == 2 && button_code(b) >= 0
-                   && (strcmp(verb, "press") == 0 || strcmp(verb, "release") == 0 || strcmp(verb, "click") == 0)) {
+        } else if (n == 2 && button >= 0 && strcmp(verb, "click") == 0) {
             for (int state = 1; state >= 0; --state) {
-                if ((state == 1 && strcmp(verb, "release") == 0) || (state == 0 && strcmp(verb, "press") == 0))
-                    continue;
                 if (pointer) {
-                    wl_proxy_marshal(pointer, WLR_BUTTON, now_ms(), (uint32_t)button_code(b), (uint32_t)state);
+                    wl_proxy_marshal(pointer, WLR_BUTTON, now_ms(), (uint32_t)button, (uint32_t)state);
                     wl_proxy_marshal(pointer, WLR_FRAME);
                 } else {
-                    wl_proxy_marshal(s.kde, KDE_BUTTON, (uint32_t)button_code(b), (uint32_t)state);
+                    wl_proxy_marshal(s.kde, KDE_BUTTON, (uint32_t)button, (uint32_t)state);
                 }
                 wl_display_roundtrip(display);
             }

@@ -9,7 +9,7 @@
 // click (the panel hangs under the button) and shows the item's menu, read over DBusMenu, on a right click.
 // SPDX-License-Identifier: GPL-3.0-or-later
 
-const { Clutter, GdkPixbuf, Gio, GLib, GObject, St } = imports.gi;
+const { Clutter, GdkPixbuf, Gio, GLib, GObject, Meta, St } = imports.gi;
 const Main = imports.ui.main;
 const PanelMenu = imports.ui.panelMenu;
 const PopupMenu = imports.ui.popupMenu;
@@ -66,6 +66,7 @@ class StatusButton extends PanelMenu.Button {
         this._iconChanged = Gio.DBus.session.signal_subscribe(owner, ITEM, 'NewIcon', path, null,
             Gio.DBusSignalFlags.NONE, () => this._loadIcon());
         this._loadIcon();
+        this._stageEvents = global.stage.connect('captured-event', this._dismissPanel.bind(this));
     }
 
     _call(path, iface, method, args, replyType, then) {
@@ -145,7 +146,26 @@ class StatusButton extends PanelMenu.Button {
         return Clutter.EVENT_STOP;
     }
 
+    // GNOME keeps the focus where it is on a click on its empty background, and Lumora's panel (an X11 window) did
+    // not hear Escape here: on either, the panel is made to lose the focus, on which it closes.
+    _dismissPanel(stage, event) {
+        const panel = global.display.focus_window;
+        if (panel?.get_wm_class_instance() !== 'lumora' || panel.window_type !== Meta.WindowType.UTILITY)
+            return Clutter.EVENT_PROPAGATE;
+        const type = event.type();
+        const [x, y] = event.get_coords();
+        const frame = panel.get_frame_rect();
+        const outside = x < frame.x || y < frame.y || x >= frame.x + frame.width || y >= frame.y + frame.height;
+        if ((type === Clutter.EventType.BUTTON_PRESS && outside && !this.contains(event.get_source())) ||
+            (type === Clutter.EventType.KEY_PRESS && event.get_key_symbol() === Clutter.KEY_Escape)) {
+            global.display.unset_input_focus(event.get_time());
+            return type === Clutter.EventType.KEY_PRESS ? Clutter.EVENT_STOP : Clutter.EVENT_PROPAGATE;
+        }
+        return Clutter.EVENT_PROPAGATE;
+    }
+
     _onDestroy() {
+        global.stage.disconnect(this._stageEvents);
         Gio.DBus.session.signal_unsubscribe(this._iconChanged);
         super._onDestroy();
     }

@@ -1,12 +1,8 @@
-# GNOME Shell 43, headless, on virtual monitors; with the AppIndicator extension (a StatusNotifier host in the top
-# bar) and Lumora's own (which takes Lumora's item from it, as its own top-bar button) when the desktop is named
-# gnome-appindicator, stock (no tray at all) when named gnome. X clients through
-# XWayland. Sourced after desktop.sh; see there for the functions a desktop file defines.
-#
-# GNOME Shell wants a system bus and, without logind, a mount namespace where /run/systemd is empty, so that it
-# uses its stand-in login manager. A three-line test extension turns on the shell's unsafe mode, which lets
-# org.gnome.Shell.Eval and Screenshot answer: Clutter's virtual input devices, made through Eval, then point,
-# click and type as the user's own devices do.
+# GNOME Shell 43, headless, on virtual monitors, X clients through XWayland (see desktop.sh): stock (no tray) as
+# gnome; as gnome-appindicator with the AppIndicator extension and Lumora's own, which takes Lumora's item from it
+# as a top-bar button of its own. The shell wants a system bus and, without logind, a mount namespace with an empty
+# /run/systemd (it then uses its stand-in login manager). A test extension turns on unsafe mode, so that Eval and
+# Screenshot answer: Clutter's virtual devices, made through Eval, point, click and type as the user's own do.
 
 desktop_name() { [[ $DESKTOP == *appindicator ]] && echo "GNOME Shell 43 + AppIndicator" || echo "GNOME Shell 43 (no tray)"; }
 desktop_tools() { echo gnome-shell unshare gdbus gsettings xprop xwininfo; }
@@ -74,8 +70,7 @@ gnome_eval()
     [[ $out == "(true, "* ]] || return 1
     out=${out#(true, \'}
     out=${out%\')}
-    out=${out#\"}
-    echo "${out%\"}"
+    echo "${out//\"/}"
 }
 
 # Clutter's virtual devices, made once per shell and kept on the global object.
@@ -102,8 +97,7 @@ desktop_key()
 }
 desktop_screenshot()
 {
-    rm -f "$SESSION_OUT/shot.png"
-    as_user gdbus call --session --dest org.gnome.Shell.Screenshot --object-path /org/gnome/Shell/Screenshot \
-        --method org.gnome.Shell.Screenshot.Screenshot true false "$SESSION_OUT/shot.png" >/dev/null 2>&1 &&
-        cp "$SESSION_OUT/shot.png" "$1"
+    rm -f "$SESSION_OUT/shot.png" && as_user gdbus call --session --dest org.gnome.Shell.Screenshot --object-path \
+        /org/gnome/Shell/Screenshot --method org.gnome.Shell.Screenshot.Screenshot true false "$SESSION_OUT/shot.png" \
+        >/dev/null 2>&1 && cp "$SESSION_OUT/shot.png" "$1"
 }

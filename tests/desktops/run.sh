@@ -8,24 +8,22 @@ set -uo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
 BUILD=$1
 shift
-failed=()
+failed=0
 summary=()
 for desktop in "$@"; do
     echo "=== $desktop"
     out="$BUILD/desktops/$desktop"
     timeout -k 10 180 bash "$HERE/scenario.sh" "$desktop" "$BUILD/Lumora/lumora" "$BUILD/tools/virtual-desk/virtual-desk" \
         "$out" 2>&1 | tee "$BUILD/desktops-$desktop.txt"
-    status=${PIPESTATUS[0]}
-    case $status in
-        0) verdict=passed ;;
-        77) verdict=skipped ;;
-        124|137) verdict="FAILED (over 3 minutes)"; failed+=("$desktop") ;;
-        *) verdict=FAILED; failed+=("$desktop") ;;
+    case ${PIPESTATUS[0]} in
+        0) summary+=("$desktop: passed") ;;
+        77) summary+=("$desktop: skipped") ;;
+        124|137) summary+=("$desktop: FAILED (over 3 minutes)"); failed=1 ;;
+        *) summary+=("$desktop: FAILED"); failed=1 ;;
     esac
-    summary+=("$desktop: $verdict")
-    while read -r line; do summary+=("    ${line#*figure: }"); done < <(grep 'figure:' "$BUILD/desktops-$desktop.txt")
+    figures=$(sed -n 's/^ *figure: /    /p' "$BUILD/desktops-$desktop.txt") && [[ -n $figures ]] && summary+=("$figures")
     mkdir -p "$out" && mv "$BUILD/desktops-$desktop.txt" "$out/scenario.txt"
 done
 echo
 printf '%s\n' "${summary[@]}"
-(( ${#failed[@]} == 0 ))
+(( failed == 0 ))

@@ -30,10 +30,7 @@ ended() { wait_until "$2" bash -c '! kill -0 "$0" 2>/dev/null' "$1"; }
 ended_well() { ended "$APP_PID" 10 && wait "$APP_PID"; }
 stop_lumora()
 {
-    running "$APP_PID" || return 0
-    kill -TERM "$APP_PID" 2>/dev/null
-    ended "$APP_PID" 10 || kill -KILL -- "-$APP_PID" 2>/dev/null
-    wait "$APP_PID" 2>/dev/null
+    running "$APP_PID" && { kill -TERM "$APP_PID"; ended "$APP_PID" 10 || kill -KILL -- "-$APP_PID"; wait "$APP_PID"; } 2>/dev/null
 }
 
 # icon_box FILE: "x y width height" of the sun in the desktop's bars (the top 48 and the bottom 64 rows), found by
@@ -48,28 +45,21 @@ icon_box()
              # Amber, also where the colour of the bar shows through its edges: red strong, green about two thirds
              # of it, little blue (an orange warning sign has less green and more blue).
              r >= 120 && g >= 0.58 * r && g <= 0.85 * r && b <= 0.2 * r {
-                 n[x]++; if (!(x in y0) || y < y0[x]) y0[x] = y; if (!(x in y1) || y > y1[x]) y1[x] = y }
+                 n[x]++; if (!(x in y0) || y < y0[x]) y0[x] = y; if (y > y1[x]) y1[x] = y }
              # The amber columns fall into clusters (other amber marks in a bar: a warning sign); the sun is the
              # cluster with the most amber pixels.
              END {
-                 for (x = 0; x <= '"$DESKTOP_WIDTH"' + 8; x++) {
-                     if (x in n) {
-                         if (!run || x - last > 6) { run = 1; from = x; count = 0; top = y0[x]; bottom = y1[x] }
-                         count += n[x]; last = x
-                         if (y0[x] < top) top = y0[x]; if (y1[x] > bottom) bottom = y1[x]
-                         if (count > best) { best = count; box = from " " top " " (x - from + 1) " " (bottom - top + 1) }
-                     }
+                 for (x = 0; x <= '"$DESKTOP_WIDTH"' + 8; x++) if (x in n) {
+                     if (!run || x - last > 6) { run = 1; from = x; count = 0; top = y0[x]; bottom = y1[x] }
+                     count += n[x]; last = x; if (y0[x] < top) top = y0[x]; if (y1[x] > bottom) bottom = y1[x]
+                     if (count > best) { best = count; box = from " " top " " (x - from + 1) " " (bottom - top + 1) }
                  }
                  if (best < 12) exit 1
                  print box
              }'
 }
 # icon_seen: the sun is on the screen now, at IX IY IW IH.
-icon_seen()
-{
-    local box
-    desktop_screenshot "$WORK/seen.png" && box=$(icon_box "$WORK/seen.png") && read -r IX IY IW IH <<<"$box"
-}
+icon_seen() { desktop_screenshot "$WORK/seen.png" && read -r IX IY IW IH < <(icon_box "$WORK/seen.png"); }
 items_registered() { [[ -n $(desktop_items) ]]; }
 # near A_X A_Y A_W A_H B_X B_Y B_W B_H: the two rectangles are at most 48 pixels apart.
 near() { (( $5 - $1 - $3 <= 48 && $1 - $5 - $7 <= 48 && $6 - $2 - $4 <= 48 && $2 - $6 - $8 <= 48 )); }
@@ -79,9 +69,8 @@ near() { (( $5 - $1 - $3 <= 48 && $1 - $5 - $7 <= 48 && $6 - $2 - $4 <= 48 && $2
 changed_box()
 {
     session_convert "$1" "$2" -alpha off -compose difference -composite -colorspace gray -threshold 8% \
-        -morphology Dilate Square:2 \
-        -define connected-components:verbose=true -define connected-components:area-threshold=200 \
-        -connected-components 8 null: 2>/dev/null |
+        -morphology Dilate Square:2 -define connected-components:verbose=true \
+        -define connected-components:area-threshold=200 -connected-components 8 null: 2>/dev/null |
         awk '$NF ~ /^graya?\(255/ { split($2, p, /[x+]/); print $(NF - 1), p[3], p[4], p[1], p[2]; n++ } END { exit !n }' |
         sort -rn | head -1 | cut -d' ' -f2-
     [[ ${PIPESTATUS[1]} == 0 ]]
@@ -112,13 +101,8 @@ opened() { click_icon; wait_until 10 panel_shown || { fail "no panel after a cli
 closed_again()
 {
     sleep 1
-    if panel_shown; then
-        click_icon
-        wait_until 10 panel_hidden || fail "the panel stays open after one more click on the icon"
-    else
-        desktop_key Escape
-        click_desktop
-    fi
+    if ! panel_shown; then desktop_key Escape; click_desktop
+    else click_icon; wait_until 10 panel_hidden || fail "the panel stays open after one more click on the icon"; fi
     sleep 1
 }
 

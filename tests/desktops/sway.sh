@@ -1,8 +1,5 @@
-# sway 1.7 with waybar (a StatusNotifier host in its tray module) on wlroots' headless backend; X clients through
-# XWayland. Sourced after desktop.sh; see there for the functions a desktop file defines.
-#
-# The headless backend has no input devices, so the seat has no pointer: wl-input gives it one through wlroots'
-# virtual-pointer protocol; wtype types through the virtual-keyboard protocol; grim takes screenshots.
+# sway 1.7 with waybar (its tray a StatusNotifier host) on wlroots' headless backend, X clients through XWayland
+# (see desktop.sh). The backend has no input devices: wl-input gives the seat a pointer, wtype types, grim shoots.
 
 desktop_name() { echo "sway 1.7 + waybar"; }
 desktop_tools() { echo sway swaymsg waybar grim wtype xprop xwininfo gdbus cc; }

@@ -99,6 +99,10 @@ class StatusButton extends PanelMenu.Button {
 
     // The item's menu anew for every right click: its labels, which are enabled, its separators.
     _showMenu() {
+        if (this.menu.isOpen) {
+            this.menu.close();
+            return;
+        }
         this._item('Menu', menuPath => {
             this._call(menuPath, 'com.canonical.dbusmenu', 'GetLayout', new GLib.Variant('(iias)', [0, -1, []]),
                 null, ([, [, , children]]) => {

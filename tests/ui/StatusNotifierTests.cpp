@@ -206,6 +206,9 @@ TEST(StatusNotifierItem, RegistersWithAWatcherThatComesLaterAndWithLumorasShellE
             Watcher shell(host(), QStringLiteral("org.lumora.Lumora.Shell"),
                           QStringLiteral("/org/lumora/Lumora/Shell"));
             ASSERT_TRUE(pumpUntil([&] { return !shell.registered.isEmpty(); })) << "the extension's button";
+            // A round trip to the item: whatever it did on the extension's answer has reached the watcher by then.
+            property(item->serviceName(), QLatin1String(StatusNotifierItem::itemPath),
+                     QStringLiteral("org.kde.StatusNotifierItem"), QStringLiteral("Status"));
             EXPECT_EQ(shell.registered, QStringList{QLatin1String(StatusNotifierItem::itemPath)});
             EXPECT_EQ(watcher.registered.size(), 1) << "not drawn twice: not registered with the watcher again";
         }

@@ -452,19 +452,19 @@ void AppDelegate::show()
     QScreen* screen = screenAt(anchor);
     panel_->placeAt(anchor, screenFor(anchor), screen != nullptr ? screen->availableGeometry() : QRect());
     panel_->setComposited(Compositor::isRunning());
-    if (notifierItem_ != nullptr) {
-        // The host's token for this click lets the compositor give the new window the focus.
-        if (const QString token = notifierItem_->takeActivationToken(); !token.isEmpty()) {
-            if (QGuiApplication::platformName().startsWith(QLatin1String("wayland"))) {
-                qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
-            } else {
-                InputFocus::announceActivation(*panel_, token);
-            }
+    // The host's token for this click lets the compositor give the new window the focus.
+    const QString token = notifierItem_ != nullptr ? notifierItem_->takeActivationToken() : QString();
+    if (!token.isEmpty()) {
+        if (QGuiApplication::platformName().startsWith(QLatin1String("wayland"))) {
+            qputenv("XDG_ACTIVATION_TOKEN", token.toUtf8());
+        } else {
+            InputFocus::announceActivation(*panel_, token);
         }
     }
     panel_->show();
     panel_->raise();
     panel_->takeFocus();
+    InputFocus::completeStartup(*panel_, token);
     if (!WaylandSession::isActive()) {
         // On X11 a click elsewhere is seen directly; on Wayland the panel closes when it loses the focus.
         dismissMonitor_ = OutsideClickWatcher::install([this](QPoint position) { return isOwnWindowAt(position); },

@@ -1,22 +1,12 @@
-# The real desktops, started headless for tests: what every desktop file shares. Source it, then one desktop file
-# (sway.sh, gnome.sh, kde.sh, xfce.sh); each defines
-#
-#   desktop_start WORK OUTPUTS   the desktop with OUTPUTS outputs of 1280x800 side by side, run as the test user;
-#                                exports DISPLAY (X11 or XWayland, for X clients and the X tools), WAYLAND_DISPLAY
-#                                (on Wayland), XAUTHORITY, DBUS_SESSION_BUS_ADDRESS, XDG_RUNTIME_DIR, and sets
-#                                DESKTOP_TRAY (a StatusNotifier host is running: 1, else 0) and DESKTOP_WIDTH
-#   desktop_move X Y             the desktop's own pointer to X Y of the whole layout
-#   desktop_click X Y [BUTTON]   a click there (1 left, 3 right)
-#   desktop_key NAME             a press and release of a key, named as xdotool names it (Escape, Return, Up)
-#   desktop_screenshot FILE      the whole layout as PNG
-#
-# and desktop_run COMMAND... runs a program in the session as the user does. Every process is started in a
-# process group of its own and ended with its group by desktop_stop (call it from an EXIT trap); nothing waits
-# without a deadline.
-#
-# The desktops refuse root (sway) or need an ordinary user's session (GNOME, KWin): they run as the system user
-# lumora-desktops, made here when missing. Other developers' tests may run their own desktops at the same time:
-# every socket, display and bus is private to WORK.
+# The real desktops, started headless for tests: what every desktop file (sway.sh, gnome.sh, kde.sh, xfce.sh,
+# sourced after this) shares. Each defines desktop_name, desktop_tools and
+#   desktop_start WORK OUTPUTS   OUTPUTS outputs of 1280x800 side by side; exports DISPLAY (X11 or XWayland),
+#                                WAYLAND_DISPLAY, XAUTHORITY, DBUS_SESSION_BUS_ADDRESS, XDG_RUNTIME_DIR; sets
+#                                DESKTOP_TRAY (1: a StatusNotifier host runs) and DESKTOP_WIDTH
+#   desktop_move X Y, desktop_click X Y [BUTTON], desktop_key NAME (Escape, alt+F4), desktop_screenshot FILE
+# desktop_run COMMAND... runs a program in the session. Every process runs in a group of its own, ended by
+# desktop_stop (from an EXIT trap). The desktops run as the system user lumora-desktops (sway refuses root, GNOME
+# and KWin want a user's session); every socket, display and bus is private to WORK.
 
 DESKTOP_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source=../e2e-desktop/desktop-session.sh
@@ -66,24 +56,18 @@ desktop_prepare()
 # as_user COMMAND...: COMMAND as the test user with this shell's environment and the session's HOME.
 as_user() { "${AS_USER[@]}" "$@"; }
 
-# desktop_spawn LOG COMMAND...: COMMAND as the test user in a process group of its own (setsid: a background job
-# of a script is no group leader, so setsid needs no fork and $! is the group's id), in the background; its pid in
-# SPAWNED.
+# desktop_spawn LOG COMMAND...: COMMAND as the test user in the background, in a process group of its own (a
+# script's background job is no group leader: setsid needs no fork and $! is the group's id), its pid in SPAWNED.
 desktop_spawn()
 {
-    local log=$1
-    shift
-    setsid "${SPAWN_WRAP[@]}" "${AS_USER[@]}" "$@" >"$log" 2>&1 &
+    setsid "${SPAWN_WRAP[@]}" "${AS_USER[@]}" "${@:2}" >"$1" 2>&1 &
     SPAWNED=$!
     DESKTOP_GROUPS+=("$SPAWNED")
 }
 
-# desktop_run COMMAND...: a program of the session (Lumora, a second window), as the test user, in the background;
-# its pid in SPAWNED. Its output goes to SESSION_OUT/<name>.log unless RUN_LOG names a file.
-desktop_run()
-{
-    desktop_spawn "${RUN_LOG:-$SESSION_OUT/$(basename "$1").log}" "$@"
-}
+# desktop_run COMMAND...: a program of the session, in the background, its pid in SPAWNED; its output in RUN_LOG
+# or SESSION_OUT/<name>.log.
+desktop_run() { desktop_spawn "${RUN_LOG:-$SESSION_OUT/$(basename "$1").log}" "$@"; }
 
 # desktop_stop: every process group started here ended (TERM, KILL after 5 s) and reaped, last first.
 desktop_stop()
@@ -124,15 +108,6 @@ desktop_items()
 desktop_watcher() { as_user gdbus call --session --dest org.freedesktop.DBus --object-path /org/freedesktop/DBus \
     --method org.freedesktop.DBus.NameHasOwner org.kde.StatusNotifierWatcher 2>/dev/null | grep -q true; }
 
-# xdotool_key_to_evdev NAME: the evdev code of the few keys the tests type.
-xdotool_key_to_evdev()
-{
-    case $1 in
-        Escape) echo 1 ;; Return) echo 28 ;; Up) echo 103 ;; Down) echo 108 ;; Left) echo 105 ;; Right) echo 106 ;;
-        Tab) echo 15 ;; *) return 1 ;;
-    esac
-}
-
 # wl_input_start WIDTH HEIGHT: the made-up pointer of a compositor without input devices (wl-input.c, built here
 # into WORK), running as the test user, fed through a coprocess.
 wl_input_start()
@@ -145,6 +120,8 @@ wl_input_start()
     DESKTOP_GROUPS+=("$WL_INPUT_PID")
     wl_input move 0 0
 }
+desktop_move() { wl_input move "$1" "$2"; }
+desktop_click() { wl_input move "$1" "$2" && wl_input click "${3:-1}"; }
 # wl_input COMMAND...: one command to wl-input, and its answer awaited (10 s at most).
 wl_input()
 {

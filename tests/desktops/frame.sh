@@ -1,7 +1,6 @@
-# The frame a scenario on a real desktop stands on, sourced after its DESKTOP, LUMORA, VIRTUAL_DESK and ARTIFACTS
-# are set: the desktop's own starter and driver, the step and check reporting, root and the tools checked (skip,
-# 77, where they are missing), a clean artefact directory, a WORK directory, and the desktop stopped with its logs
-# kept whatever way the scenario ends. EXTRA_TOOLS: tools the scenario needs beyond the desktop's.
+# The frame a scenario on a real desktop stands on, sourced once DESKTOP, LUMORA, VIRTUAL_DESK, ARTIFACTS (and
+# EXTRA_TOOLS, beyond the desktop's) are set: the desktop's starter, the reporting, root and the tools checked (77
+# skips), a clean ARTIFACTS, a WORK directory, and the desktop stopped with its logs kept however the scenario ends.
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source=desktop.sh
 source "$HERE/desktop.sh"
@@ -17,15 +16,9 @@ for tool in $(desktop_tools) setpriv setsid ${EXTRA_TOOLS:-}; do
         { echo "SKIP: $tool is missing (scripts/install-desktop-deps.sh installs it)"; exit 77; }
 done
 
-rm -rf "$ARTIFACTS"
-mkdir -p "$ARTIFACTS"
+rm -rf "$ARTIFACTS" && mkdir -p "$ARTIFACTS"
 WORK=$(mktemp -d "${TMPDIR:-/tmp}/lumora-desktop.XXXXXX")
-cleanup()
-{
-    desktop_stop
-    cp "$WORK"/*.log "$WORK"/user/*.log "$ARTIFACTS/" 2>/dev/null
-    rm -rf "$WORK"
-}
+cleanup() { desktop_stop; cp "$WORK"/*.log "$WORK"/user/*.log "$ARTIFACTS/" 2>/dev/null; rm -rf "$WORK"; }
 trap cleanup EXIT
 trap 'exit 1' INT TERM
 

@@ -1,11 +1,8 @@
-# GNOME Shell 43, headless, on virtual monitors; with the AppIndicator extension (a StatusNotifier host in the top
-# bar) when the desktop is named gnome-appindicator, stock (no tray at all) when named gnome. X clients through
-# XWayland. Sourced after desktop.sh; see there for the functions a desktop file defines.
-#
-# GNOME Shell wants a system bus and, without logind, a mount namespace where /run/systemd is empty, so that it
-# uses its stand-in login manager. A three-line test extension turns on the shell's unsafe mode, which lets
-# org.gnome.Shell.Eval and Screenshot answer: Clutter's virtual input devices, made through Eval, then point,
-# click and type as the user's own devices do.
+# GNOME Shell 43, headless, on virtual monitors, X clients through XWayland (see desktop.sh): stock (no tray) as
+# gnome; as gnome-appindicator with the AppIndicator extension and Lumora's own, which takes Lumora's item from it
+# as a top-bar button of its own. The shell wants a system bus and, without logind, a mount namespace with an empty
+# /run/systemd (it then uses its stand-in login manager). A test extension turns on unsafe mode, so that Eval and
+# Screenshot answer: Clutter's virtual devices, made through Eval, point, click and type as the user's own do.
 
 desktop_name() { [[ $DESKTOP == *appindicator ]] && echo "GNOME Shell 43 + AppIndicator" || echo "GNOME Shell 43 (no tray)"; }
 desktop_tools() { echo gnome-shell unshare gdbus gsettings xprop xwininfo; }
@@ -24,8 +21,11 @@ desktop_start()
     echo "{\"uuid\": \"$GNOME_TEST_EXTENSION\", \"name\": \"Lumora tests\", \"description\": \"Unsafe mode for tests\",
            \"shell-version\": [\"43\"]}" >"$ext/metadata.json"
     echo 'function init() { return { enable() { imports.ui.main.messageTray.bannerBlocked = true; global.context.unsafe_mode = true; }, disable() {} }; }' >"$ext/extension.js"
+    if [[ $DESKTOP == *appindicator ]]; then
+        cp -r "$DESKTOP_DIR/../../data/gnome-shell-extension/lumora@lumora.org" "${ext%/*}/"
+        extensions+=", '$GNOME_APPINDICATOR', 'lumora@lumora.org'"
+    fi
     chown -R "$DESKTOP_USER:" "$work/home"
-    [[ $DESKTOP == *appindicator ]] && extensions+=", '$GNOME_APPINDICATOR'"
 
     # The system bus: a private one, as the shell only needs one to be there.
     desktop_spawn "$work/system-bus.log" dbus-daemon --config-file=/usr/share/dbus-1/session.conf --nofork \
@@ -56,6 +56,8 @@ desktop_start()
     gnome_eval 'Main.overview.hide(); true' >/dev/null
     wait_until 10 gnome_overview_hidden || { echo "desktop: the overview stays" >&2; return 1; }
 }
+# desktop_items: the item Lumora's extension shows in the top bar (bus name and path), as desktop.sh names one.
+desktop_items() { gnome_eval "const b = Main.panel.statusArea.lumora; b ? b._owner + b._path : ''"; }
 gnome_overview_hidden() { [[ $(gnome_eval "Main.overview.visible") == false ]]; }
 
 # gnome_eval JS: the value of JS in the shell, as a string; fails when the shell reports an error.
@@ -68,8 +70,7 @@ gnome_eval()
     [[ $out == "(true, "* ]] || return 1
     out=${out#(true, \'}
     out=${out%\')}
-    out=${out#\"}
-    echo "${out%\"}"
+    echo "${out//\"/}"
 }
 
 # Clutter's virtual devices, made once per shell and kept on the global object.
@@ -86,25 +87,17 @@ desktop_click()
 # desktop_key NAME: a key or a combination (alt+F4), by its Clutter name.
 desktop_key()
 {
-    local keys=() k js="const k = $GNOME_KEYBOARD; const t = GLib.get_monotonic_time();"
-    IFS=+ read -r -a keys <<<"$1"
-    for k in "${keys[@]}"; do
-        [[ $k == alt ]] && k=Alt_L
-        [[ $k == ctrl ]] && k=Control_L
-        js+=" k.notify_keyval(t, Clutter.KEY_$k, Clutter.KeyState.PRESSED);"
+    local keys k down="" up=""
+    keys=${1//alt/Alt_L}
+    for k in ${keys//+/ }; do
+        down+=" k.notify_keyval(t, Clutter.KEY_$k, Clutter.KeyState.PRESSED);"
+        up=" k.notify_keyval(t, Clutter.KEY_$k, Clutter.KeyState.RELEASED);$up"
     done
-    for (( i = ${#keys[@]} - 1; i >= 0; i-- )); do
-        k=${keys[i]}
-        [[ $k == alt ]] && k=Alt_L
-        [[ $k == ctrl ]] && k=Control_L
-        js+=" k.notify_keyval(t, Clutter.KEY_$k, Clutter.KeyState.RELEASED);"
-    done
-    gnome_eval "$js true" >/dev/null
+    gnome_eval "const k = $GNOME_KEYBOARD; const t = GLib.get_monotonic_time(); $down $up true" >/dev/null
 }
 desktop_screenshot()
 {
-    rm -f "$SESSION_OUT/shot.png"
-    as_user gdbus call --session --dest org.gnome.Shell.Screenshot --object-path /org/gnome/Shell/Screenshot \
-        --method org.gnome.Shell.Screenshot.Screenshot true false "$SESSION_OUT/shot.png" >/dev/null 2>&1 &&
-        cp "$SESSION_OUT/shot.png" "$1"
+    rm -f "$SESSION_OUT/shot.png" && as_user gdbus call --session --dest org.gnome.Shell.Screenshot --object-path \
+        /org/gnome/Shell/Screenshot --method org.gnome.Shell.Screenshot.Screenshot true false "$SESSION_OUT/shot.png" \
+        >/dev/null 2>&1 && cp "$SESSION_OUT/shot.png" "$1"
 }

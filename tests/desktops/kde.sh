@@ -1,10 +1,7 @@
-# KDE Plasma 5.27: KWin on virtual outputs with plasmashell (its system tray is a StatusNotifier host; kded5 runs
-# the watcher), X clients through XWayland. Sourced after desktop.sh; see there for the functions a desktop file
-# defines.
-#
-# Debian's kwin_wayland carries a file capability, which a process switched to another user may not exec: a plain
-# copy runs instead. KWin's fake-input protocol gives wl-input a pointer and a keyboard (permission checks off, as
-# for a test session), and its ScreenShot2 interface the pictures.
+# KDE Plasma 5.27: KWin on virtual outputs with plasmashell (its tray a StatusNotifier host, kded5 the watcher),
+# X clients through XWayland (see desktop.sh). Debian's kwin_wayland carries a file capability, which a process
+# switched to another user may not exec: a plain copy runs. KWin's fake input (permission checks off, as for a test
+# session) gives wl-input a pointer and a keyboard; its ScreenShot2 interface the pictures.
 
 desktop_name() { echo "KWin 5.27 + plasmashell"; }
 desktop_tools() { echo kwin_wayland plasmashell kded5 gdbus xprop xwininfo cc; }
@@ -46,14 +43,7 @@ kde_tray_up()
         2>/dev/null | grep -q true
 }
 
-desktop_move() { wl_input move "$1" "$2"; }
-desktop_click() { wl_input move "$1" "$2" && wl_input click "${3:-1}"; }
-desktop_key()
-{
-    local code
-    code=$(xdotool_key_to_evdev "$1") || return 1
-    wl_input key "$code"
-}
+desktop_key() { [[ $1 == Escape ]] && wl_input key 1; }   # evdev KEY_ESC: the one key typed on a tray
 desktop_screenshot()
 {
     local size

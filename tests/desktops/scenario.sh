@@ -1,16 +1,12 @@
 #!/usr/bin/env bash
-# The tray application on a real desktop started headless: the unmodified lumora on the virtual desk's emulated
-# monitors, driven with that desktop's own pointer and keyboard, checked through what the user gets: the icon in
-# the desktop's tray (in colour: screenshot pixels), the panel opening next to it on a click and closing on a click
-# elsewhere, on Escape and on a second click on the icon, the right-click menu next to the icon with its three
-# items, Quit from it, a second start showing the panel; without a tray, the panel as a window that closes as a
-# window does. Prints the time from the start to the icon and from a click to the painted panel.
+# The tray application on a real desktop started headless (DESKTOP: sway, gnome, gnome-appindicator, kde, xfce),
+# the unmodified lumora on the virtual desk, driven with the desktop's own pointer and keyboard and checked through
+# what the user gets (screenshots): the icon in colour, the panel next to it on a click, closed by a click elsewhere,
+# Escape and a second click, the right-click menu next to the icon, Quit from it, a second start showing the panel;
+# without a tray, the panel as a window. Prints start -> icon and click -> painted panel. Needs root; exit status 0,
+# 1 failed, 77 skipped; screenshots and logs in ARTIFACT_DIR.
 #
 #   scenario.sh DESKTOP LUMORA VIRTUAL_DESK ARTIFACT_DIR
-#
-# DESKTOP names a desktop file here (sway, gnome, gnome-appindicator, kde, xfce). Needs root (the desktops run
-# as a test user made for them). Exit status: 0 passed, 1 failed, 77 skipped (desktop not installed, or not root).
-# Screenshots and logs stay in ARTIFACT_DIR.
 set -uo pipefail
 
 DESKTOP=$1
@@ -22,26 +18,19 @@ EXTRA_TOOLS=xdotool
 source "$(dirname "$0")/frame.sh"
 APP_PID=""
 
-# start_lumora: lumora on the virtual desk, in the session as the user starts it, as APP_PID.
+# start_lumora NAME: lumora on the virtual desk, in the session as the user starts it, as APP_PID.
 start_lumora()
 {
     rm -f "$SESSION_OUT/control"
     RUN_LOG="$WORK/lumora-$1.log" desktop_run "$VIRTUAL_DESK" --control "$SESSION_OUT/control" -- "$LUMORA"
     APP_PID=$SPAWNED
 }
-# stop_lumora: lumora ended, if it still runs.
+running() { kill -0 "$1" 2>/dev/null; }
+ended() { wait_until "$2" bash -c '! kill -0 "$0" 2>/dev/null' "$1"; }
+ended_well() { ended "$APP_PID" 10 && wait "$APP_PID"; }
 stop_lumora()
 {
-    running "$APP_PID" || return 0
-    kill -TERM "$APP_PID" 2>/dev/null
-    wait_until 10 bash -c '! kill -0 "$0" 2>/dev/null' "$APP_PID" || kill -KILL -- "-$APP_PID" 2>/dev/null
-    wait "$APP_PID" 2>/dev/null
-}
-# ended_well: lumora ends within 10 s, with status 0.
-ended_well()
-{
-    wait_until 10 bash -c '! kill -0 "$0" 2>/dev/null' "$APP_PID" || return 1
-    wait "$APP_PID"
+    running "$APP_PID" && { kill -TERM "$APP_PID"; ended "$APP_PID" 10 || kill -KILL -- "-$APP_PID"; wait "$APP_PID"; } 2>/dev/null
 }
 
 # icon_box FILE: "x y width height" of the sun in the desktop's bars (the top 48 and the bottom 64 rows), found by
@@ -56,108 +45,66 @@ icon_box()
              # Amber, also where the colour of the bar shows through its edges: red strong, green about two thirds
              # of it, little blue (an orange warning sign has less green and more blue).
              r >= 120 && g >= 0.58 * r && g <= 0.85 * r && b <= 0.2 * r {
-                 n[x]++; if (!(x in y0) || y < y0[x]) y0[x] = y; if (!(x in y1) || y > y1[x]) y1[x] = y }
+                 n[x]++; if (!(x in y0) || y < y0[x]) y0[x] = y; if (y > y1[x]) y1[x] = y }
              # The amber columns fall into clusters (other amber marks in a bar: a warning sign); the sun is the
              # cluster with the most amber pixels.
              END {
-                 for (x = 0; x <= '"$DESKTOP_WIDTH"' + 8; x++) {
-                     if (x in n) {
-                         if (!run || x - last > 6) { run = 1; from = x; count = 0; top = y0[x]; bottom = y1[x] }
-                         count += n[x]; last = x
-                         if (y0[x] < top) top = y0[x]; if (y1[x] > bottom) bottom = y1[x]
-                         if (count > best) { best = count; box = from " " top " " (x - from + 1) " " (bottom - top + 1) }
-                     }
+                 for (x = 0; x <= '"$DESKTOP_WIDTH"' + 8; x++) if (x in n) {
+                     if (!run || x - last > 6) { run = 1; from = x; count = 0; top = y0[x]; bottom = y1[x] }
+                     count += n[x]; last = x; if (y0[x] < top) top = y0[x]; if (y1[x] > bottom) bottom = y1[x]
+                     if (count > best) { best = count; box = from " " top " " (x - from + 1) " " (bottom - top + 1) }
                  }
                  if (best < 12) exit 1
                  print box
              }'
 }
 # icon_seen: the sun is on the screen now, at IX IY IW IH.
-icon_seen()
-{
-    local box
-    desktop_screenshot "$WORK/seen.png" && box=$(icon_box "$WORK/seen.png") && read -r IX IY IW IH <<<"$box"
-}
-running() { kill -0 "$1" 2>/dev/null; }
-# icon_added: what the start of lumora added to the bars (since WORK/before.png, in WORK/seen.png), at IX IY IW IH:
-# of the icon-sized changes there, the one found nowhere near its place before (the icons beside a new one only
-# moved).
-icon_added()
-{
-    local x y w h differing
-    local compare=compare-im6.q16
-    command -v "$compare" >/dev/null || compare=compare
-    while read -r x y w h; do
-        session_convert "$WORK/seen.png" -crop "${w}x$h+$x+$y" +repage "$WORK/candidate.png"
-        session_convert "$WORK/before.png" -crop "$(( w + 96 ))x$(( h + 8 ))+$(( x > 48 ? x - 48 : 0 ))+$(( y > 4 ? y - 4 : 0 ))" \
-            +repage "$WORK/around.png"
-        # How many pixels differ where the candidate fits best; ImageMagick says "too dissimilar" when nowhere.
-        differing=$("$compare" -metric AE -fuzz 10% -subimage-search "$WORK/around.png" "$WORK/candidate.png" null: 2>&1)
-        if [[ $differing == *dissimilar* ]] || (( ${differing%% *} > w * h / 10 )); then
-            IX=$x IY=$y IW=$w IH=$h
-            return 0
-        fi
-    done < <(changed_boxes "$WORK/before.png" "$WORK/seen.png" |
-             awk -v h="$DESKTOP_HEIGHT" '$3 <= 64 && $4 <= 64 && ($2 < 48 || $2 > h - 64)')
-    return 1
-}
-# screen_still: the desktop is drawn (not one flat colour, as before its shell paints) and two screenshots a moment
-# apart differ in a few pixels at most (a clock may tick).
-screen_still()
-{
-    desktop_screenshot "$WORK/still-0.png" &&
-        [[ $(session_convert "$WORK/still-0.png" -format '%[fx:standard_deviation > 0.02]' info:) == 1 ]] &&
-        sleep 0.5 && desktop_screenshot "$WORK/still.png" &&
-        [[ $(session_convert "$WORK/still-0.png" "$WORK/still.png" -compose difference -composite -colorspace gray \
-             -threshold 8% -format '%[fx:mean * w * h < 400]' info:) == 1 ]]
-}
-# icon_located: the sun by its colour or, drawn without it, by what appeared in the bars, at IX IY IW IH.
-icon_located() { icon_seen || icon_added; }
+icon_seen() { desktop_screenshot "$WORK/seen.png" && read -r IX IY IW IH < <(icon_box "$WORK/seen.png"); }
 items_registered() { [[ -n $(desktop_items) ]]; }
-
 # near A_X A_Y A_W A_H B_X B_Y B_W B_H: the two rectangles are at most 48 pixels apart.
-near()
-{
-    local gap_x=0 gap_y=0
-    (( $5 > $1 + $3 )) && gap_x=$(( $5 - $1 - $3 ))
-    (( $1 > $5 + $7 )) && gap_x=$(( $1 - $5 - $7 ))
-    (( $6 > $2 + $4 )) && gap_y=$(( $6 - $2 - $4 ))
-    (( $2 > $6 + $8 )) && gap_y=$(( $2 - $6 - $8 ))
-    (( gap_x <= 48 && gap_y <= 48 ))
-}
+near() { (( $5 - $1 - $3 <= 48 && $1 - $5 - $7 <= 48 && $6 - $2 - $4 <= 48 && $2 - $6 - $8 <= 48 )); }
 
-# changed_boxes BEFORE AFTER: "x y width height" of every region that changed between two screenshots, the
-# largest first; fails when nothing did. changed_box: the largest (a menu that opened, not a clock that ticked or
-# a button the pointer lit up).
-changed_boxes()
+# changed_box BEFORE AFTER: "x y width height" of the largest region that changed between two screenshots (a menu
+# that opened, not a clock that ticked or a button the pointer lit up); fails when nothing did.
+changed_box()
 {
     session_convert "$1" "$2" -alpha off -compose difference -composite -colorspace gray -threshold 8% \
-        -morphology Dilate Square:2 \
-        -define connected-components:verbose=true -define connected-components:area-threshold=200 \
-        -connected-components 8 null: 2>/dev/null |
+        -morphology Dilate Square:2 -define connected-components:verbose=true \
+        -define connected-components:area-threshold=200 -connected-components 8 null: 2>/dev/null |
         awk '$NF ~ /^graya?\(255/ { split($2, p, /[x+]/); print $(NF - 1), p[3], p[4], p[1], p[2]; n++ } END { exit !n }' |
-        sort -rn | cut -d' ' -f2-
+        sort -rn | head -1 | cut -d' ' -f2-
+    [[ ${PIPESTATUS[1]} == 0 ]]
 }
-changed_box() { changed_boxes "$@" | head -1; [[ ${PIPESTATUS[0]} == 0 ]]; }
 
-# menu_items: the labels of the item's exported menu (DBusMenu), one a line.
-menu_items()
+# has_menu_item LABEL: the item's exported menu (DBusMenu) has an entry so labelled.
+has_menu_item()
 {
-    local item path menu
+    local item path=/StatusNotifierItem menu
     item=$(desktop_items | head -1)
-    [[ -n $item ]] || return 1
-    path=/StatusNotifierItem
     [[ $item == */* ]] && { path=/${item#*/}; item=${item%%/*}; }
     menu=$(as_user gdbus call --session --dest "$item" --object-path "$path" \
         --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierItem Menu 2>/dev/null |
         grep -o "objectpath '[^']*'" | cut -d"'" -f2)
-    [[ -n $menu && $menu != /NO_DBUSMENU ]] || return 1
-    as_user gdbus call --session --dest "$item" --object-path "$menu" --method com.canonical.dbusmenu.GetLayout -- 0 -1 '@as []' \
-        2>/dev/null | grep -o "'label': <'[^']*'>" | sed "s/'label': <'//; s/'>\$//"
+    [[ -n $menu && $menu != /NO_DBUSMENU ]] &&
+        as_user gdbus call --session --dest "$item" --object-path "$menu" --method com.canonical.dbusmenu.GetLayout \
+            -- 0 -1 '@as []' 2>/dev/null | grep -qF "'label': <'$1'>"
 }
-has_menu_item() { menu_items | grep -qxF "$1"; }
 
 painted() { desktop_screenshot "$WORK/painted.png" && [[ -n $(read -r x y w h < <(panel_geometry) && slider_rows "$WORK/painted.png" "$x" "$y" "$h") ]]; }
+click_icon() { desktop_click $(( IX + IW / 2 )) $(( IY + IH / 2 )) "${1:-1}"; }
+click_desktop() { desktop_click $(( DESKTOP_WIDTH / 2 )) $(( DESKTOP_HEIGHT / 2 )); }
+# opened: a click on the icon opens the panel.
+opened() { click_icon; wait_until 10 panel_shown || { fail "no panel after a click on the icon"; return 1; }; }
+# closed_again: what a check left open (the panel, or a menu the host showed instead) is closed, so that the next
+# check starts afresh; then a pause of a second, as a person takes between two clicks: the next click is a fresh
+# one, not part of a double click, nor the one that took the panel's focus (a host delivers that one late).
+closed_again()
+{
+    sleep 1
+    if ! panel_shown; then desktop_key Escape; click_desktop
+    else click_icon; wait_until 10 panel_hidden || fail "the panel stays open after one more click on the icon"; fi
+    sleep 1
+}
 
 step "desktop: $(desktop_name)"
 started=$(now_ms)
@@ -166,83 +113,39 @@ pass "started in $(( $(now_ms) - started )) ms; X clients on $DISPLAY"
 
 if (( DESKTOP_TRAY )); then
     step "lumora's sun in the tray"
-    # The desktop settles (a wallpaper fading in, a panel laid out) before the picture the new icon is told from.
-    wait_until 60 screen_still || echo "   note: the desktop never stood still for the picture before the start"
-    cp "$WORK/still.png" "$WORK/before.png"
     started=$(now_ms)
     start_lumora first
     wait_until 30 items_registered && figure "start -> item registered with the host: $(( $(now_ms) - started )) ms"
-    if wait_until 30 icon_seen; then
-        pass "the sun is in the tray, in colour, at $IX,$IY ${IW}x$IH ($(( $(now_ms) - started )) ms after the start)"
-    else
+    if ! wait_until 30 icon_seen; then
         cp "$WORK/seen.png" "$ARTIFACTS/01-no-colour.png"
-        cp "$WORK/before.png" "$ARTIFACTS/00-before.png"
-        fail "no amber sun in the desktop's bars: no icon, or one drawn without its colour ($ARTIFACTS/01-no-colour.png)"
-        wait_until 10 icon_located || abort "nothing appeared in the bars after the start"
-        pass "something appeared in the bars at $IX,$IY ${IW}x$IH: taken as the icon"
+        abort "no amber sun in the desktop's bars: no icon, or one drawn without its colour ($ARTIFACTS/01-no-colour.png)"
     fi
+    pass "the sun is in the tray, in colour, at $IX,$IY ${IW}x$IH ($(( $(now_ms) - started )) ms after the start)"
     shot 01-icon
-    click_icon() { desktop_click $(( IX + IW / 2 )) $(( IY + IH / 2 )) "${1:-1}"; }
-    # closed_again: a panel a check left open is closed through its icon (a menu the host showed instead, with
-    # Escape and a click on the desktop), so that the next check starts afresh; then a pause of a second, as a person takes between two
-    # clicks: the next click is a fresh one, not part of a double click, nor the one that took the panel's focus
-    # (a host delivers that one late).
-    closed_again()
-    {
-        sleep 1
-        if ! panel_shown; then
-            desktop_key Escape
-            desktop_click $(( DESKTOP_WIDTH / 2 )) $(( DESKTOP_HEIGHT / 2 ))
-            return 0
-        fi
-        click_icon
-        wait_until 10 panel_hidden && { sleep 1; return 0; }
-        fail "the panel stays open after one more click on the icon: lumora is started afresh"
-        stop_lumora
-        desktop_screenshot "$WORK/before.png"
-        start_lumora afresh
-        wait_until 30 icon_located || abort "no icon after starting afresh"
-    }
 
     step "a click on the icon opens the panel next to it"
     clicked=$(now_ms)
-    click_icon
-    if wait_until 10 panel_shown; then
+    if opened; then
         figure "click -> panel mapped: $(( $(now_ms) - clicked )) ms"
         wait_until 10 painted && figure "click -> panel painted: $(( $(now_ms) - clicked )) ms"
         read -r PX PY PW PH < <(panel_geometry)
         check "the panel ($PX,$PY ${PW}x$PH) is next to the icon ($IX,$IY)" near "$PX" "$PY" "$PW" "$PH" "$IX" "$IY" "$IW" "$IH"
         shot 02-panel-open
         echo "   the desktop with the panel open: $ARTIFACTS/02-panel-open.png"
+        step "a click elsewhere closes it"
+        click_desktop
+        check "closed by a click on the desktop" wait_until 10 panel_hidden
     else
-        fail "no panel after a click on the icon"
         shot 02-no-panel
     fi
-
-    step "a click elsewhere closes it"
-    desktop_click $(( DESKTOP_WIDTH / 2 )) $(( DESKTOP_HEIGHT / 2 ))
-    check "closed by a click on the desktop" wait_until 10 panel_hidden
     closed_again
 
     step "Escape closes it"
-    click_icon
-    if wait_until 10 panel_shown; then
-        desktop_key Escape
-        check "closed by Escape" wait_until 10 panel_hidden
-    else
-        fail "no panel to close"
-    fi
+    opened && { desktop_key Escape; check "closed by Escape" wait_until 10 panel_hidden; }
     closed_again
 
     step "a second click on the icon closes it"
-    click_icon
-    if wait_until 10 panel_shown; then
-        sleep 1
-        click_icon
-        check "closed by a second click on the icon" wait_until 10 panel_hidden
-    else
-        fail "no panel to close"
-    fi
+    opened && { sleep 1; click_icon; check "closed by a second click on the icon" wait_until 10 panel_hidden; }
     closed_again
 
     step "the right-click menu: About Lumora, Check for Updates…, Quit Lumora, next to the icon; Quit quits"
@@ -260,44 +163,38 @@ if (( DESKTOP_TRAY )); then
         check "a menu opened next to the icon ($NX,$NY ${NW}x$NH)" near "$NX" "$NY" "$NW" "$NH" "$IX" "$IY" "$IW" "$IH"
         check "the right click did not open the panel" panel_hidden
         shot 03-menu
-        # "Quit Lumora" is the last item.
-        desktop_click $(( NX + NW / 2 )) $(( NY + NH - 16 ))
+        desktop_click $(( NX + NW / 2 )) $(( NY + NH - 16 ))   # "Quit Lumora", the last item
         check "Quit Lumora from it ends lumora with status 0" ended_well
     else
         fail "no menu on a right click on the icon"
         cp "$WORK/before-menu.png" "$ARTIFACTS/03-before-right-click.png"
         shot 03-no-menu
-    fi
-    if running "$APP_PID"; then
         desktop_key Escape   # whatever menu the host showed instead
-        stop_lumora
     fi
+    stop_lumora
 
     step "a second start shows the panel of the first"
-    desktop_screenshot "$WORK/before.png"
     start_lumora again
-    wait_until 30 icon_located || abort "no icon after the start again"
+    wait_until 30 icon_seen || abort "no icon after the start again"
     RUN_LOG="$WORK/lumora-second.log" desktop_run "$LUMORA"
-    second=$SPAWNED
     check "the panel is shown" wait_until 20 panel_shown
-    check "the second lumora ended" wait_until 20 bash -c '! kill -0 "$0" 2>/dev/null' "$second"
+    check "the second lumora ended" ended "$SPAWNED" 20
     shot 04-second-start
     stop_lumora
 else
     step "no tray: the panel is a window titled Lumora"
     started=$(now_ms)
     start_lumora window
-    lumora_window() { lumora_window_named Lumora managed; }
-    if wait_until 30 lumora_window >/dev/null; then
+    lumora_window() { lumora_window_named Lumora managed >/dev/null; }
+    if wait_until 30 lumora_window; then
         figure "start -> window mapped: $(( $(now_ms) - started )) ms"
         shot 01-window
         echo "   the desktop with the panel open: $ARTIFACTS/01-window.png"
         desktop_key alt+F4
-        window_gone() { ! lumora_window >/dev/null; }
-        window_back() { lumora_window >/dev/null; }
+        window_gone() { ! lumora_window; }
         check "closed as a window is closed (Alt+F4)" wait_until 10 window_gone
         RUN_LOG="$WORK/lumora-second.log" desktop_run "$LUMORA"
-        check "a second start shows it again" wait_until 20 window_back
+        check "a second start shows it again" wait_until 20 lumora_window
     else
         fail "no window titled Lumora"
         shot 01-no-window

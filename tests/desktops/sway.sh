@@ -1,8 +1,5 @@
-# sway 1.7 with waybar (a StatusNotifier host in its tray module) on wlroots' headless backend; X clients through
-# XWayland. Sourced after desktop.sh; see there for the functions a desktop file defines.
-#
-# The headless backend has no input devices, so the seat has no pointer: wl-input gives it one through wlroots'
-# virtual-pointer protocol; wtype types through the virtual-keyboard protocol; grim takes screenshots.
+# sway 1.7 with waybar (its tray a StatusNotifier host) on wlroots' headless backend, X clients through XWayland
+# (see desktop.sh). The backend has no input devices: wl-input gives the seat a pointer, wtype types, grim shoots.
 
 desktop_name() { echo "sway 1.7 + waybar"; }
 desktop_tools() { echo sway swaymsg waybar grim wtype xprop xwininfo gdbus cc; }
@@ -49,8 +46,6 @@ desktop_start()
 sway_socket() { local s; s=$(ls "$XDG_RUNTIME_DIR"/sway-ipc.*.sock 2>/dev/null | head -1); [[ -S $s ]] && echo "$s"; }
 swaymsg_outputs_have() { as_user swaymsg -t get_outputs 2>/dev/null | grep -q "\"name\": \"$1\""; }
 
-desktop_move() { wl_input move "$1" "$2"; }
-desktop_click() { wl_input move "$1" "$2" && wl_input click "${3:-1}"; }
 # wtype's keyboard is new to the seat each time: XWayland takes its keymap first and drops a key that comes at
 # once, so wtype waits 300 ms before typing (-s), a delay nothing here can observe instead.
 desktop_key() { as_user wtype -s 300 -k "$1"; }

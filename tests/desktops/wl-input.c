@@ -1,17 +1,8 @@
-// wl-input: a pointer (and on KWin a keyboard) for a headless Wayland compositor that has no input devices, so
-// that a test can click and type there as a person would. It uses the compositor's own protocol for made-up
-// input: wlroots' virtual pointer (sway) or KWin's fake input, whichever the compositor offers.
-//
-//   wl-input WIDTH HEIGHT      (the size of the whole output layout, in logical pixels)
-//
-// Reads commands from standard input, one a line, and answers each with "ok" once the compositor has handled it:
-//   move X Y         the pointer to X Y of the layout
-//   press B          release B    click B      (B: 1 left, 2 middle, 3 right)
-//   key CODE         a press and a release of the key with that evdev code (KWin only; wtype types on sway)
-// The device lives as long as the process, so the seat keeps its pointer between commands.
-//
-// The two protocols' interfaces are declared here by hand: Debian ships neither description, and a client needs
-// only the requests it sends.
+// wl-input WIDTH HEIGHT: a pointer (and on KWin a keyboard) for a headless Wayland compositor without input
+// devices, through its protocol for made-up input (wlroots' virtual pointer on sway, KWin's fake input). WIDTH and
+// HEIGHT: the output layout's size. Reads commands, one a line, each answered "ok" once the compositor handled it:
+// "move X Y", "click B" (1 left, 2 middle, 3 right), "key CODE" (an evdev code; KWin only). The device lives as
+// long as the process. The protocols' requests are declared by hand: Debian ships neither description.
 #include <linux/input-event-codes.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -21,31 +12,25 @@
 
 static const struct wl_interface zwlr_virtual_pointer_v1_interface;
 static const struct wl_interface* wlr_manager_types[] = {&wl_seat_interface, &zwlr_virtual_pointer_v1_interface};
-static const struct wl_message wlr_manager_requests[] = {
-    {"create_virtual_pointer", "?on", wlr_manager_types},
-    {"destroy", "", NULL},
-};
+static const struct wl_message wlr_manager_requests[] = {{"create_virtual_pointer", "?on", wlr_manager_types},
+                                                         {"destroy", "", NULL}};
 static const struct wl_interface zwlr_virtual_pointer_manager_v1_interface = {
     "zwlr_virtual_pointer_manager_v1", 1, 2, wlr_manager_requests, 0, NULL};
 static const struct wl_interface* no_types[8] = {NULL};
 enum { WLR_MOTION, WLR_MOTION_ABSOLUTE, WLR_BUTTON, WLR_AXIS, WLR_FRAME };
-static const struct wl_message wlr_pointer_requests[] = {
-    {"motion", "uff", no_types},   {"motion_absolute", "uuuuu", no_types}, {"button", "uuu", no_types},
-    {"axis", "uuf", no_types},     {"frame", "", no_types},
-};
+static const struct wl_message wlr_pointer_requests[] = {{"motion", "uff", no_types},
+    {"motion_absolute", "uuuuu", no_types}, {"button", "uuu", no_types}, {"axis", "uuf", no_types},
+    {"frame", "", no_types}};
 static const struct wl_interface zwlr_virtual_pointer_v1_interface = {
     "zwlr_virtual_pointer_v1", 1, 5, wlr_pointer_requests, 0, NULL};
 
 enum { KDE_AUTHENTICATE, KDE_MOTION, KDE_BUTTON, KDE_AXIS, KDE_TOUCH_DOWN, KDE_TOUCH_MOTION, KDE_TOUCH_UP,
        KDE_TOUCH_CANCEL, KDE_TOUCH_FRAME, KDE_MOTION_ABSOLUTE, KDE_KEY };
-static const struct wl_message kde_fake_input_requests[] = {
-    {"authenticate", "ss", no_types},    {"pointer_motion", "ff", no_types},
-    {"button", "uu", no_types},          {"axis", "uf", no_types},
-    {"touch_down", "uff", no_types},     {"touch_motion", "uff", no_types},
-    {"touch_up", "u", no_types},         {"touch_cancel", "", no_types},
-    {"touch_frame", "", no_types},       {"pointer_motion_absolute", "2ff", no_types},
-    {"keyboard_key", "4uu", no_types},
-};
+static const struct wl_message kde_fake_input_requests[] = {{"authenticate", "ss", no_types},
+    {"pointer_motion", "ff", no_types}, {"button", "uu", no_types}, {"axis", "uf", no_types},
+    {"touch_down", "uff", no_types}, {"touch_motion", "uff", no_types}, {"touch_up", "u", no_types},
+    {"touch_cancel", "", no_types}, {"touch_frame", "", no_types}, {"pointer_motion_absolute", "2ff", no_types},
+    {"keyboard_key", "4uu", no_types}};
 static const struct wl_interface org_kde_kwin_fake_input_interface = {
     "org_kde_kwin_fake_input", 4, 11, kde_fake_input_requests, 0, NULL};
 
@@ -65,10 +50,7 @@ static void global(void* data, struct wl_registry* registry, uint32_t name, cons
     else if (strcmp(interface, org_kde_kwin_fake_input_interface.name) == 0 && version >= 4)
         s->kde = wl_registry_bind(registry, name, &org_kde_kwin_fake_input_interface, 4);
 }
-static void global_remove(void* data, struct wl_registry* registry, uint32_t name)
-{
-    (void)data, (void)registry, (void)name;
-}
+static void global_remove(void* data, struct wl_registry* r, uint32_t name) { (void)data, (void)r, (void)name; }
 static const struct wl_registry_listener registry_listener = {global, global_remove};
 
 static uint32_t now_ms(void)
@@ -78,23 +60,14 @@ static uint32_t now_ms(void)
     return (uint32_t)(t.tv_sec * 1000 + t.tv_nsec / 1000000);
 }
 
-static int button_code(int b)
-{
-    return b == 1 ? BTN_LEFT : b == 2 ? BTN_MIDDLE : b == 3 ? BTN_RIGHT : -1;
-}
-
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        fprintf(stderr, "usage: wl-input WIDTH HEIGHT\n");
+    struct wl_display* display = argc == 3 ? wl_display_connect(NULL) : NULL;
+    if (!display) {
+        fprintf(stderr, "usage: wl-input WIDTH HEIGHT, in a Wayland session\n");
         return 2;
     }
     const uint32_t width = (uint32_t)atoi(argv[1]), height = (uint32_t)atoi(argv[2]);
-    struct wl_display* display = wl_display_connect(NULL);
-    if (!display) {
-        fprintf(stderr, "wl-input: no Wayland display\n");
-        return 1;
-    }
     struct state s = {0};
     struct wl_registry* registry = wl_display_get_registry(display);
     wl_registry_add_listener(registry, &registry_listener, &s);
@@ -113,10 +86,10 @@ int main(int argc, char** argv)
 
     char line[128];
     while (fgets(line, sizeof line, stdin)) {
-        int x, y, b;
+        int x, y;
         char verb[16];
         int n = sscanf(line, "%15s %d %d", verb, &x, &y);
-        b = x;
+        const int button = n < 2 ? -1 : x == 1 ? BTN_LEFT : x == 2 ? BTN_MIDDLE : x == 3 ? BTN_RIGHT : -1;
         if (n == 3 && strcmp(verb, "move") == 0) {
             if (pointer) {
                 wl_proxy_marshal(pointer, WLR_MOTION_ABSOLUTE, now_ms(), (uint32_t)x, (uint32_t)y, width, height);
@@ -124,23 +97,19 @@ int main(int argc, char** argv)
             } else {
                 wl_proxy_marshal(s.kde, KDE_MOTION_ABSOLUTE, wl_fixed_from_int(x), wl_fixed_from_int(y));
             }
-        } else if (n == 2 && button_code(b) >= 0
-                   && (strcmp(verb, "press") == 0 || strcmp(verb, "release") == 0 || strcmp(verb, "click") == 0)) {
+        } else if (n == 2 && button >= 0 && strcmp(verb, "click") == 0) {
             for (int state = 1; state >= 0; --state) {
-                if ((state == 1 && strcmp(verb, "release") == 0) || (state == 0 && strcmp(verb, "press") == 0))
-                    continue;
                 if (pointer) {
-                    wl_proxy_marshal(pointer, WLR_BUTTON, now_ms(), (uint32_t)button_code(b), (uint32_t)state);
+                    wl_proxy_marshal(pointer, WLR_BUTTON, now_ms(), (uint32_t)button, (uint32_t)state);
                     wl_proxy_marshal(pointer, WLR_FRAME);
                 } else {
-                    wl_proxy_marshal(s.kde, KDE_BUTTON, (uint32_t)button_code(b), (uint32_t)state);
+                    wl_proxy_marshal(s.kde, KDE_BUTTON, (uint32_t)button, (uint32_t)state);
                 }
                 wl_display_roundtrip(display);
             }
         } else if (n == 2 && strcmp(verb, "key") == 0 && s.kde) {
-            wl_proxy_marshal(s.kde, KDE_KEY, (uint32_t)x, 1u);
-            wl_display_roundtrip(display);
-            wl_proxy_marshal(s.kde, KDE_KEY, (uint32_t)x, 0u);
+            for (int state = 1; state >= 0; --state, wl_display_roundtrip(display))
+                wl_proxy_marshal(s.kde, KDE_KEY, (uint32_t)x, (uint32_t)state);
         } else {
             printf("error: %s", line);
             continue;

@@ -1,6 +1,5 @@
-# Xfce 4.18: its panel (the systray plugin hosts StatusNotifier items and XEmbed icons) and the xfwm4 window manager
-# on Xvfb. Sourced after desktop.sh; see there for the functions a desktop file defines. X11 all through: xdotool
-# clicks and types, ImageMagick's import takes screenshots.
+# Xfce 4.18's panel (its systray hosts StatusNotifier items and XEmbed icons) and xfwm4 on Xvfb (see desktop.sh):
+# X11 all through, xdotool clicks and types, ImageMagick's import shoots.
 
 desktop_name() { echo "Xfce 4.18 panel + xfwm4 (X11)"; }
 desktop_tools() { echo Xvfb xfce4-panel xfwm4 xdotool import xprop xwininfo gdbus; }

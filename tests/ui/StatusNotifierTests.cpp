@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "Lumora/Platform/Linux/Desktop/StatusNotifierItem.h"
 #include "Lumora/UI/Symbols.h"
@@ -86,21 +87,23 @@ QVariant property(const QString& service, const QString& path, const QString& in
                                        : qvariant_cast<QDBusVariant>(reply.arguments().constFirst()).variant();
 }
 
-// The watcher that a desktop's panel owns, reduced to what an item uses: it takes registrations and says that a
-// host draws them.
+// The watcher that a desktop's panel owns (or Lumora's GNOME Shell extension, which takes registrations the same
+// way), reduced to what an item uses: it takes registrations and says that a host draws them.
 class Watcher : public QDBusVirtualObject {
 public:
     QStringList registered;
 
-    explicit Watcher(QDBusConnection connection) : connection_(connection)
+    explicit Watcher(QDBusConnection connection, QString service = QLatin1String(StatusNotifierItem::watcherService),
+                     QString path = QStringLiteral("/StatusNotifierWatcher"))
+        : connection_(connection), service_(std::move(service)), path_(std::move(path))
     {
-        EXPECT_TRUE(connection_.registerVirtualObject(QStringLiteral("/StatusNotifierWatcher"), this));
-        EXPECT_TRUE(connection_.registerService(QLatin1String(StatusNotifierItem::watcherService)));
+        EXPECT_TRUE(connection_.registerVirtualObject(path_, this));
+        EXPECT_TRUE(connection_.registerService(service_));
     }
     ~Watcher() override
     {
-        connection_.unregisterService(QLatin1String(StatusNotifierItem::watcherService));
-        connection_.unregisterObject(QStringLiteral("/StatusNotifierWatcher"));
+        connection_.unregisterService(service_);
+        connection_.unregisterObject(path_);
     }
     QString introspect(const QString&) const override { return {}; }
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override
@@ -119,6 +122,7 @@ public:
 
 private:
     QDBusConnection connection_;
+    QString service_, path_;
 };
 
 struct Clicks {
@@ -186,7 +190,7 @@ TEST(StatusNotifierItem, HostsSeeAColourIconNoMenuItemAndGetTheirClicksWithThePo
     }
 }
 
-TEST(StatusNotifierItem, RegistersWithAWatcherThatComesLater)
+TEST(StatusNotifierItem, RegistersWithAWatcherThatComesLaterAndWithLumorasShellExtensionWhileItRuns)
 {
     QMenu menu;
     Clicks clicks;
@@ -197,6 +201,19 @@ TEST(StatusNotifierItem, RegistersWithAWatcherThatComesLater)
         Watcher watcher(host());
         ASSERT_TRUE(pumpUntil([&] { return clicks.available == true; }));
         EXPECT_EQ(watcher.registered, QStringList{item->serviceName()});
+        EXPECT_TRUE(item->isRegistered());
+        {
+            Watcher shell(host(), QStringLiteral("org.lumora.Lumora.Shell"),
+                          QStringLiteral("/org/lumora/Lumora/Shell"));
+            ASSERT_TRUE(pumpUntil([&] { return !shell.registered.isEmpty(); })) << "the extension's button";
+            // A round trip to the item: whatever it did on the extension's answer has reached the watcher by then.
+            property(item->serviceName(), QLatin1String(StatusNotifierItem::itemPath),
+                     QStringLiteral("org.kde.StatusNotifierItem"), QStringLiteral("Status"));
+            EXPECT_EQ(shell.registered, QStringList{QLatin1String(StatusNotifierItem::itemPath)});
+            EXPECT_EQ(watcher.registered.size(), 1) << "not drawn twice: not registered with the watcher again";
+        }
+        ASSERT_TRUE(pumpUntil([&] { return watcher.registered.size() == 2; }))
+            << "the extension went: back to the watcher";
         EXPECT_TRUE(item->isRegistered());
     }
     ASSERT_TRUE(pumpUntil([&] { return clicks.available == false; })) << "the watcher went: the icon went with it";

@@ -22,6 +22,9 @@ public:
     // window's startup id, by which a compositor (Mutter) lets the new window have the focus it would otherwise
     // refuse to a program that had no input of its own.
     static void announceActivation(QWidget& window, const QString& token);
+    // Once `window` is shown: the launch that token stands for is over, so that the compositor stops showing the busy
+    // pointer it shows for a program starting.
+    static void completeStartup(QWidget& window, const QString& token);
 
 private:
     std::optional<std::uint32_t> previous_;

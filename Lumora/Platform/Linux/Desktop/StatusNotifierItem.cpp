@@ -28,6 +28,10 @@ namespace {
 
 constexpr const char* watcherPath = "/StatusNotifierWatcher";
 constexpr const char* watcherInterface = "org.kde.StatusNotifierWatcher";
+// Lumora's GNOME Shell extension, which shows the item as a button of its own in the top bar: GNOME's AppIndicator
+// extension opens the menu on a click and activates an item only on a double click.
+constexpr const char* shellService = "org.lumora.Lumora.Shell";
+constexpr const char* shellPath = "/org/lumora/Lumora/Shell";
 // A watcher that does not answer this soon is taken for none: Lumora then uses the XEmbed tray or its window.
 constexpr int watcherTimeoutMs = 2000;
 // Hosts pick the size closest to their panel's; Plasma and Xfce draw at 16 to 24, waybar at its bar's height,
@@ -98,15 +102,24 @@ bool isWaybar(QDBusConnection bus)
     return comm.open(QIODevice::ReadOnly) && comm.readAll().trimmed() == "waybar";
 }
 
+bool isOnBus(const char* service)
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    return bus.isConnected() && bus.interface() != nullptr &&
+           bus.interface()->isServiceRegistered(QLatin1String(service)).value();
+}
+
 }  // namespace
 
 bool StatusNotifierItem::hostAvailable()
 {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected() || bus.interface() == nullptr ||
-        !bus.interface()->isServiceRegistered(QLatin1String(watcherService)).value()) {
+    if (isOnBus(shellService)) {
+        return true;
+    }
+    if (!isOnBus(watcherService)) {
         return false;
     }
+    QDBusConnection bus = QDBusConnection::sessionBus();
     return saysHostRegistered(bus.call(hostRegisteredQuery(), QDBus::Block, watcherTimeoutMs));
 }
 
@@ -127,7 +140,7 @@ std::unique_ptr<StatusNotifierItem> StatusNotifierItem::create(QMenu* menu, Stat
     if (!bus.registerService(item->service_)) {
         item->service_ = bus.baseService();
     }
-    item->registerWithWatcher();
+    item->registerItem();
     return item;
 }
 
@@ -139,20 +152,28 @@ StatusNotifierItem::StatusNotifierItem(QMenu* menu, StatusNotifierActions action
     registerTypes();
     watcher_ = new QDBusServiceWatcher(QLatin1String(watcherService), QDBusConnection::sessionBus(),
                                        QDBusServiceWatcher::WatchForOwnerChange, this);
+    watcher_->addWatchedService(QLatin1String(shellService));
     // A watcher that comes (a panel started after Lumora, a restarted one) gets the item anew; one that goes takes
-    // the icon with it.
+    // the icon with it. Lumora's extension coming takes the item from the watcher's host; its going gives it back.
     connect(watcher_, &QDBusServiceWatcher::serviceOwnerChanged, this,
-            [this](const QString&, const QString&, const QString& newOwner) {
-                if (newOwner.isEmpty()) {
-                    setRegistered(false);
-                } else {
-                    registerWithWatcher();
+            [this](const QString& service, const QString&, const QString& newOwner) {
+                const bool shell = service == QLatin1String(shellService);
+                if (newOwner.isEmpty() && shell != inShell_) {
+                    return;  // the one that went did not draw the item
                 }
+                if (newOwner.isEmpty() && !shell) {
+                    setRegistered(false);
+                    return;
+                }
+                if (shell && !newOwner.isEmpty() && registered_ && !inShell_) {
+                    leaveWatcher();
+                }
+                registerItem();
             });
     QDBusConnection::sessionBus().connect(QLatin1String(watcherService), QLatin1String(watcherPath),
                                           QLatin1String(watcherInterface),
                                           QStringLiteral("StatusNotifierHostRegistered"), this,
-                                          SLOT(registerWithWatcher()));
+                                          SLOT(registerItem()));
 }
 
 StatusNotifierItem::~StatusNotifierItem()
@@ -164,9 +185,34 @@ StatusNotifierItem::~StatusNotifierItem()
     }
 }
 
-// Registers, then asks whether a host draws the items; neither call blocks the event loop.
+// Registers with Lumora's extension where it runs, else with the watcher; no call blocks the event loop.
+void StatusNotifierItem::registerItem()
+{
+    if (isOnBus(shellService)) {
+        QDBusMessage call = QDBusMessage::createMethodCall(QLatin1String(shellService), QLatin1String(shellPath),
+                                                           QLatin1String(shellService),
+                                                           QStringLiteral("RegisterStatusNotifierItem"));
+        call << QLatin1String(itemPath);
+        auto* registering =
+            new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(call, watcherTimeoutMs), this);
+        connect(registering, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* registered) {
+            registered->deleteLater();
+            inShell_ = !registered->isError();
+            if (inShell_) {
+                setRegistered(true);
+            } else {
+                registerWithWatcher();  // an extension of an older Lumora, without the button
+            }
+        });
+        return;
+    }
+    registerWithWatcher();
+}
+
+// Registers, then asks whether a host draws the items.
 void StatusNotifierItem::registerWithWatcher()
 {
+    inShell_ = false;
     QDBusMessage call = QDBusMessage::createMethodCall(QLatin1String(watcherService), QLatin1String(watcherPath),
                                                        QLatin1String(watcherInterface),
                                                        QStringLiteral("RegisterStatusNotifierItem"));
@@ -192,11 +238,21 @@ void StatusNotifierItem::registerWithWatcher()
 void StatusNotifierItem::setRegistered(bool registered)
 {
     if (registered) {
-        globalPositions_ = !isWaybar(QDBusConnection::sessionBus());
+        globalPositions_ = inShell_ || !isWaybar(QDBusConnection::sessionBus());
     }
     registered_ = registered;
     if (actions_.availabilityChanged) {
         actions_.availabilityChanged(registered_);
+    }
+}
+
+// The watcher's host drops an item whose name leaves the bus: the name is given up and taken again.
+void StatusNotifierItem::leaveWatcher()
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (service_ != bus.baseService()) {
+        bus.unregisterService(service_);
+        bus.registerService(service_);
     }
 }
 

@@ -1,11 +1,14 @@
 #pragma once
 // Lumora's item in a StatusNotifier host (Plasma, GNOME's AppIndicator extension, waybar, Xfce's panel), over the
 // session bus: org.kde.StatusNotifierItem on /StatusNotifierItem under a name of its own, registered with the
-// session's org.kde.StatusNotifierWatcher, and again whenever a watcher (re)appears. The host draws the icon from
-// pixmaps in colour at several sizes (or from the theme's icon by name where the desktop has Lumora installed), shows
-// the menu exported over DBusMenu on /MenuBar itself, and calls Activate, SecondaryActivate and ContextMenu with
-// the click's position in its own global coordinates (0, 0 when it does not know it), which are handed on as
-// they come. ItemIsMenu is false: a click activates, the menu is for the right button.
+// session's org.kde.StatusNotifierWatcher, and again whenever a watcher (re)appears. Where Lumora's GNOME Shell
+// extension runs, the item is registered with it instead (org.lumora.Lumora.Shell), which draws it as a top-bar
+// button of its own: a click there activates the item, where GNOME's AppIndicator host would open the menu.
+// The host draws the icon from pixmaps in colour at several sizes (or from the theme's icon by name where the
+// desktop has Lumora installed), shows the menu exported over DBusMenu on /MenuBar itself, and calls Activate,
+// SecondaryActivate and ContextMenu with the click's position in its own global coordinates (0, 0 when it does not
+// know it), which are handed on as they come. ItemIsMenu is false: a click activates, the menu is for the right
+// button.
 
 #include <QDBusArgument>
 #include <QIcon>
@@ -70,7 +73,7 @@ public:
     static constexpr const char* itemPath = "/StatusNotifierItem";
     static constexpr const char* menuPath = "/MenuBar";
 
-    // True when the session bus has a watcher that says a host draws its items.
+    // True when the session bus has Lumora's GNOME Shell extension, or a watcher that says a host draws its items.
     static bool hostAvailable();
 
     // Exports the item and `menu` (not owned), and registers with the watcher when there is one. Absent without a
@@ -122,10 +125,12 @@ signals:
     void NewStatus(const QString& status);
 
 private slots:
-    void registerWithWatcher();
+    void registerItem();
 
 private:
     StatusNotifierItem(QMenu* menu, StatusNotifierActions actions);
+    void registerWithWatcher();
+    void leaveWatcher();
     void setRegistered(bool registered);
 
     StatusNotifierActions actions_;
@@ -138,6 +143,7 @@ private:
     QList<StatusNotifierIcon> pixmaps_;
     QString activationToken_;
     bool registered_ = false;
+    bool inShell_ = false;  // drawn by Lumora's GNOME Shell extension rather than the watcher's host
     bool globalPositions_ = true;
 };
 

@@ -23,6 +23,7 @@
 #include "Lumora/Platform/Linux/Desktop/DesktopInputs.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayChangeMonitor.h"
 #include "Lumora/Platform/Linux/Desktop/DisplayServer.h"
+#include "Lumora/Platform/Linux/Desktop/GnomeExtensionEnabler.h"
 #include "Lumora/Platform/Linux/Desktop/InputFocus.h"
 #include "Lumora/Platform/Linux/Desktop/OutsideClickWatcher.h"
 #include "Lumora/Platform/Linux/Desktop/ResumeMonitor.h"
@@ -239,6 +240,7 @@ void AppDelegate::applicationDidFinishLaunching()
     // The desktop's reader is set up now rather than at the first key: on KWin it loads a script whose reports of
     // the active window must have come in by then.
     DesktopInputs::session().read();
+    GnomeExtensionEnabler::start(this);
     hotkeys_ = std::make_unique<HotkeyService>(controller_);
     connect(hotkeys_.get(), &HotkeyService::adjusted, &osd_, &OnScreenDisplay::show);
     configurePanel();

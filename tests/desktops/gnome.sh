@@ -1,8 +1,10 @@
 # GNOME Shell 43, headless, on virtual monitors, X clients through XWayland (see desktop.sh): stock (no tray) as
-# gnome; as gnome-appindicator with the AppIndicator extension and Lumora's own, which takes Lumora's item from it
-# as a top-bar button of its own. The shell wants a system bus and, without logind, a mount namespace with an empty
-# /run/systemd (it then uses its stand-in login manager). A test extension turns on unsafe mode, so that Eval and
-# Screenshot answer: Clutter's virtual devices, made through Eval, point, click and type as the user's own do.
+# gnome; as gnome-appindicator as a user has it: the AppIndicator extension on and Lumora's installed where the
+# package puts it (a system data directory) but off, for Lumora to turn on at its first start; it then takes
+# Lumora's item from the AppIndicator extension as a top-bar button of its own. The shell wants a system bus and,
+# without logind, a mount namespace with an empty /run/systemd (it then uses its stand-in login manager). A test
+# extension turns on unsafe mode, so that Eval and Screenshot answer: Clutter's virtual devices, made through Eval,
+# point, click and type as the user's own do.
 
 desktop_name() { [[ $DESKTOP == *appindicator ]] && echo "GNOME Shell 43 + AppIndicator" || echo "GNOME Shell 43 (no tray)"; }
 desktop_tools() { echo gnome-shell unshare gdbus gsettings xprop xwininfo; }
@@ -22,8 +24,10 @@ desktop_start()
            \"shell-version\": [\"43\"]}" >"$ext/metadata.json"
     echo 'function init() { return { enable() { imports.ui.main.messageTray.bannerBlocked = true; global.context.unsafe_mode = true; }, disable() {} }; }' >"$ext/extension.js"
     if [[ $DESKTOP == *appindicator ]]; then
-        cp -r "$DESKTOP_DIR/../../data/gnome-shell-extension/lumora@lumora.org" "${ext%/*}/"
-        extensions+=", '$GNOME_APPINDICATOR', 'lumora@lumora.org'"
+        mkdir -p "$work/share/gnome-shell/extensions"
+        cp -r "$DESKTOP_DIR/../../data/gnome-shell-extension/lumora@lumora.org" "$work/share/gnome-shell/extensions/"
+        export XDG_DATA_DIRS="$work/share:${XDG_DATA_DIRS:-/usr/local/share:/usr/share}"
+        extensions+=", '$GNOME_APPINDICATOR'"
     fi
     chown -R "$DESKTOP_USER:" "$work/home"
 
@@ -50,6 +54,7 @@ desktop_start()
     desktop_wait_x 30 || { echo "desktop: XWayland does not answer on $DISPLAY" >&2; return 1; }
     if [[ $DESKTOP == *appindicator ]]; then
         wait_until 30 desktop_watcher || { echo "desktop: the AppIndicator extension is not on the bus" >&2; return 1; }
+        gnome_lumora_extension 6 || { echo "desktop: Lumora's extension is not installed and off" >&2; return 1; }
         DESKTOP_TRAY=1
     fi
     # The overview the shell opens at its start would cover the desktop.
@@ -58,6 +63,8 @@ desktop_start()
 }
 # desktop_items: the item Lumora's extension shows in the top bar (bus name and path), as desktop.sh names one.
 desktop_items() { gnome_eval "const b = Main.panel.statusArea.lumora; b ? b._owner + b._path : ''"; }
+# gnome_lumora_extension STATE: Lumora's extension is in that state (1 on, 2 turned off, 6 installed and never on).
+gnome_lumora_extension() { [[ $(gnome_eval "Main.extensionManager.lookup('lumora@lumora.org')?.state ?? 0") == "$1" ]]; }
 gnome_overview_hidden() { [[ $(gnome_eval "Main.overview.visible") == false ]]; }
 
 # gnome_eval JS: the value of JS in the shell, as a string; fails when the shell reports an error.

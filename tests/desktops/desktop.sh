@@ -99,7 +99,8 @@ desktop_bus()
 desktop_wait_x() { wait_until "$1" xprop -root _XKB_RULES_NAMES >/dev/null 2>&1; }
 
 # desktop_items: the StatusNotifier items the session's watcher lists, one a line (nothing without a watcher).
-desktop_items()
+desktop_items() { watcher_items; }
+watcher_items()
 {
     as_user gdbus call --session --dest org.kde.StatusNotifierWatcher --object-path /StatusNotifierWatcher \
         --method org.freedesktop.DBus.Properties.Get org.kde.StatusNotifierWatcher RegisteredStatusNotifierItems \

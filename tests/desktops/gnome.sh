@@ -61,8 +61,9 @@ desktop_start()
     gnome_eval 'Main.overview.hide(); true' >/dev/null
     wait_until 10 gnome_overview_hidden || { echo "desktop: the overview stays" >&2; return 1; }
 }
-# desktop_items: the item Lumora's extension shows in the top bar (bus name and path), as desktop.sh names one.
-desktop_items() { gnome_eval "const b = Main.panel.statusArea.lumora; b ? b._owner + b._path : ''"; }
+# desktop_items: the item Lumora's extension shows in the top bar (bus name and path), as desktop.sh names one, once
+# the AppIndicator extension shows it no more (Lumora registers there before it has turned its extension on).
+desktop_items() { [[ -z $(watcher_items) ]] && gnome_eval "const b = Main.panel.statusArea.lumora; b ? b._owner + b._path : ''"; }
 # gnome_lumora_extension STATE: Lumora's extension is in that state (1 on, 2 turned off, 6 installed and never on).
 gnome_lumora_extension() { [[ $(gnome_eval "Main.extensionManager.lookup('lumora@lumora.org')?.state ?? 0") == "$1" ]]; }
 gnome_overview_hidden() { [[ $(gnome_eval "Main.overview.visible") == false ]]; }

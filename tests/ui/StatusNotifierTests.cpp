@@ -1,6 +1,8 @@
 // The StatusNotifier item and its DBusMenu as a host sees them, over a private D-Bus daemon: a second connection
 // plays the host (it reads the properties and the layout, clicks menu items, activates the item) and, where a test
 // needs one, the watcher that a desktop's panel owns. Everything a host reads goes through the bus's marshalling.
+// On the same bus, a stand-in for GNOME Shell's extension interface answers Lumora's turning on of its extension
+// (the real shell runs in `make test-desktops`).
 
 #include <QAction>
 #include <QDBusArgument>
@@ -13,7 +15,9 @@
 #include <QDBusVirtualObject>
 #include <QIcon>
 #include <QMenu>
+#include <QSettings>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -22,6 +26,7 @@
 #include <optional>
 #include <utility>
 
+#include "Lumora/Platform/Linux/Desktop/GnomeExtensionEnabler.h"
 #include "Lumora/Platform/Linux/Desktop/StatusNotifierItem.h"
 #include "Lumora/UI/Symbols.h"
 #include "support/ChildProcess.h"
@@ -207,16 +212,79 @@ TEST(StatusNotifierItem, RegistersWithAWatcherThatComesLaterAndWithLumorasShellE
                           QStringLiteral("/org/lumora/Lumora/Shell"));
             ASSERT_TRUE(pumpUntil([&] { return !shell.registered.isEmpty(); })) << "the extension's button";
             // A round trip to the item: whatever it did on the extension's answer has reached the watcher by then.
-            property(item->serviceName(), QLatin1String(StatusNotifierItem::itemPath),
+            property(QDBusConnection::sessionBus().baseService(), QLatin1String(StatusNotifierItem::itemPath),
                      QStringLiteral("org.kde.StatusNotifierItem"), QStringLiteral("Status"));
             EXPECT_EQ(shell.registered, QStringList{QLatin1String(StatusNotifierItem::itemPath)});
             EXPECT_EQ(watcher.registered.size(), 1) << "not drawn twice: not registered with the watcher again";
+            EXPECT_FALSE(host().interface()->isServiceRegistered(item->serviceName()).value())
+                << "GNOME's AppIndicator host drops the icon only once the item's name stays away";
         }
         ASSERT_TRUE(pumpUntil([&] { return watcher.registered.size() == 2; }))
             << "the extension went: back to the watcher";
         EXPECT_TRUE(item->isRegistered());
     }
     ASSERT_TRUE(pumpUntil([&] { return clicks.available == false; })) << "the watcher went: the icon went with it";
+}
+
+// GNOME Shell's org.gnome.Shell.Extensions, reduced to what Lumora asks at its start.
+class GnomeShell : public Watcher {
+public:
+    bool userExtensions = true;
+    double state = 0;  // Lumora's extension's, as the shell numbers them; 0: not installed
+    int enabled = 0;   // EnableExtension calls for it
+
+    GnomeShell() : Watcher(host(), QStringLiteral("org.gnome.Shell"), QStringLiteral("/org/gnome/Shell")) {}
+    bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override
+    {
+        QVariantMap info;
+        if (state != 0 && message.arguments().value(0) == QStringLiteral("lumora@lumora.org"))
+            info = {{QStringLiteral("uuid"), message.arguments().value(0)}, {QStringLiteral("state"), state}};
+        const QString member = message.member();
+        const bool enable = member == QLatin1String("EnableExtension") && !info.isEmpty();
+        enabled += enable ? 1 : 0;
+        const QVariant answer = member == QLatin1String("Get") ? QVariant::fromValue(QDBusVariant(userExtensions))
+                                : member == QLatin1String("GetExtensionInfo") ? QVariant(info)
+                                                                               : QVariant(enable);
+        return connection.send(message.createReply(answer));
+    }
+};
+
+TEST(GnomeExtensionEnabler, TurnsLumorasExtensionOnOnceWhereItIsInstalledOffAndUserExtensionsAreOn)
+{
+    QTemporaryDir config;
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, config.path());
+    struct Case {
+        const char* what;
+        bool userExtensions;
+        double state;
+        bool doneBefore;
+        int enabled;
+        bool recorded;
+    } const cases[] = {
+        {"installed and never on: turned on", true, 6, false, 1, true},
+        {"turned off by the user after Lumora turned it on: left off", true, 2, true, 0, true},
+        {"on already: recorded, so that the user's later off stands", true, 1, false, 0, true},
+        {"not installed (run from a build tree)", true, 0, false, 0, false},
+        {"the user's extensions are off", false, 6, false, 0, false},
+    };
+    const auto settings = [] {
+        return std::make_unique<QSettings>(QStringLiteral("Lumora"), QStringLiteral("Lumora"));
+    };
+    const QString key = QStringLiteral("gnomeShellExtensionTurnedOn");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        settings()->clear();
+        if (c.doneBefore)
+            settings()->setValue(key, true);
+        GnomeShell shell;
+        shell.userExtensions = c.userExtensions;
+        shell.state = c.state;
+        QObject app;
+        GnomeExtensionEnabler::start(&app);
+        ASSERT_TRUE(pumpUntil([&] { return app.findChildren<GnomeExtensionEnabler*>().isEmpty(); }));
+        EXPECT_EQ(shell.enabled, c.enabled);
+        EXPECT_EQ(settings()->value(key).toBool(), c.recorded);
+    }
 }
 
 TEST(DBusMenu, TheStatusMenuAsHostsDrawItAndItsItemsWorkThroughTheExport)

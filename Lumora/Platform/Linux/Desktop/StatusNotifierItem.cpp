@@ -218,6 +218,9 @@ void StatusNotifierItem::registerWithWatcher()
                                                        QStringLiteral("RegisterStatusNotifierItem"));
     call << service_;
     QDBusConnection bus = QDBusConnection::sessionBus();
+    if (service_ != bus.baseService()) {
+        bus.registerService(service_);  // given up while Lumora's extension drew the item
+    }
     auto* registering = new QDBusPendingCallWatcher(bus.asyncCall(call, watcherTimeoutMs), this);
     connect(registering, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* registered) {
         registered->deleteLater();
@@ -246,13 +249,13 @@ void StatusNotifierItem::setRegistered(bool registered)
     }
 }
 
-// The watcher's host drops an item whose name leaves the bus: the name is given up and taken again.
+// The watcher's host drops an item whose name leaves the bus, GNOME's AppIndicator host only once it has stayed away
+// for half a second: the name is given up while Lumora's extension draws the item, and taken again for a watcher.
 void StatusNotifierItem::leaveWatcher()
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (service_ != bus.baseService()) {
-        bus.unregisterService(service_);
-        bus.registerService(service_);
+        bus.unregisterService(service_);  // for as long as the extension draws the item
     }
 }
 

@@ -40,8 +40,9 @@ test-desktops: release
 	@bash scripts/install-desktop-deps.sh
 	timeout -k 10 1000 bash tests/desktops/run.sh $(RELEASE) $(DESKTOPS)
 
-# The monitor the user works on, on real Wayland desktops started headless: StepDisplayInUse and the on-screen
-# display with a native window on one output and the pointer on the other; prints the lookup's and the OSD's times.
+# The monitor the user works on, on real Wayland desktops started headless: StepDisplayInUse, a brightness key through
+# the key service and the on-screen display with a native window, then an X11 one, on one output and the pointer on
+# the other; prints a key's time until its value is on the wire, and the lookup's and the OSD's.
 DESKTOPS_IN_USE ?= sway gnome kde
 test-desktops-in-use: release
 	@bash scripts/install-desktop-deps.sh

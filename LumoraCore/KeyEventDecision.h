@@ -59,7 +59,8 @@ namespace KeyEventDecision {
 constexpr double stepSize = 0.0625;
 
 // Whether the event is a brightness key going down, by a press or an auto-repeat: the only events that ask where
-// they belong. Key-ups, other keys and every other kind of event never do, and always go on.
+// they belong. Key-ups, other keys and every other kind of event never do: they go on, except the key-up of a
+// press that was consumed, which the desktop must not see either.
 bool isBrightnessPress(const KeyEvent& event);
 
 // The complete outcome, given where the press belongs: the resolver's decision for the display in use

@@ -1,6 +1,7 @@
 #include "LumoraKeys/KeyDevices.h"
 
 #include <fcntl.h>
+#include <libudev.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <system_error>
 
@@ -62,10 +64,28 @@ std::string resolved(const fs::path& path)
     return buffer;
 }
 
+// The seat udev assigned the event node to: ID_SEAT on it or on the nearest device above it that has one (as
+// logind reads it); none is seat0.
+std::string seatOf(udev* context, const std::string& eventSyspath)
+{
+    std::string seat = "seat0";
+    udev_device* node = context != nullptr ? udev_device_new_from_syspath(context, eventSyspath.c_str()) : nullptr;
+    for (udev_device* d = node; d != nullptr; d = udev_device_get_parent(d)) {
+        if (const char* value = udev_device_get_property_value(d, "ID_SEAT"); value != nullptr && *value != '\0') {
+            seat = value;
+            break;
+        }
+    }
+    if (node != nullptr)
+        udev_device_unref(node);
+    return seat;
+}
+
 }  // namespace
 
 std::vector<KeyDevice> KeyDevices::list()
 {
+    std::unique_ptr<udev, decltype(&udev_unref)> context(udev_new(), udev_unref);
     std::vector<std::pair<unsigned, KeyDevice>> found;
     std::error_code error;
     for (fs::directory_iterator it(inputClass, error), end; !error && it != end; it.increment(error)) {
@@ -84,6 +104,7 @@ std::vector<KeyDevice> KeyDevices::list()
         key.isVirtual = key.syspath.rfind("/sys/devices/virtual/", 0) == 0;
         key.node = "/dev/input/" + entry;
         key.name = readText(device / "name");
+        key.seat = seatOf(context.get(), resolved(inputClass / entry));
         found.emplace_back(*number, std::move(key));
     }
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });

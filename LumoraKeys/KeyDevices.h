@@ -17,6 +17,7 @@ struct KeyDevice {
     std::string name;     // "AT Translated Set 2 keyboard"
     KeyCapabilities keys;
     bool isVirtual = false;  // made by a program through uinput (under /sys/devices/virtual): a twin, or another's
+    std::string seat = "seat0";  // the seat udev assigned it to (ID_SEAT, of the device or the nearest parent)
 };
 
 namespace KeyDevices {

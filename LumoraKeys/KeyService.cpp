@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -75,8 +76,12 @@ struct Service {
             if (tap == nullptr)
                 return false;
         }
-        const std::lock_guard<std::mutex> lock(clientMutex);
-        client = std::move(attached);
+        const int socket = attached->fd();
+        {
+            const std::lock_guard<std::mutex> lock(clientMutex);
+            client = std::move(attached);
+        }
+        tap->listen(socket, [this, socket, into = tap.get()] { return decisionsArrived(*into, socket); });
         return true;
     }
 
@@ -91,16 +96,21 @@ struct Service {
         idleSince = Clock::now();
     }
 
-    void decisionsArrived()
+    // Capture thread, as soon as the client's socket is readable: settles what it decided. A client that hangs up or
+    // breaks the protocol is shut out; the main thread sees its socket hang up and lets the keys go.
+    bool decisionsArrived(KeyTap& into, int socket)
     {
         const std::shared_ptr<AttachedClient> from = current();
+        if (from == nullptr || from->fd() != socket)
+            return false;
         const auto decisions = from->receive();
         if (!decisions) {
-            detach();
-            return;
+            ::shutdown(socket, SHUT_RDWR);
+            return false;
         }
         for (const KeyProtocol::Decision& decision : *decisions)
-            tap->settle(decision.id, [&] { return decision.consume; });
+            into.settle(decision.id, [&] { return decision.consume; });
+        return true;
     }
 
     void seatsChanged()
@@ -180,6 +190,9 @@ int onAttach(sd_bus_message* call, void* userdata, sd_bus_error* error)
     if (!session || !Authorization::isActive(service.bus, *session))
         return sd_bus_error_set(error, "org.lumora.Keys1.Error.NotActive",
                                 "The brightness keys go only to the active session of a seat");
+    if (session->seat != "/org/freedesktop/login1/seat/" + std::string(KeyTap::servedSeat))
+        return sd_bus_error_set(error, "org.lumora.Keys1.Error.OtherSeat",
+                                "The brightness keys are served on seat0 only");
 
     auto request = std::make_unique<PendingAttach>();
     request->service = &service;
@@ -270,13 +283,13 @@ int runKeyService(const KeyServiceOptions& options)
         if (exitAt && (!wakeAt || *exitAt < *wakeAt))
             wakeAt = exitAt;
         const std::shared_ptr<AttachedClient> client = service.current();
+        // The client's decisions are read by the capture thread; here only its hanging up is watched.
         pollfd fds[2] = {{sd_bus_get_fd(service.bus), short(sd_bus_get_events(service.bus)), 0},
-                         {client != nullptr ? client->fd() : -1, POLLIN, 0}};
+                         {client != nullptr ? client->fd() : -1, 0, 0}};
         if (::poll(fds, 2, millisecondsUntil(wakeAt)) < 0 && errno != EINTR)
             break;
-        if (client != nullptr && (fds[1].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0 &&
-            client == service.current())
-            service.decisionsArrived();
+        if (client != nullptr && (fds[1].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0 && client == service.current())
+            service.detach();
     }
     // Leaves the name first, so that the next attach starts a new instance instead of waiting on this one.
     sd_bus_release_name(service.bus, busName);

@@ -95,6 +95,7 @@ struct Device {
     bool syncing = false;                // reading libevdev's resynchronisation after SYN_DROPPED
     std::vector<input_event> frame;      // the frame being read
     std::deque<Frame> waiting;           // frames behind an undecided press, oldest first
+    std::vector<std::uint16_t> heldAway; // brightness keys whose press was consumed: their key-up stays here too
 
     ~Device()
     {
@@ -130,6 +131,8 @@ struct KeyTap::Impl {
     mutable std::mutex mutex;
     std::unordered_map<std::uint64_t, PressState> presses;
     bool stopping = false;
+    int decisions = -1;  // see listen()
+    std::function<bool()> decisionsReady;
 
     ~Impl()
     {
@@ -176,6 +179,8 @@ struct KeyTap::Impl {
     {
         altKeyboards.clear();
         for (const KeyDevice& device : KeyDevices::list()) {
+            if (device.seat != KeyTap::servedSeat)
+                continue;  // another seat's user types on it: neither taken nor looked at
             if (device.keys.hasAlt() && !isOwnTwin(device))
                 altKeyboards.push_back(device.node);
             if (!device.keys.hasBrightnessKeys() || device.isVirtual || attached(device))
@@ -372,7 +377,7 @@ struct KeyTap::Impl {
             }
         }
         if (frame.presses.empty() && device.waiting.empty()) {
-            device.broken = device.broken || !forward(device, frame.events);
+            send(device, frame.events, {});
             return;
         }
         frame.deadline = Clock::now() + decisionDeadline;
@@ -405,22 +410,44 @@ struct KeyTap::Impl {
                     presses.erase(id);
                 }
             }
-            std::vector<input_event> out;
-            bool content = false;
-            for (std::size_t i = 0; i < frame.events.size(); ++i) {
-                const bool dropped =
-                    std::find(consumed.begin(), consumed.end(), i) != consumed.end() ||
-                    (frame.events[i].type == EV_MSC && frame.events[i].code == MSC_SCAN &&
-                     std::find(consumed.begin(), consumed.end(), i + 1) != consumed.end());
-                if (dropped)
-                    continue;
-                out.push_back(frame.events[i]);
-                content = content || !isReport(frame.events[i]);
-            }
-            if (content && device.clone != nullptr && device.grabbed)
-                device.broken = device.broken || !forward(device, out);
+            if (device.clone != nullptr && device.grabbed)
+                send(device, frame.events, consumed);
             device.waiting.pop_front();
         }
+    }
+
+    // Sends a frame on to the twin, leaving out the consumed presses (by index) and the key-ups of brightness keys
+    // whose press was consumed, each with its scan code: the desktop never saw those keys go down. A press that goes
+    // on puts its key back in the desktop's hands.
+    void send(Device& device, const std::vector<input_event>& events, const std::vector<std::size_t>& consumed)
+    {
+        std::vector<bool> dropped(events.size(), false);
+        for (std::size_t i = 0; i < events.size(); ++i) {
+            const input_event& e = events[i];
+            if (e.type != EV_KEY)
+                continue;
+            const auto held = std::find(device.heldAway.begin(), device.heldAway.end(), e.code);
+            if (std::find(consumed.begin(), consumed.end(), i) != consumed.end()) {
+                dropped[i] = true;
+                if (e.value == InputCode::valueDown && held == device.heldAway.end())
+                    device.heldAway.push_back(e.code);
+            } else if (held != device.heldAway.end() && e.value != InputCode::valueRepeat) {
+                dropped[i] = e.value == InputCode::valueUp;
+                device.heldAway.erase(held);
+            }
+            if (dropped[i] && i > 0 && events[i - 1].type == EV_MSC && events[i - 1].code == MSC_SCAN)
+                dropped[i - 1] = true;
+        }
+        std::vector<input_event> out;
+        bool content = false;
+        for (std::size_t i = 0; i < events.size(); ++i) {
+            if (dropped[i])
+                continue;
+            out.push_back(events[i]);
+            content = content || !isReport(events[i]);
+        }
+        if (content)
+            device.broken = device.broken || !forward(device, out);
     }
 
     // Reads what the device has. False when the device is gone.
@@ -492,7 +519,14 @@ struct KeyTap::Impl {
     void run()
     {
         for (;;) {
-            std::vector<pollfd> fds{{wake, POLLIN, 0}, {inotify, POLLIN, 0}};
+            int source = -1;
+            std::function<bool()> ready;
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                source = decisions;
+                ready = decisionsReady;
+            }
+            std::vector<pollfd> fds{{wake, POLLIN, 0}, {inotify, POLLIN, 0}, {source, POLLIN, 0}};
             std::vector<std::pair<Device*, bool>> polled;  // the device, and whether it is its clone's descriptor
             for (const auto& device : devices) {
                 fds.push_back({device->fd, POLLIN, 0});
@@ -516,10 +550,15 @@ struct KeyTap::Impl {
                 if (stopping)
                     return;
             }
+            if (fds[2].revents != 0 && !ready()) {
+                const std::lock_guard<std::mutex> lock(mutex);
+                if (decisions == source)
+                    decisions = -1;
+            }
             // Devices first: what they hold was typed before anything the watch reports.
             std::vector<Device*> gone;
-            for (std::size_t i = 2; i < fds.size(); ++i) {
-                auto [device, clone] = polled[i - 2];
+            for (std::size_t i = 3; i < fds.size(); ++i) {
+                auto [device, clone] = polled[i - 3];
                 if (std::find(gone.begin(), gone.end(), device) != gone.end())
                     continue;
                 if (clone && (fds[i].revents & POLLIN) != 0)
@@ -574,6 +613,16 @@ std::unique_ptr<KeyTap> KeyTap::create(OnPress onPress)
 KeyTap::KeyTap(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 KeyTap::~KeyTap() = default;
+
+void KeyTap::listen(int fd, std::function<bool()> ready)
+{
+    {
+        const std::lock_guard<std::mutex> lock(impl_->mutex);
+        impl_->decisions = fd;
+        impl_->decisionsReady = std::move(ready);
+    }
+    impl_->signal();
+}
 
 bool KeyTap::settle(std::uint64_t press, const std::function<bool()>& decide)
 {

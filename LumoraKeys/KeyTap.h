@@ -21,6 +21,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "LumoraCore/KeyEventDecision.h"
 
@@ -39,6 +40,10 @@ public:
 
     static constexpr std::chrono::milliseconds decisionDeadline{250};
 
+    // The one seat whose devices are taken. A twin made through uinput has no seat of its own, so udev gives it to
+    // seat0: a keyboard of another seat taken and twinned would type into seat0's session.
+    static constexpr std::string_view servedSeat = "seat0";
+
     // Nothing when /dev/uinput cannot be opened for writing or the watch on /dev/input cannot be set up. A device
     // that cannot be opened is left alone; the others are taken. `onPress` runs on a reading thread: it must hand the
     // press over and return.
@@ -52,6 +57,11 @@ public:
     // unknown id), then consumes the press when it returned true and passes it on otherwise. Returns whether
     // `decide` ran.
     bool settle(std::uint64_t press, const std::function<bool()>& decide);
+
+    // Where decisions come from: the reading thread watches `fd` itself and runs `ready` as soon as it is readable,
+    // so that a decision reaches the waiting key without a detour through another thread. `ready` reads and settles
+    // what has come; it returns false when the source is finished with, and then is not run again. -1: none.
+    void listen(int fd, std::function<bool()> ready);
 
     struct Impl;
 

@@ -131,7 +131,6 @@ letters H E L L O
 work_at 2300 300 || abort "no window on the DELL"
 key KEY_BRIGHTNESSUP 1
 key KEY_BRIGHTNESSUP 0
-EXPECTED+=("KEY_BRIGHTNESSUP 0")
 check "DELL at 56 (50 + 6.25)" wait_until 10 equals 56 dell_brightness
 check "LG untouched at 70" equals 70 desk_value brightness "$LG"
 letters W O R L D
@@ -142,7 +141,6 @@ key KEY_BRIGHTNESSUP 2
 key KEY_BRIGHTNESSUP 2
 key KEY_BRIGHTNESSUP 2
 key KEY_BRIGHTNESSUP 0
-EXPECTED+=("KEY_BRIGHTNESSUP 0")
 check "DELL four sixteenths up: 81" wait_until 10 equals 81 dell_brightness
 
 step "Alt+F1 puts the DELL into standby, Alt+F2 wakes it at full"
@@ -156,7 +154,7 @@ check "DELL on again (D6 = 01)" wait_until 10 equals 1 dell_power
 check "DELL at full brightness" wait_until 10 equals 100 dell_brightness
 key KEY_BRIGHTNESSUP 0
 key KEY_LEFTALT 0
-EXPECTED+=("KEY_BRIGHTNESSDOWN 0" "KEY_BRIGHTNESSUP 0" "KEY_LEFTALT 0")
+EXPECTED+=("KEY_LEFTALT 0")
 letters O K
 
 step "F1 with the window on the built-in panel goes on unchanged, and nothing is written"
@@ -169,7 +167,6 @@ letters A
 work_at 2300 300 || abort "no window on the DELL"
 key KEY_BRIGHTNESSDOWN 1
 key KEY_BRIGHTNESSDOWN 0
-EXPECTED+=("KEY_BRIGHTNESSDOWN 0")
 check "DELL one sixteenth down from full: 94" wait_until 10 equals 94 dell_brightness
 letters B Y E
 
@@ -192,7 +189,7 @@ CLONE=$(inputs | grep '"what":"write"' | grep '"code":"KEY_H"' | head -1 | sed '
 check "the laptop keyboard had a clone ($CLONE)" test -n "$CLONE"
 mapfile -t GOT < <(inputs | grep '"what":"write"' | grep "\"device\":\"$CLONE\"" | grep '"type":"EV_KEY"' |
     sed 's/.*"code":"\([^"]*\)","value":\([0-9-]*\).*/\1 \2/')
-check "every key went on unchanged and in order; of the brightness keys Lumora acted on, only the key-ups (${#GOT[@]} key events, ${#EXPECTED[@]} expected)" \
+check "every key went on unchanged and in order; of the brightness keys Lumora acted on, nothing, not even their key-ups (${#GOT[@]} key events, ${#EXPECTED[@]} expected)" \
     test "${GOT[*]}" == "${EXPECTED[*]}"
 if [[ "${GOT[*]}" != "${EXPECTED[*]}" ]]; then
     echo "   expected: ${EXPECTED[*]}"

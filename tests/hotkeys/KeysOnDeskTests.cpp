@@ -191,8 +191,10 @@ TEST_F(KeysOnDesk, AltHeldOnTheSameKeyboardsOtherInterfaceIsOption)
     press(consumer, KEY_BRIGHTNESSUP);
     ASSERT_TRUE(pumpUntil([&] { return desk.powerMode(dell) == 1 && desk.brightness(dell) == 6; }, 10s))
         << "without Alt: awake at one sixteenth up from the 0 shown in standby";
+    press(consumer, KEY_MUTE);  // goes on, behind anything still held back
     ASSERT_TRUE(passedOnCount(consumer, 6));
-    EXPECT_THAT(passedOn(consumer), framesOf({{KEY_BRIGHTNESSDOWN, 0}, {KEY_BRIGHTNESSUP, 0}}));
+    EXPECT_THAT(passedOn(consumer), framesOf({{KEY_MUTE, 1}, {KEY_MUTE, 0}}))
+        << "a consumed press's key-up stays back with it";
 }
 
 TEST_F(KeysOnDesk, KeysTypedRightAfterABrightnessKeyWaitBehindIt)
@@ -205,9 +207,9 @@ TEST_F(KeysOnDesk, KeysTypedRightAfterABrightnessKeyWaitBehindIt)
     QCursor::setPos(onDell);
     press(laptop, KEY_BRIGHTNESSUP);
     press(laptop, KEY_Y);
-    ASSERT_TRUE(passedOnCount(laptop, 3 * 7));
+    ASSERT_TRUE(passedOnCount(laptop, 3 * 6));
     EXPECT_THAT(passedOn(laptop), framesOf({{KEY_BRIGHTNESSDOWN, 1}, {KEY_BRIGHTNESSDOWN, 0}, {KEY_X, 1}, {KEY_X, 0},
-                                            {KEY_BRIGHTNESSUP, 0}, {KEY_Y, 1}, {KEY_Y, 0}}));
+                                            {KEY_Y, 1}, {KEY_Y, 0}}));
 }
 
 TEST_F(KeysOnDesk, AKeyboardIsTakenOnlyOnceNoKeyIsHeldOnIt)
@@ -244,10 +246,15 @@ TEST_F(KeysOnDesk, LostEventsAreRecoveredFromTheKeyboardsState)
 
 TEST_F(KeysOnDesk, KeyboardsPluggedInLaterAreTakenAndTheirClonesGoWithThem)
 {
+    // A second seat's keyboard comes first: its user types into another session, which a twin would not reach.
+    const std::string otherSeat =
+        desk.addKeyboard({"Seat Two Keyboard Consumer Control", "consumer", -1, "0660", std::nullopt, {}, "seat1"});
     const std::string second =
         desk.addKeyboard({"Keychron K2 Consumer Control", "consumer", -1, "0660", std::nullopt, {}});
     desk.setAccess(second, "0660");  // as udev does once the node is there: its group, mode and access list
     ASSERT_TRUE(desk.waitFor([&] { return desk.grabbed(second) && desk.clones().size() == 4; }, 5s));
+    EXPECT_FALSE(desk.grabbed(otherSeat));
+    EXPECT_EQ(desk.openCount(otherSeat), 0) << "another seat's keyboard is not even looked at";
     QCursor::setPos(onDell);
     press(second, KEY_BRIGHTNESSUP);
     ASSERT_TRUE(dellAt(56));

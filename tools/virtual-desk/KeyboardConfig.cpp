@@ -45,7 +45,7 @@ std::string mode(const nlohmann::json& j, const std::string& where)
 
 KeyboardConfig parseKeyboard(const nlohmann::json& j, const std::string& where)
 {
-    onlyKeys(j, where, {"name", "kind", "event", "mode", "keys", "switches"});
+    onlyKeys(j, where, {"name", "kind", "event", "mode", "keys", "switches", "seat"});
     KeyboardConfig k;
     if (!j.contains("name") || !j["name"].is_string() || j["name"].get<std::string>().empty())
         fail(where + ".name", "required, e.g. \"AT Translated Set 2 keyboard\"");
@@ -89,6 +89,11 @@ KeyboardConfig parseKeyboard(const nlohmann::json& j, const std::string& where)
                 fail(where + ".switches[" + std::to_string(i) + "]", "expected a switch code 0..16");
             k.switches.push_back(v.get<int>());
         }
+    }
+    if (j.contains("seat")) {
+        if (!j["seat"].is_string() || j["seat"].get<std::string>().rfind("seat", 0) != 0)
+            fail(where + ".seat", "expected a seat name such as \"seat1\"");
+        k.seat = j["seat"].get<std::string>();
     }
     return k;
 }

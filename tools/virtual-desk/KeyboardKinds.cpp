@@ -133,6 +133,8 @@ KeyboardModel keyboardModel(const KeyboardConfig& k, int unit)
         caps.ev.set(EV_SW);
     for (int sw : k.switches)
         caps.sw.set(sw);
+    if (!k.seat.empty())
+        m.udevProperties.push_back("ID_SEAT=" + k.seat);
     return m;
 }
 

@@ -136,6 +136,7 @@ struct KeyboardConfig {
                                            // the group or other bits allow reading ("0600" denies it)
     std::optional<std::vector<int>> keys;  // replaces the kind's key codes
     std::vector<int> switches;             // switch codes it also reports (SW_DOCK, SW_TABLET_MODE, ...), all open
+    std::string seat;                      // the seat udev gives it (ID_SEAT, "seat1"); empty: none, which is seat0
 };
 
 // /dev/uinput. The session user may write it when the group or other bits allow writing ("0600" denies it).

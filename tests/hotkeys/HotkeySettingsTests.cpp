@@ -52,11 +52,11 @@ std::size_t asked()
 
 TEST(SettingsSection, SwitchedOnWithoutAccessItWarnsAndAsksUntilAccessComes)
 {
+    VirtualDesk::Desk desk{VirtualDesk::DeskConfig::defaultDesk()};
     storeSetting(std::nullopt);
     keyBus->useDesk();
     keyBus->allow(false);
     keyBus->forgetAuthorizationChecks();
-    VirtualDesk::Desk desk{VirtualDesk::DeskConfig::defaultDesk()};
     Lumora::DisplayController controller{[] { return std::vector<Lumora::DisplayInfo>{}; }};
     auto service = std::make_unique<Lumora::HotkeyService>(controller);
     auto view = std::make_unique<Lumora::PopoverView>(controller, *service);

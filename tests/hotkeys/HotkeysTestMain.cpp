@@ -10,15 +10,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "HotkeysTestEnvironment.h"
 
-namespace LumoraTest {
-
-KeyServiceBus* keyBus = nullptr;
-
-}  // namespace LumoraTest
+LumoraTest::KeyServiceBus* LumoraTest::keyBus = nullptr;
 
 int main(int argc, char** argv)
 {

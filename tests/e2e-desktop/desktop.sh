@@ -112,6 +112,7 @@ desk brightness card0-HDMI-A-1 33 >/dev/null
 POWER_AT=$(desk_value transactions)
 check "every call answered" equals "1001 replies, 0 errors" client burst 1001 TogglePower 103
 check "an odd number of toggles from on: shown off" equals "0.0000 false" shown 103
+check "DP-1 in standby (D6 = 04)" wait_until 15 equals 4 desk_value power card0-DP-1
 check "the run is read back once, 2 s after the last call" wait_until 15 equals "0.3300 true" shown 110
 check "DP-1 still shown off, in standby" equals "0.0000 false 4" eval 'echo $(shown 103) $(desk_value power card0-DP-1)'
 POWER_TO=$(desk_value transactions)

@@ -76,7 +76,7 @@ bench: release
 # The tray application on the virtual desk (emulated monitors and a laptop panel): in your X session when there is
 # one, else on a virtual desktop, with a screenshot of the open panel.
 demo: release
-	bash tests/e2e-desktop/demo.sh $(RELEASE)
+	bash scripts/demo.sh $(RELEASE)
 
 # The probe on the virtual desk: what `LUMORA_PROBE=1 lumora` reports there.
 demo-probe: release

@@ -1,7 +1,7 @@
 // The brightness keys' service as a state machine over the stored setting and the key service's answer (polkit's
 // authorization, logind's active session): off, waiting for permission, active (the keyboards taken by
 // lumora-keys); what a launch and a switch store and publish, the keys following the active session, which devices
-// are taken and the state their twins start in. (The grant from polkit, half a second later: brightness-keys.sh.)
+// are taken and the state their twins start in. (The grant from polkit, half a second later: display-in-use.sh.)
 
 #include <gtest/gtest.h>
 

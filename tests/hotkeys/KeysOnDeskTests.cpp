@@ -1,5 +1,5 @@
 // The brightness keys through the key service on the virtual desk, for what the desktop end-to-end test
-// (brightness-keys.sh) does not show: Alt held on another keyboard, keys typed while a brightness key is being
+// (display-in-use.sh) does not show: Alt held on another keyboard, keys typed while a brightness key is being
 // decided, a keyboard with a key held when it is to be taken, lost events, keyboards plugged in later, switching
 // off, a client that never answers, and either end dying in the middle of a press. lumora-keys (started by the test's system bus) over the desk's emulated keyboards and
 // uinput, the real HotkeyService and controller over its emulated monitors, on an offscreen desktop whose screens
@@ -290,7 +290,7 @@ TEST_F(KeysOnDesk, AClientThatNeverAnswersCostsOneKeyTheBoundNotTheKeyboard)
     EXPECT_THAT(desk.heldKeys(cloneOf(laptop)), IsEmpty());
 }
 
-// (Lumora's end dying: brightness-keys.sh.)
+// (Lumora's end dying: display-in-use.sh.)
 TEST_F(KeysOnDesk, TheServiceDyingInTheMiddleOfAPressLeavesNothingHeldOrTaken)
 {
     QCursor::setPos(onDell);

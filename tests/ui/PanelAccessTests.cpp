@@ -1,7 +1,7 @@
 // The panel without a mouse and for assistive technology: Tab walks every control in order, the focused slider
 // steps under the arrow and Page keys (each step a brightness request); every control has an accessible name and
 // the sliders a value in percent; with many displays the rows scroll under a height limit, the footer stays in view
-// and Tab scrolls the focused row into view. (The looks following the desktop's palette: e2e_desktop_looks.)
+// and Tab scrolls the focused row into view. (The looks following the desktop's palette: e2e_desktop.)
 
 #include <QAccessible>
 #include <QAccessibleValueInterface>

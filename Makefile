@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Lumora: `make run` builds and starts the application, `make test` builds and runs the whole suite.
 # Each target installs the Debian packages that are missing first (scripts/install-deps.sh).
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # `make demo`: the tray application on the virtual desk (two emulated DDC/CI monitors and a laptop panel).
 #
 #   demo.sh BUILD_DIR [SCREENSHOT]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The built-in panel's backlight on an emulated sysfs tree (the test runs under umockdev-wrapper): which device,
 // reads, sysfs writes, the once-per-process DisplayServices binding with InternalBackend, and the logind write path
 // against python-dbusmock on a private bus.

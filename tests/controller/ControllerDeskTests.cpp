@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The controller end to end on the virtual desk, with the real enumerator and backends: what reaches the monitors
 // on the wire for requests during a held write, the power toggle, a monitor unplugged in standby, a refresh behind
 // a write. (What is shown at once, and the toggle's restore, are decided above the wire: ControllerRuleTests.)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The controller's rules, against test monitors whose calls can be held at a gate: what is shown at once, what
 // reaches a monitor, which backend a write loop uses, the power toggle's restore, the order of refreshes, and the
 // serial queue under all of it. What reaches real monitors on the wire is tested on the virtual desk.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Stress: random slider drags, steps, Option keys, power toggles and refreshes on four emulated monitors that
 // behave as real ones do (busy after a Set, null messages, silent in standby, slow to wake), first while they are
 // unplugged and plugged back and misbehave at random (null messages, bad checksums, silence, ignoring requests

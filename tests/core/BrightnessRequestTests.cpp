@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Which values a request from outside the panel may carry, and what it is told when it may not, up to the last
 // double on either side of each range.
 

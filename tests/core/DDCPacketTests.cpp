@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The DDC/CI bytes: requests, the reply check, and the VCP code tables.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Which adapters are display buses: names as real drivers give them.
 
 #include <gtest/gtest.h>

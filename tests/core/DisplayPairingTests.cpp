@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Pairing external displays with DDC services by EDID identity: the score, then the greedy choice.
 
 #include <gtest/gtest.h>

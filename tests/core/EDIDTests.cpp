@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // A display's identity from its EDID base block.
 
 #include <gtest/gtest.h>

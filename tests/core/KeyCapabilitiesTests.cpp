@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The keys a device reports, from the text the kernel prints in sysfs.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Which display a brightness key is about: half-open frames, the largest window share, the earliest on a tie.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // DDC/CI, backends and enumeration over the real Linux interfaces (i2c-dev ioctls, sysfs), served by the virtual
 // desk's emulated monitors, which behave as real ones do (its realistic profile and variants): busy after a Set,
 // null messages, silent in standby, slow to wake. DDCService's transactions run unchanged above the transport; what

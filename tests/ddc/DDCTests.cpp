@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // DDC/CI transactions and the DDC backend over a transport that records every hold of the bus, pause, write and
 // read: the exact bytes, order and pauses, the retries, the bus held per exchange, and the scaling by the monitor's
 // maximum. The virtual desk tests carry the same traffic over i2c-dev; these keep the corners a real wire cannot

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # GNOME Shell 43, headless, on virtual monitors, X clients through XWayland (see desktop.sh): stock (no tray) as
 # gnome; as gnome-appindicator with the AppIndicator extension and Lumora's own, which takes Lumora's item from it
 # as a top-bar button of its own. The shell wants a system bus and, without logind, a mount namespace with an empty

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-or-later
 # A client of Lumora's session bus interface for what gdbus cannot do from a shell. Every wait is bounded.
 #   displays                   each display: id, brightness, on, canPowerOff, name (tab-separated)
 #   watch FILE                 the Displays of every PropertiesChanged, a JSON line each (FILE.ready once it listens)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # The end-to-end scenarios' shared frame, sourced with LUMORA VIRTUAL_DESK ARTIFACT_DIR first: the desktop session,
 # a work directory, counted checks, screenshots kept as artefacts, the virtual desk's control, calls on Lumora's session
 # bus interface. A scenario ends with finish (status 0 or 1), or 77 when there is no Xvfb.

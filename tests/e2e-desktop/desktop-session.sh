@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # A small X11 desktop to drive the tray application from outside (Xvfb, openbox, trayer), and helpers that find
 # Lumora's windows, wait with deadlines and read pixels. Every process started here is recorded and ended by
 # session_stop (call it from an EXIT trap). Needs Xvfb openbox trayer xdotool x11-utils imagemagick.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # The tray application end to end on the virtual desk, docked in trayer (Xvfb + openbox, a private session bus):
 # driven over org.lumora.Lumora1 as a script would drive it, then with xdotool as a person would; checked through the
 # window system, screenshots, the emulated monitors, the desk's log and the PropertiesChanged received. Then how it

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # The display in use on monitors laid out like the desk's connectors (Xorg's dummy driver: the built-in panel eDP-1,
 # the DELL on DP-1 and the LG on HDMI-A-1 side by side, DP-3 below the panel for a monitor plugged in later without
 # DDC/CI), the window the user works in moved from one to another: StepDisplayInUse and SetDisplayInUse as a shortcut

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # A desktop with several monitors in one X screen: Xvfb ignores RandR monitors, so this runs Xorg with the dummy
 # driver on one large screen and lays monitors out on it with `xrandr --setmonitor`, named like the desk's DRM
 # connectors so that Lumora matches them by output name (the driver's own DUMMY0 matches none). Qt reads the

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # The tray application where no display server answers: one line saying why, and status 1 (not a crash); --help and
 # --version answer on stdout without any display.
 #   no-display.sh LUMORA

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Desktops without an XEmbed tray (Xvfb + openbox, a private session bus). A StatusNotifier host (KDE, GNOME with
 # AppIndicator, most Wayland panels; here a python-dbusmock watcher) gives the item no geometry: the panel opens at the pointer, and a click
 # on the item while it is shown hides it once, with no flicker (that press is also a press outside the panel). With no

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Monitors that behave as real ones do (NAK while busy after a Set, null messages while a reply is not ready, silent in
 # standby, 1.5 s to wake), checked on the desk's trace of every transfer: drags, standby and wake, null messages, a
 # resume told by a mock logind; then the tray application, the probe and a program holding a bus's lock (an exclusive

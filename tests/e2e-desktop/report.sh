@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # How a scenario reports: steps, counted checks, and the closing line ctest and `make test-desktops` read ("1 passed,
 # 0 failed" or "0 passed, 1 failed (...)", status 0 or 1). The scenario defines shot NAME, which abort takes first.
 FAILURES=0

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The display in use from what each compositor answers, as it answers it: recorded from sway 1.7, KWin 5.27 and
 // GNOME Shell 43 running headless (two outputs, one scaled and at a negative position where the compositor allows
 // it); Hyprland's follow its documented IPC. Each is read as Lumora reads it, brought into one space, matched to the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The brightness keys' service as a state machine over the stored setting and the key service's answer (polkit's
 // authorization, logind's active session): off, waiting for permission, active (the keyboards taken by
 // lumora-keys); what a launch and a switch store and publish, the keys following the active session, which devices

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The panel's brightness-key section, as the user sees and uses it: the switch, the warning and the button that
 // asks for the keys, over a real service and lumora-keys on the virtual desk, whose authorization the test
 // controls through the stand-in for polkit (refused at first). (The warning at a launch, and its going once polkit

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Shared by the brightness keys' tests: the desk's input nodes, the system bus with the key service, and the
 // settings file.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The brightness keys through the key service on the virtual desk, for what the desktop end-to-end test
 // (display-in-use.sh) does not show: Alt held on another keyboard, keys typed while a brightness key is being
 // decided, a keyboard with a key held when it is to be taken, lost events, keyboards plugged in later, switching

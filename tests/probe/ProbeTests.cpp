@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The real `lumora` probe on emulated desks: what it prints, byte for byte, and what reaches each monitor. The desk
 // runs in this process, so that the test also sees how often each bus was opened (a bus that is no display bus must
 // never be); lumora runs as a child under the same preload.

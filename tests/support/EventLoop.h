@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Bounded waits on the main thread's event loop, and watching a controller's list.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A system bus for the key service's tests and benchmarks (key-service-bus.py): a private dbus-daemon with the
 // package's policy for org.lumora.Keys, python-dbusmock's logind (seat0 with the active session c1; GetSessionByPID

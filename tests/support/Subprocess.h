@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Runs a program to completion with a deadline, capturing its standard output and standard error.
 // The child is always reaped; on the deadline it is killed (its whole process group) and reported as timed out.

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-or-later
 """A system bus for the key service's tests, benchmarks and end-to-end runs.
 
     key-service-bus.py DIR LUMORA_KEYS POLICY [--idle-exit SECONDS] [--refuse]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The udev rule that grants the user at the seat the display buses (data/60-lumora-i2c.rules), judged by systemd's
 // own `udevadm test` (udevadm-test.sh, in a mount namespace of its own) against a desk with the layout the kernel
 // makes: cards of several drivers under their PCI devices, adapters as DisplayPort AUX children of their connector,

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: GPL-3.0-or-later
 # udevadm-test.sh RULE DEVPATH...
 #
 # Runs systemd's `udevadm test` on each device with RULE as the only rule and prints its output, each block after a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The panel without a mouse and for assistive technology: Tab walks every control in order, the focused slider
 // steps under the arrow and Page keys (each step a brightness request); every control has an accessible name and
 // the sliders a value in percent; with many displays the rows scroll under a height limit, the footer stays in view

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Where the panel opens: 6 points below an item in the upper half of its screen, 6 above one in the lower half,
 // centred on it and kept inside the screen; at the cursor when the tray gives no geometry.
 

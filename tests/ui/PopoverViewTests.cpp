@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The panel's content over a real controller whose displays are played by simple backends: what it shows for the
 // published snapshots, and which controller operations its controls reach, where the end-to-end tests on the
 // virtual desk (tests/e2e-desktop) cannot tell exactly.

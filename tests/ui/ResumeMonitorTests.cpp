@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Resume from suspend as logind tells it, python-dbusmock's logind template on a private bus standing in for the
 // system bus: PrepareForSleep(false) is a resume, PrepareForSleep(true) is not; without a bus nothing happens.
 // (What a resume then does to the monitors: e2e_realistic_monitors.)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Where the single-instance lock lives: the session's runtime directory, else a private directory of the user's
 // own that nobody else can have prepared.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The StatusNotifier item and its DBusMenu as a host sees them, over a private D-Bus daemon: a second connection
 // plays the host (it reads the properties and the layout, clicks menu items, activates the item) and, where a test
 // needs one, the watcher that a desktop's panel owns. Everything a host reads goes through the bus's marshalling.

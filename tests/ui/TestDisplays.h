@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Displays for the panel's tests, behind a real controller: a backend whose reading the test can change (whatever
 // the controller sends it is dropped), desks of such displays, and the panel as the application builds it over them.

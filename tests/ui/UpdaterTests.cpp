@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The updater with the test plugin, complete or not, in the directory it looks in, and without one; and where a
 // plugin may be loaded from: only places nobody but root can change.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // What the product's own tests cannot show about the virtual desk: that its violations fire (and only then), that
 // monitors answer as busy, slow or sleeping monitors do, and that malformed requests are refused.
 #include "tools/virtual-desk/VirtualDesk.h"

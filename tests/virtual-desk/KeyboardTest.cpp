@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The desk's keyboards and /dev/uinput as the key service sees them through libevdev, for the rules whose absence
 // would hide the service's faults: a grab takes the keys from every other reader, the input core drops presses of
 // keys already down, lost events are resynced, and clones record what they were given and what was held when they

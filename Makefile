@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Lumora: `make run` builds and starts the application, `make test` builds and runs the whole suite.
 # Each target installs the Debian packages that are missing first (scripts/install-deps.sh).
 
@@ -76,7 +77,7 @@ bench: release
 # The tray application on the virtual desk (emulated monitors and a laptop panel): in your X session when there is
 # one, else on a virtual desktop, with a screenshot of the open panel.
 demo: release
-	bash tests/e2e-desktop/demo.sh $(RELEASE)
+	bash scripts/demo.sh $(RELEASE)
 
 # The probe on the virtual desk: what `LUMORA_PROBE=1 lumora` reports there.
 demo-probe: release

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # The tray application's extra wiring: the bundled symbol images, the session bus interface's description and the
 # translations, the X11/XInput2 client library for the outside-click watcher and the compositor check, the update
 # plugin's location and header.

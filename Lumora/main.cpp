@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The entry: the probe when LUMORA_PROBE is present (even empty), otherwise the tray application.
 
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A brightness request that comes from outside the panel (a script, a desktop shortcut over the session bus) is
 // checked before it reaches the controller: a value the panel could never produce is refused with a reason, and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The bytes of DDC/CI: Get and Set VCP Feature requests and the Get VCP Feature reply.
 // No state, no I/O, no timing: the transport carries these bytes to and from the monitor.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // What a compositor tells of its desktop, put into one global space: its outputs with their connector names and
 // frames, the focused window, the pointer. Each compositor answers in its own terms: sway gives an output's frame

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Which I2C adapters are a graphics card's display buses, told by the names the kernel's graphics drivers give
 // them. An allowlist: an adapter whose name is not on it is never taken for a display bus, wherever it sits, so

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Pairs external displays with the DDC services found for them, by EDID identity. The platform supplies each
 // display's vendor, model and serial numbers and each service's identity; nothing here touches hardware.

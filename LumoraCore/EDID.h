@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The identity of a display read from its EDID base block (the connector's sysfs `edid` file).
 

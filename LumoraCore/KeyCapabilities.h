@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The keys an input device reports, as the kernel prints them in sysfs (`capabilities/key` of an input device):
 // hexadecimal words of the width of the machine's `unsigned long`, separated by blanks, the most significant

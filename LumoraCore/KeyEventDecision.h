@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // What a brightness key does: from one input event, the state of Option (Alt) at that moment and the inputs of the
 // target resolver, whether Lumora consumes the event and which brightness operation it calls. Pure: the platform

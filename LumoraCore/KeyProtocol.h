@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The wire between the key service (lumora-keys) and the Lumora of the active session: a Unix SOCK_SEQPACKET
 // socket that the client hands over when it attaches. The service sends one message per brightness-key press and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The lines the probe prints (each without its trailing line feed) and the brightness it is asked to set.
 

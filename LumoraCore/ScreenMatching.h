@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Which of the window system's screens shows which display: the DRM connectors on one side, the screens (Qt's
 // QScreen: an output name, the monitor's model and serial as the window system read them from its EDID, a frame

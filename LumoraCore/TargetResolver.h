@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Which display a brightness key is about, and whether Lumora acts on it or leaves it to the desktop.
 // Pure geometry: every coordinate is in one global space chosen by the caller; nothing is converted here.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // VCP feature codes of the monitor control command set that Lumora uses.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The one Lumora the key service serves: the socket it handed over when it attached (KeyProtocol), and the login
 // session and seat it was attached from. Presses go out from the tap's capture thread; decisions are read on the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Who may have the brightness keys: a process of the active session on its seat (systemd-logind), allowed by the
 // polkit action org.lumora.keys.attach (the active local user without a password, anyone else with an

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The kernel's input devices, read from sysfs without opening any of them: each event node with the device's name,
 // its place in sysfs and the keys it reports. The key service takes the brightness keys of the real devices that

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // lumora-keys: the small system service that owns the keyboards' brightness keys. It serves org.lumora.Keys on
 // the system bus, object /org/lumora/Keys, interface org.lumora.Keys1:

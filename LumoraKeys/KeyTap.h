@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The brightness keys' tap: takes every input device that reports the brightness keys (EVIOCGRAB), gives each a
 // uinput clone (its twin) that starts in the device's state (switches, lights), and passes every event through the

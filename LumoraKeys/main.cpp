@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // lumora-keys: the brightness keys' system service (KeyService.h). Started by the system bus on the first attach.
 //
 //   lumora-keys [--idle-exit SECONDS]

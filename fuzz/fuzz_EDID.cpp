@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Feeds arbitrary bytes to the EDID identity reader. Without the fixed header (or under 128 bytes) every field
 // must be empty; with it, the numbers must be those of bytes 8-15, the UUID 36 characters of upper-case hex in
 // 8-4-4-4-12 groups, and the name at most four descriptors' 13 printable characters without a blank at either

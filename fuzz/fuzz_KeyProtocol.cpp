@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The key service's wire from the other end: any bytes a client sends as decisions (bad, late, repeated, a flood)
 // must decode to a decision or be refused, never crash; what decodes encodes back to the same bytes. Presses the
 // same way, for the client's side.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Feeds arbitrary bytes to the Get VCP Feature reply check and compares it with a plain reading of the rules:
 // at least 11 bytes, the last byte equal to 0x50 folded with every byte before it, maximum from bytes 6-7 and
 // current from bytes 8-9 big-endian. Also checks that every request built from the input folds to zero together

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Builds Lumora's Debian packages with Debian's own tooling into build/deb/ (lumora_*.deb, lumora-dev_*.deb,
 # the -dbgsym package and the .changes file, and the source package). Builds from a copy of the tree, so that the build leaves nothing in
 # the checkout and the results land next to the copy rather than in the checkout's parent directory.

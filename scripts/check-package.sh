@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # The Debian package as a user gets it: builds it (`make deb`), runs lintian, desktop-file-validate and appstreamcli
 # on it, installs it with apt-get on this machine, runs the installed /usr/bin/lumora probe on the virtual desk,
 # checks every file is where the desktop (and man, udev, systemd) looks for it, removes it and checks that only

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Installs the Debian packages Lumora needs to build, test and run, skipping those already present.
 # Uses sudo when not run as root. Safe to run again.
 set -euo pipefail

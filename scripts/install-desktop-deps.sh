@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Installs the real desktops `make test-desktops` starts headless (GNOME Shell with and without the AppIndicator
 # extension, KWin with plasmashell, sway with waybar, Xfce's panel with xfwm4), the tools that drive them, and
 # what the small pointer client for sway is built from, and weston-terminal, the window of another application

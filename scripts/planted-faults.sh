@@ -9,7 +9,8 @@
 # The faults are listed in scripts/faults/*.tsv, one per line, tab-separated:
 #   id  file  text-to-find  replacement  ctest-regex  what-it-breaks
 # The text must occur exactly once in the file. Lines starting with # are comments. Builds in build/faults (Debug,
-# no sanitizers: the faults are caught by what the tests check, not by the sanitizers).
+# no sanitizers: the faults are caught by what the tests check, not by the sanitizers); each fault rebuilds only
+# what its tests run. Don't build or commit in the same tree while it runs: the faults are planted in its sources.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 only=${1:-.}
@@ -39,6 +40,15 @@ open(path, "w", encoding="utf-8").write(text.replace(find, repl))
 PY
 }
 
+# What the named tests run: the build's files on their command lines (test programs, lumora, the virtual desk, ...),
+# and the key service, which the bus starts. Only these are rebuilt for each fault.
+targets() {
+  local root
+  root=$(cd "$build" && pwd)
+  { ctest --test-dir "$build" -N -V -R "$1" | sed -n 's/^[0-9]*: Test command: //p' | grep -o "$root/[^\" ]*" |
+      sed "s|^$root/||" | grep -v '/artifacts/'; echo LumoraKeys/lumora-keys; } | sort -u
+}
+
 total=0 caught=0 failed=0
 printf '%-28s %-8s %s\n' "fault" "result" "caught by"
 while IFS=$'\t' read -r id file find repl tests what; do
@@ -48,7 +58,7 @@ while IFS=$'\t' read -r id file find repl tests what; do
   cp "$file" "$saved/original"; planted=$file
   if ! why=$(plant "$file" "$find" "$repl" 2>&1); then
     result="STALE"; detail="$file: text $why"
-  elif ! timeout 1200 cmake --build "$build" -j "$(nproc)" >"$saved/build.log" 2>&1; then
+  elif ! timeout 1200 ninja -C "$build" -j "$(nproc)" $(targets "$tests") >"$saved/build.log" 2>&1; then
     result="NOBUILD"; detail=$(grep -m1 'error' "$saved/build.log" || true)
   else
     rc=0; timeout 1500 ctest --test-dir "$build" -R "$tests" --timeout 300 -j "$(nproc)" >"$saved/test.log" 2>&1 || rc=$?
@@ -66,6 +76,6 @@ while IFS=$'\t' read -r id file find repl tests what; do
   printf '%-28s %-8s %s\n' "$id" "$result" "$detail"
 done < <(cat scripts/faults/*.tsv)
 # Leaves the build as the clean tree builds it.
-cmake --build "$build" -j "$(nproc)" >/dev/null 2>&1 || true
+ninja -C "$build" -j "$(nproc)" >/dev/null 2>&1 || true
 echo "planted-faults: $caught of $total caught"
 [ "$failed" -eq 0 ] && [ "$total" -gt 0 ]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The tray application's root: it owns the display controller, the brightness keys and the updater for the whole
 // run, puts the sun into the system tray, opens and closes the floating panel on a left click, pops up the status

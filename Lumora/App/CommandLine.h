@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // What `lumora` is asked on its command line. The tray application takes few options of its own; Qt takes its
 // standard ones (-platform, -style, ...) out of the arguments before the rest is judged here.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The one model of the displays that the application shares: the published list of snapshots, the backends, one
 // serial work queue per display, coalesced brightness writes, stepping, standby and wake.

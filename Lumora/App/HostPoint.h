@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Where a StatusNotifier host says the user clicked its item, in Qt's coordinates. Hosts give the click in the
 // desktop's global space in device pixels; Qt keeps each screen's top-left corner and divides the distances inside

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The on-screen display after a change the user cannot otherwise watch: a brightness key, or a script's or a
 // shortcut's SetBrightness, Step, SetDisplayInUse or StepDisplayInUse. It shows the display's name and its new

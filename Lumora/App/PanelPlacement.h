@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Where the panel opens: 6 points below the tray item, centred under it, when the item sits in the upper half of
 // its screen (a top panel); 6 points above it when the item sits in the lower half (a bottom panel). Kept inside

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The panel that opens from the tray item: a frameless, always-on-top tool window. On X11 the window manager leaves
 // it alone (no task-bar entry, not in the Alt+Tab cycle, not activated by the window manager): it takes the keyboard

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A serial work queue: one worker thread runs the submitted work items one at a time, in submission order.
 // The thread starts with the queue. Destroying the queue runs what is still pending, then joins the thread, so

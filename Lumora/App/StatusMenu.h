@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The status menu that pops up from the tray item: "q" (and the desktop's usual Ctrl+Q) quits while it is open.
 

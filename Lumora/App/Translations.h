@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Lumora's texts in the user's language: the catalogue compiled into the program (German besides the English
 // originals), chosen from the system locale's languages in order of preference (LANGUAGE, then LC_ALL, LC_MESSAGES

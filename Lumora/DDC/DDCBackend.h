@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // An external monitor over DDC/CI: brightness as VCP 0x10 scaled by the monitor's own maximum, standby and wake
 // as VCP 0xD6.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // One monitor's DDC/CI channel: complete Set and Get VCP Feature transactions with the pauses monitors need.
 // Both operations block the calling thread for the whole transaction (20 ms for a set, 60-400 ms for a get).

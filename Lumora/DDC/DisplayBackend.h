@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The one interface through which a display's brightness is read and set and a monitor put into standby.
 // Above the backends brightness is a fraction: 0.0 darkest, 1.0 brightest. `canPowerOff` marks an external

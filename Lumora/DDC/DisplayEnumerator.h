@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Which displays can be driven, and through what: every external monitor that has a DDC channel with a DDC
 // backend, in the online order, then every built-in panel with the internal backend. Answered from scratch on

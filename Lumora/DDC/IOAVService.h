@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The I2C entry points that carry DDC/CI to a monitor, bound once at run time.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The display the user works on: the one that holds most of the focused window, else the one under the mouse
 // pointer, else the first active display. The brightness keys act on it, and so do the session bus's

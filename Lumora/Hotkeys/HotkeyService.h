@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Makes the keyboard's brightness keys act on the external monitor the user works on (DisplayInUse): F1 one
 // sixteenth darker, F2 one sixteenth brighter; with Option (Alt) held, F1 puts that monitor into standby (0.0) and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A display's brightness slider: continuous on screen (a fine range, so that a quarter of it is exactly 0.25), a
 // press anywhere on the groove puts the handle there and starts a drag, the arrow keys move it by one percent and

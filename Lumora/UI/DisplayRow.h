@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // One display in the panel: its name, a power button for an external monitor, and a brightness slider between a
 // dim and a bright sun. The row shows a copy of its display's snapshot and sends every action to the controller;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A one-pixel horizontal rule in a faint shade of the text colour, drawn from the palette at every paint so that
 // it follows a switch between light and dark.

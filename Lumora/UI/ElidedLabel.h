@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A one-line label that shortens its text with an ellipsis to the width it is given, instead of growing.
 

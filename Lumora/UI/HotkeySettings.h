@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The panel's section for the brightness keys: the switch "Use F1/F2 for external brightness", and, only while
 // the feature is on without access to the keyboards, a warning and the button that asks for that access; while it

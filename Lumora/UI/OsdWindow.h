@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Lumora's own on-screen display, for desktops that offer none Lumora may use: a small dark box near the bottom of
 // one screen with the sun, the display's name and its brightness as a bar, shown for 1.5 s after a brightness key

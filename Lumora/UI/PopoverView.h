@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The panel's content: the title, one row per display (or a note when there is none), the place of the
 // brightness-key settings between two dividers, and a footer with Refresh and Quit. 300 points wide on a rounded

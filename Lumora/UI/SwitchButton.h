@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A labelled on/off switch in the small size: the label on the leading side, a rounded track with a knob on the
 // trailing edge. Checkable; a click anywhere on it or the space bar flips it, and screen readers see a check box

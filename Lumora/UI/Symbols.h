@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The few symbol images of the tray item and the panel ("sun.max", "sun.min", "power", "powersleep",
 // "arrow.clockwise", "exclamationmark.triangle.fill"): the icon theme's closest freedesktop icons when the theme

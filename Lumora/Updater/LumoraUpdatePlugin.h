@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /*
  * Lumora's optional update plugin: the entry points a packager implements to give Lumora a
  * "Check for Updates…" command.

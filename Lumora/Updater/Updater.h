@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // "Check for Updates…" without linking any update machinery: at construction the optional update plugin is looked
 // for in the application's private library directory, loaded, and asked for its updater controller (started at

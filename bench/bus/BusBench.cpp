@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The session bus interface's figures: the tray application (this build's lumora, on Qt's offscreen platform) on
 // the virtual desk's default desk, with a private session bus, printed as a table:
 //

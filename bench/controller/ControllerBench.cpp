@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The display controller's figures on the virtual desk (real enumerator, backends and Linux transport on emulated
 // DDC/CI monitors), printed as tables:
 //

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Desktop figures of the tray application, measured from outside on a virtual X11 desktop (Xvfb + openbox +
 # trayer) with the virtual desk's monitors:
 #   - start to docked icon: process start until the sun is viewable in the tray (median of 5 starts)

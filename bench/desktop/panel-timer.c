@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* panel-timer: how long the tray application takes from a mouse press to its panel on screen.
  *
  *   panel-timer WIDTH TIMEOUT_MS

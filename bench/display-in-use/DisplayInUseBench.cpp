@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // What a brightness key waits for on the desktop it runs on: the lookup of the display in use (the desktop asked
 // for its outputs, the focused window and the pointer, matched to the connectors, decided), and the on-screen
 // display from the call that shows it until Lumora's own box is painted (or, where the desktop's own on-screen

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // How long one enumeration (DisplayEnumerator::allDisplays, what every refresh and the probe start with) takes on
 // the virtual desk, with 2, 8 and 16 monitors:
 //

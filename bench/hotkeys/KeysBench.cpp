@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The brightness keys' figures on the virtual desk (emulated keyboards, uinput and DDC/CI monitors; lumora-keys
 // started by a private system bus with stand-ins for logind and polkit; the real HotkeyService and controller; an
 // offscreen desktop whose screens stand where the desk's connectors do), printed as a table:

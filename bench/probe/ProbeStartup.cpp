@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // How long `LUMORA_PROBE=1 lumora` takes from start to exit on a machine with no displays: the fixed cost of the
 // probe (process start, dynamic linking, one connector walk, the bindings) that every script call pays.
 // It also checks that the probe never starts the GUI: it runs without any display server, with Qt told to use X11.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // What every benchmark on the virtual desk needs: to run under umockdev's preload, and percentiles of its samples.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Runs the Qt event loop of a benchmark until a condition holds, looking every millisecond.
 

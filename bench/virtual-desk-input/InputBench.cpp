@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // What the virtual desk's keyboards and /dev/uinput cost by themselves, printed as a table: the floor under any
 // figure a product measures on the desk (a key to the first byte on the bus, a key forwarded through a clone).
 //

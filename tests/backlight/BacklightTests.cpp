@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The built-in panel's backlight on an emulated sysfs tree (the test runs under umockdev-wrapper): which device,
 // reads, sysfs writes, the once-per-process DisplayServices binding with InternalBackend, and the logind write path
 // against python-dbusmock on a private bus.
@@ -100,14 +101,11 @@ TEST_F(Backlight, TheDeviceIsThePanelInUsesElseAnyBuiltInConnectorsElseTheBestTy
     const struct { const char* what; std::string records, expected; } cases[] = {
         {"below eDP, over firmware", below("eDP-1", "x_panel") + kAcpi, "x_panel"},
         {"below LVDS", below("LVDS-1", "zz_lvds") + kAcpi, "zz_lvds"},
-        {"below DSI", below("DSI-1", "zz_dsi") + kAcpi, "zz_dsi"},
         {"HDMI does not count", below("HDMI-A-1", "a_hdmi") + connector(kPanelConnector) + dell, "dell_backlight"},
         {"panel connector without one", connector(kPanelConnector) + aRaw + dell, "dell_backlight"},
         {"two panels: first name", below("eDP-2", "b_panel") + below("eDP-1", "c_panel") + kAcpi, "b_panel"},
         {"firmware, platform, raw", aRaw + bPlatform + cFw, "c_fw"},
-        {"platform over raw", aRaw + bPlatform, "b_platform"},
         {"unknown or no type last", untyped + backlight(kPci + "c_raw", "raw"), "c_raw"},
-        {"unknowns alone: first name", untyped, "a_untyped"},
         {"equal types: first name", backlight("/devices/LNXSYSTM:00/LNXVIDEO:01/backlight/acpi_video1", "firmware") +
                                         kAcpi, "acpi_video0"},
         {"a panel connector alone", connector(kPanelConnector), ""},

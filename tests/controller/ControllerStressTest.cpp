@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Stress: random slider drags, steps, Option keys, power toggles and refreshes on four emulated monitors that
 // behave as real ones do (busy after a Set, null messages, silent in standby, slow to wake), first while they are
 // unplugged and plugged back and misbehave at random (null messages, bad checksums, silence, ignoring requests
@@ -103,9 +104,8 @@ TEST(ControllerStress, EveryMonitorEndsAtItsLastRequestWithNoOverlappingTransact
                 const DisplaySnapshot* shown = find(*controller, m.id);
                 const double from = shown ? shown->brightness : 0.5;
                 const double to = pick(0, 100) / 100.0;
-                for (int i = 1, events = pick(3, 30); i <= events; ++i, pumpFor(pick(0, 2))) {
+                for (int i = 1, events = pick(3, 30); i <= events; ++i, pumpFor(pick(0, 2)))
                     request(m.id, [&] { controller->setBrightness(m.id, from + (to - from) * i / events); });
-                }
             } else if (dice < 60) {
                 request(m.id, [&] { controller->step(m.id, pick(0, 1) ? 0.0625 : -0.0625); });
             } else if (dice < 68) {
@@ -171,12 +171,10 @@ TEST(ControllerStress, EveryMonitorEndsAtItsLastRequestWithNoOverlappingTransact
     };
 
     run(true);
-    for (const std::string& connector : unplugged) {
+    for (const std::string& connector : unplugged)
         desk.plug(connector);
-    }
-    for (const Monitor& m : monitors) {
+    for (const Monitor& m : monitors)
         desk.setFaults(m.connector, realistic);
-    }
     ++refreshes;
     controller->refresh();
     // Refreshes run one after another, each waiting for its slowest read (400 ms on a monitor silent in standby).
@@ -196,9 +194,8 @@ TEST(ControllerStress, EveryMonitorEndsAtItsLastRequestWithNoOverlappingTransact
     controller->refresh();
     ASSERT_TRUE(allPublished()) << "the refreshes never all published";
     expected.clear();
-    for (const Monitor& m : monitors) {
+    for (const Monitor& m : monitors)
         request(m.id, [&] { controller->setBrightness(m.id, pick(2, 100) / 100.0); });
-    }
     run(false);
 
     EXPECT_TRUE(pumpUntil([&] { return mismatches().empty(); }, 20s)) << mismatches();

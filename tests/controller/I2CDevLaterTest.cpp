@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The tray application started before the kernel's i2c-dev module was loaded: the monitors appear at the first
 // refresh after the module is loaded, without a restart. Its own process: the I2C entry points, once found, stay
 // bound for the process, so no earlier test may have found them.

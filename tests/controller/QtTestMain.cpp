@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // GoogleTest main for the controller's tests: the controller lives on a Qt event loop, so the tests run on the
 // thread of a QCoreApplication and pump its loop while they wait.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The DDC/CI bytes: requests, the reply check, and the VCP code tables.
 
 #include <gtest/gtest.h>
@@ -19,12 +20,6 @@ Bytes sealed(Bytes body)
     return body;
 }
 
-Bytes plus(Bytes body, std::uint8_t last)
-{
-    body.push_back(last);
-    return body;
-}
-
 const Bytes canonicalReply{0x6E, 0x88, 0x02, 0x00, 0x10, 0x00, 0x00, 0x64, 0x00, 0x32, 0xF2};
 
 }  // namespace
@@ -34,13 +29,8 @@ TEST(DDCPacket, RequestsCarryTheExactBytes)
     const std::pair<Bytes, Bytes> cases[] = {
         {DDC::getVCPRequest(VCPCode::brightness), {0x82, 0x01, 0x10, 0xAC}},
         {DDC::getVCPRequest(VCPCode::powerMode), {0x82, 0x01, 0xD6, 0x6A}},
-        {DDC::getVCPRequest(VCPCode::contrast), {0x82, 0x01, 0x12, 0xAE}},
-        {DDC::getVCPRequest(VCPCode::audioVolume), {0x82, 0x01, 0x62, 0xDE}},
         {DDC::setVCPRequest(VCPCode::brightness, 50), {0x84, 0x03, 0x10, 0x00, 0x32, 0x9A}},
         {DDC::setVCPRequest(VCPCode::brightness, 300), {0x84, 0x03, 0x10, 0x01, 0x2C, 0x85}},  // high byte first
-        {DDC::setVCPRequest(VCPCode::brightness, 0xFF00), {0x84, 0x03, 0x10, 0xFF, 0x00, 0x57}},
-        {DDC::setVCPRequest(VCPCode::powerMode, rawValue(VCPCode::PowerMode::on)),
-         {0x84, 0x03, 0xD6, 0x00, 0x01, 0x6F}},
         {DDC::setVCPRequest(VCPCode::powerMode, rawValue(VCPCode::PowerMode::standby)),
          {0x84, 0x03, 0xD6, 0x00, 0x04, 0x6A}},
     };
@@ -59,17 +49,14 @@ TEST(DDCPacket, RepliesAreCheckedByTheirLastByteOnly)
     } cases[] = {
         {"canonical", canonicalReply, VCPReply{.current = 50, .max = 100}},
         {"last byte changed", {0x6E, 0x88, 0x02, 0x00, 0x10, 0x00, 0x00, 0x64, 0x00, 0x32, 0xF3}, std::nullopt},
-        {"eleven zeros", Bytes(11, 0x00), std::nullopt},
         {"max is 6-7, current 8-9", sealed({0x6E, 0x88, 0x02, 0x00, 0x10, 0x00, 0x12, 0x34, 0xAB, 0xCD}),
          VCPReply{.current = 0xABCD, .max = 0x1234}},
-        {"result code 01", sealed({0x6E, 0x88, 0x02, 0x01, 0x10, 0x00, 0x00, 0x64, 0x00, 0x0A}),
-         VCPReply{.current = 10, .max = 100}},
-        {"header bytes not examined", sealed({0x00, 0x00, 0x7F, 0xEE, 0xD6, 0x01, 0x00, 0x05, 0x00, 0x04}),
+        {"header and result code not examined", sealed({0x00, 0x00, 0x7F, 0xEE, 0xD6, 0x01, 0x00, 0x05, 0x00, 0x04}),
          VCPReply{.current = 4, .max = 5}},
         {"maximum 0", sealed({0x6E, 0x88, 0x02, 0x00, 0x10, 0x00, 0x00, 0x00, 0x00, 0x32}), VCPReply{50, 0}},
         // Twelve bytes: the twelfth is the checksum over the first eleven.
-        {"valid reply + its checksum again", plus(canonicalReply, 0xF2), std::nullopt},
-        {"valid reply + 0x00 (its fold)", plus(canonicalReply, 0x00), VCPReply{.current = 50, .max = 100}},
+        {"valid reply + its checksum again", Bytes{0x6E, 0x88, 0x02, 0x00, 0x10, 0x00, 0x00, 0x64, 0x00, 0x32, 0xF2, 0xF2}, std::nullopt},
+        {"valid reply + 0x00 (its fold)", sealed(canonicalReply), VCPReply{.current = 50, .max = 100}},
         {"twelve sealed", sealed({0x6E, 0x89, 0x02, 0x00, 0x10, 0x00, 0x01, 0x90, 0x00, 0xC8, 0x5A}),
          VCPReply{.current = 200, .max = 400}},
     };

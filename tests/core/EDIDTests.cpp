@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // A display's identity from its EDID base block.
 
 #include <gtest/gtest.h>
@@ -61,30 +62,23 @@ TEST(EDID, MonitorNameIsEveryNameDescriptorsTextJoined)
         std::string name;
     } cases[] = {
         {"slot 54", block({{54, 0xFC, "SLOT\n"}}), "SLOT"},
-        {"slot 108", block({{108, 0xFC, "SLOT\n"}}), "SLOT"},
         {"other text descriptor", block({{90, 0xFE, "LG ULTRAFINE\n"}}), ""},
-        {"no descriptor", block({}), ""},
         {"pixel clock low byte set", withByte(block({{54, 0xFC, "TIMING\n"}}), 54, 1), ""},
-        {"pixel clock high byte set", withByte(block({{54, 0xFC, "TIMING\n"}}), 55, 1), ""},
         {"thirteen characters, no line feed", block({{90, 0xFC, "ABCDEFGHIJKLM"}}), "ABCDEFGHIJKLM"},
         {"ends at line feed, trailing blanks go", block({{90, 0xFC, "HP Z27   \nXYZ"}}), "HP Z27"},
-        {"line feed first", block({{90, 0xFC, "\nNAME"}}), ""},
         // Real monitors' EDIDs.
         {"two blank ones before the name", block({{54, 0xFC, "\n"}, {72, 0xFC, "\n"}, {90, 0xFC, "M176A\n"}}),
          "M176A"},
         {"junk before the name", block({{72, 0xFC, junk}, {90, 0xFC, "HSD150PX17-A\n"}}), "HSD150PX17-A"},
         {"a long name split in two", block({{90, 0xFC, "Gateway FPD17"}, {108, 0xFC, "30\n"}}), "Gateway FPD1730"},
-        {"split, one letter in the second", block({{72, 0xFC, "FLATRON L1510"}, {108, 0xFC, "S\n"}}), "FLATRON L1510S"},
         {"split at a blank, which stays", block({{90, 0xFC, "Apple Cinema "}, {108, 0xFC, "Display\n"}}),
          "Apple Cinema Display"},
         {"split around another descriptor", block({{54, 0xFC, "Gateway FPD17"}, {72, 0xFF, "SN\n"}, {108, 0xFC, "30\n"}}),
          "Gateway FPD1730"},
         {"NUL inside reads as a blank", block({{90, 0xFC, std::string("BT156GW01\0V.3", 13)}}), "BT156GW01 V.3"},
-        {"NUL padding", block({{90, 0xFC, std::string("L222W\0\0\0\0\0\0\0\0", 13)}}), "L222W"},
         {"0xFF padding", block({{90, 0xFC, "ASUS VW192S\xff\xff"}}), "ASUS VW192S"},
         {"leading blank", block({{90, 0xFC, " N19W\n"}}), "N19W"},
         {"a tab and a DEL: junk", block({{90, 0xFC, "AB\tC\x7F\n"}}), ""},
-        {"a byte above 0x7F: junk", block({{90, 0xFC, "Caf\xE9\n"}}), ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -184,7 +178,6 @@ TEST(EDID, NoBaseBlockInJunkABadChecksumOrTooFewBytes)
     } cases[] = {
         {"bad checksum", readFrom(badSum, 77)},
         {"a header and erased bytes", headerOnly},
-        {"all zeros", Bytes(256, 0x00)},
         {"all ones", Bytes(256, 0xFF)},
         {"127 bytes of a good block", Bytes(base.begin(), base.begin() + 127)},
         {"nothing", {}},

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // What a brightness key does, as the complete outcome table: which events ask where they belong, which call each
 // makes on the display in use and whether the desktop still gets the event.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The probe's corners that its end-to-end tests do not reach: rounding of readings and the 64-bit edges of the
 // set value.
 

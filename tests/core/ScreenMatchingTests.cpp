@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Which window-system screen shows which DRM connector: by the output names window systems use, else by the
 // monitor's EDID identity, never by guessing.
 

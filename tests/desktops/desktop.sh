@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # The real desktops, started headless for tests: what every desktop file (sway.sh, gnome.sh, kde.sh, xfce.sh,
 # sourced after this) shares. Each defines desktop_name, desktop_tools and
 #   desktop_start WORK OUTPUTS   OUTPUTS outputs of 1280x800 side by side; exports DISPLAY (X11 or XWayland),

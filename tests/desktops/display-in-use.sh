@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # The monitor the user works on, on a real Wayland desktop started headless: two outputs, the virtual desk's
 # connectors named as the compositor names its outputs (so that the unmodified lumora pairs each with its output as
 # on a real desk), a window the user works in: a native Wayland one (weston-terminal), then an X11 one (xev, through

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # The frame a scenario on a real desktop stands on, sourced once DESKTOP, LUMORA, VIRTUAL_DESK, ARTIFACTS (and
 # EXTRA_TOOLS, beyond the desktop's) are set: the desktop's starter, the reporting, root and the tools checked (77
 # skips), a clean ARTIFACTS, a WORK directory, and the desktop stopped with its logs kept however the scenario ends.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # GNOME Shell 43, headless, on virtual monitors, X clients through XWayland (see desktop.sh): stock (no tray) as
 # gnome; as gnome-appindicator as a user has it: the AppIndicator extension on and Lumora's installed where the
 # package puts it (a system data directory) but off, for Lumora to turn on at its first start; it then takes

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # KDE Plasma 5.27: KWin on virtual outputs with plasmashell (its tray a StatusNotifier host, kded5 the watcher),
 # X clients through XWayland (see desktop.sh). Debian's kwin_wayland carries a file capability, which a process
 # switched to another user may not exec: a plain copy runs. KWin's fake input (permission checks off, as for a test

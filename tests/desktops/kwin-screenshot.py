@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-or-later
 # kwin-screenshot FILE: the whole workspace of the running KWin as raw BGRA pixels in FILE, and "WIDTH HEIGHT STRIDE"
 # on standard output, through org.kde.KWin.ScreenShot2 (the pixels come through a pipe, which gdbus cannot pass).
 import os

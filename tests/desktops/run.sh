@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # `make test-desktops`: scenario.sh on each desktop named (sway xfce gnome gnome-appindicator kde), each under 3
 # minutes, then the figures and verdicts; artefacts in BUILD_DIR/desktops/<desktop>/. Exit status 0 when every
 # desktop passed or was skipped.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # The tray application on a real desktop started headless (DESKTOP: sway, gnome, gnome-appindicator, kde, xfce),
 # the unmodified lumora on the virtual desk, driven with the desktop's own pointer and keyboard and checked through
 # what the user gets (screenshots): the icon in colour, the panel next to it on a click, closed by a click elsewhere,

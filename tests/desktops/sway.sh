@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # sway 1.7 with waybar (its tray a StatusNotifier host) on wlroots' headless backend, X clients through XWayland
 # (see desktop.sh). The backend has no input devices: wl-input gives the seat a pointer, wtype types, grim shoots.
 

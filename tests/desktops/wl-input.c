@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // wl-input WIDTH HEIGHT: a pointer (and on KWin a keyboard) for a headless Wayland compositor without input
 // devices, through its protocol for made-up input (wlroots' virtual pointer on sway, KWin's fake input). WIDTH and
 // HEIGHT: the output layout's size. Reads commands, one a line, each answered "ok" once the compositor handled it:

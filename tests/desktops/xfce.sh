@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Xfce 4.18's panel (its systray hosts StatusNotifier items and XEmbed icons) and xfwm4 on Xvfb (see desktop.sh):
 # X11 all through, xdotool clicks and types, ImageMagick's import shoots.
 

@@ -1,7 +1,8 @@
-// The display in use from what each compositor answers, as it answers it: the answers below were recorded from
-// sway 1.7, KWin 5.27 and GNOME Shell 43 running headless (two outputs, one of them scaled and at a negative
-// position where the compositor allows it); Hyprland's follow its documented IPC. Each is read as Lumora reads it, brought into
-// one space, matched to the connectors by name, and decided by the resolver.
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The display in use from what each compositor answers, as it answers it: recorded from sway 1.7, KWin 5.27 and
+// GNOME Shell 43 running headless (two outputs, one scaled and at a negative position where the compositor allows
+// it); Hyprland's follow its documented IPC. Each is read as Lumora reads it, brought into one space, matched to the
+// connectors by name, and decided by the resolver.
 
 #include <gtest/gtest.h>
 
@@ -121,14 +122,11 @@ TEST(CompositorAnswers, TheDesktopIsChosenFromWhatTheSessionSays)
         {"", "", "KDE", true, "KWin"},
         {"", "", "ubuntu:GNOME", true, "GNOME Shell"},
         {"", "", "GNOME-Flashback:GNOME", false, "X11"},  // GNOME on X11: the X server tells all
-        {"", "", "KDE", false, "X11"},
-        {"", "", "XFCE", false, "X11"},
         {"", "", "GNOMEISH", true, "X11"},
     };
-    for (const auto& c : cases) {
+    for (const auto& c : cases)
         EXPECT_EQ(DesktopInputs::choose(c.swaySocket, c.hyprland, c.currentDesktop, c.wayland)->name(), c.chosen)
             << c.currentDesktop;
-    }
 }
 
 TEST(CompositorAnswers, KWinsOutputsAndTheScriptsWindow)

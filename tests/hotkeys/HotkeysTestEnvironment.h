@@ -1,15 +1,18 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Shared by the brightness keys' tests: the desk's input nodes, the system bus with the key service, and the
 // settings file.
 
-#include <QFile>
 #include <QSettings>
 #include <QString>
 
+#include <fstream>
+#include <optional>
 #include <string>
 
 #include "support/EventLoop.h"
 #include "support/KeyServiceBus.h"
+#include "tools/virtual-desk/VirtualDesk.h"
 
 namespace LumoraTest {
 
@@ -27,28 +30,39 @@ constexpr const char* deskScreensJson = R"({"screens": [
     {"name": "HDMI-A-1", "x": 4480, "y": 0, "width": 1920, "height": 1080, "logicalDpi": 96, "logicalBpi": 96, "dpr": 1}
 ]})";
 
+// Every keyboard with brightness keys taken; or none, and no twin left.
+inline bool tapped(const VirtualDesk::Desk& desk)
+{
+    return desk.grabbed(laptop) && desk.grabbed(videoBus) && desk.grabbed(consumer);
+}
+inline bool released(const VirtualDesk::Desk& desk)
+{
+    return !desk.grabbed(laptop) && !desk.grabbed(videoBus) && !desk.grabbed(consumer) && desk.clones().empty();
+}
+
 // The run's system bus (HotkeysTestMain.cpp).
 extern KeyServiceBus* keyBus;
 
-// The setting as stored ("" when absent).
+inline const QString settingKey = QStringLiteral("useF1F2ForExternalBrightness");
+
+// The setting as stored ("" when absent); stored, or removed when `on` is empty.
 inline QString storedSetting()
 {
-    QSettings settings(QStringLiteral("Lumora"), QStringLiteral("Lumora"));
-    return settings.contains(QStringLiteral("useF1F2ForExternalBrightness"))
-               ? settings.value(QStringLiteral("useF1F2ForExternalBrightness")).toString()
-               : QString();
+    return QSettings(QStringLiteral("Lumora"), QStringLiteral("Lumora")).value(settingKey).toString();
 }
-
-inline void storeSetting(bool on)
+inline void storeSetting(std::optional<bool> on)
 {
     QSettings settings(QStringLiteral("Lumora"), QStringLiteral("Lumora"));
-    settings.setValue(QStringLiteral("useF1F2ForExternalBrightness"), on);
+    on ? settings.setValue(settingKey, *on) : settings.remove(settingKey);
 }
 
-inline void removeSetting()
+// "/dev/input/event4" → its device's name in sysfs.
+inline std::string nameOf(const std::string& node)
 {
-    QSettings settings(QStringLiteral("Lumora"), QStringLiteral("Lumora"));
-    settings.remove(QStringLiteral("useF1F2ForExternalBrightness"));
+    std::ifstream in("/sys/class/input/" + node.substr(node.rfind('/') + 1) + "/device/name");
+    std::string name;
+    std::getline(in, name);
+    return name;
 }
 
 }  // namespace LumoraTest

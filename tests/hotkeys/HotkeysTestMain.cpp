@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The brightness keys' tests: a QApplication on Qt's offscreen platform with three screens named and laid out like
 // the default desk's connectors (eDP-1 on the left, DP-1 in the middle, HDMI-A-1 on the right), settings in a
 // private directory, and one private system bus for the whole run (Qt connects to the system bus once per
@@ -10,15 +11,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "HotkeysTestEnvironment.h"
 
-namespace LumoraTest {
-
-KeyServiceBus* keyBus = nullptr;
-
-}  // namespace LumoraTest
+LumoraTest::KeyServiceBus* LumoraTest::keyBus = nullptr;
 
 int main(int argc, char** argv)
 {

@@ -1,8 +1,8 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The brightness keys through the key service on the virtual desk, for what the desktop end-to-end test
-// (brightness-keys.sh) does not show: Alt held on another keyboard, keys typed while a brightness key is being
+// (display-in-use.sh) does not show: Alt held on another keyboard, keys typed while a brightness key is being
 // decided, a keyboard with a key held when it is to be taken, lost events, keyboards plugged in later, switching
-// off, a client that never answers, and either end dying in
-// the middle of a press. lumora-keys (started by the test's system bus) over the desk's emulated keyboards and
+// off, a client that never answers, and either end dying in the middle of a press. lumora-keys (started by the test's system bus) over the desk's emulated keyboards and
 // uinput, the real HotkeyService and controller over its emulated monitors, on an offscreen desktop whose screens
 // stand where the desk's connectors do (eDP-1 0-1920, the DELL on DP-1 1920-4480, the LG on HDMI-A-1
 // 4480-6400); no window is focused there, so the cursor picks the display.
@@ -24,15 +24,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <fstream>
 
 #include "HotkeysTestEnvironment.h"
 #include "Lumora/App/DisplayController.h"
 #include "Lumora/Hotkeys/HotkeyService.h"
 #include "LumoraCore/KeyProtocol.h"
-#include "tools/virtual-desk/VirtualDesk.h"
 
 using namespace LumoraTest;
 using Lumora::HotkeyService;
@@ -47,16 +43,11 @@ const QPoint onPanel(900, 600);
 
 // An event as the clone got it, without its time.
 struct Key {
-    std::uint16_t type;
-    std::uint16_t code;
+    std::uint16_t type, code;
     std::int32_t value;
     bool operator==(const Key&) const = default;
+    friend void PrintTo(const Key& k, std::ostream* out) { *out << "{" << k.type << "," << k.code << "," << k.value << "}"; }
 };
-
-void PrintTo(const Key& k, std::ostream* out)
-{
-    *out << "{" << k.type << "," << k.code << "," << k.value << "}";
-}
 
 // The frame the desk sends for a key on a device with scan codes, as its clone must pass it on: MSC_SCAN (any
 // value), the key, SYN_REPORT.
@@ -69,20 +60,6 @@ void PrintTo(const Key& k, std::ostream* out)
         events.push_back(Key{EV_SYN, SYN_REPORT, 0});
     }
     return ::testing::ElementsAreArray(events);
-}
-
-std::string sysfsText(const std::string& path)
-{
-    std::ifstream in(path);
-    std::string text;
-    std::getline(in, text);
-    return text;
-}
-
-// "/dev/input/event4" → its device's name in sysfs.
-std::string nameOf(const std::string& node)
-{
-    return sysfsText("/sys/class/input/" + node.substr(node.rfind('/') + 1) + "/device/name");
 }
 
 // A client of the key service that is not Lumora: it attaches as Lumora does, then reads and answers only when the
@@ -145,7 +122,7 @@ protected:
     {
         service.reset();
         controller.reset();
-        EXPECT_TRUE(desk.waitFor([&] { return desk.clones().empty(); }, 5s)) << "twins outlived the test";
+        EXPECT_TRUE(desk.waitFor([&] { return released(); }, 5s)) << "twins outlived the test";
         // The service leaves once idle, so that the next test's desk gets a service of its own.
         EXPECT_TRUE(pumpUntil([] { return !keyBus->serviceRunning(); }, 10s));
         desk.releaseAll();
@@ -158,19 +135,14 @@ protected:
         ASSERT_TRUE(pumpUntil([&] { return desk.clones().size() == 3 && service->isTrusted(); }, 10s));
     }
 
-    // Nobody holds a keyboard, and no twin is left.
-    bool released() const
-    {
-        return !desk.grabbed(laptop) && !desk.grabbed(videoBus) && !desk.grabbed(consumer) && desk.clones().empty();
-    }
+    bool released() const { return LumoraTest::released(desk); }
 
     // The clone that stands for a keyboard: the virtual device with its name.
     std::string cloneOf(const std::string& keyboard) const
     {
-        for (const std::string& clone : desk.clones()) {
+        for (const std::string& clone : desk.clones())
             if (nameOf(clone) == nameOf(keyboard))
                 return clone;
-        }
         return {};
     }
 
@@ -208,21 +180,6 @@ protected:
 
 }  // namespace
 
-TEST_F(KeysOnDesk, TakesEveryDeviceWithBrightnessKeysAndNothingElse)
-{
-    EXPECT_TRUE(desk.grabbed(laptop));
-    EXPECT_TRUE(desk.grabbed(videoBus));
-    EXPECT_TRUE(desk.grabbed(consumer));
-    EXPECT_FALSE(desk.grabbed(external));
-    EXPECT_EQ(desk.openCount(external), 0) << "a keyboard without brightness keys is only looked at for Alt";
-    for (const std::string& keyboard : {laptop, videoBus, consumer}) {
-        const std::string clone = cloneOf(keyboard);
-        ASSERT_FALSE(clone.empty()) << keyboard;
-        EXPECT_FALSE(desk.grabbed(clone)) << "the service never takes its own twins";
-    }
-    EXPECT_EQ(desk.clones().size(), 3u);
-}
-
 TEST_F(KeysOnDesk, AltHeldOnTheSameKeyboardsOtherInterfaceIsOption)
 {
     QCursor::setPos(onDell);
@@ -240,6 +197,7 @@ TEST_F(KeysOnDesk, AltHeldOnTheSameKeyboardsOtherInterfaceIsOption)
     EXPECT_THAT(passedOn(consumer), framesOf({{KEY_MUTE, 1}, {KEY_MUTE, 0}}))
         << "a consumed press's key-up stays back with it";
 }
+
 TEST_F(KeysOnDesk, KeysTypedRightAfterABrightnessKeyWaitBehindIt)
 {
     // Typed in one go: the letters after a brightness key must not overtake it while it is being decided.
@@ -307,20 +265,6 @@ TEST_F(KeysOnDesk, KeyboardsPluggedInLaterAreTakenAndTheirClonesGoWithThem)
     EXPECT_THAT(desk.clones(), ::testing::Not(::testing::Contains(clone)));
 }
 
-TEST_F(KeysOnDesk, SwitchingOffLetsEverythingGo)
-{
-    QCursor::setPos(onDell);
-    desk.pressKey(laptop, KEY_BRIGHTNESSUP, 1);  // held, and taken by Lumora
-    ASSERT_TRUE(dellAt(56));
-    const std::vector<std::string> clones = desk.clones();
-    service->setEnabled(false);
-    ASSERT_TRUE(desk.waitFor([&] { return released(); }, 5s));
-    for (const std::string& clone : clones)
-        EXPECT_THAT(desk.heldKeys(clone), IsEmpty()) << clone;
-    EXPECT_EQ(desk.openCount(laptop), 0);
-    desk.pressKey(laptop, KEY_BRIGHTNESSUP, 0);
-}
-
 TEST_F(KeysOnDesk, AClientThatNeverAnswersCostsOneKeyTheBoundNotTheKeyboard)
 {
     service.reset();
@@ -347,25 +291,11 @@ TEST_F(KeysOnDesk, AClientThatNeverAnswersCostsOneKeyTheBoundNotTheKeyboard)
     EXPECT_THAT(desk.heldKeys(cloneOf(laptop)), IsEmpty());
 }
 
-TEST_F(KeysOnDesk, EitherEndDyingInTheMiddleOfAPressLeavesNothingHeldOrTaken)
+// (Lumora's end dying: display-in-use.sh.)
+TEST_F(KeysOnDesk, TheServiceDyingInTheMiddleOfAPressLeavesNothingHeldOrTaken)
 {
     QCursor::setPos(onDell);
-    // Lumora's end goes (its process dies with the socket): the service lets everything go.
-    service.reset();
-    ASSERT_TRUE(desk.waitFor([&] { return released(); }, 5s));
-    {
-        RawClient client;
-        ASSERT_TRUE(desk.waitFor([&] { return desk.grabbed(laptop); }, 5s));
-        desk.pressKey(laptop, KEY_LEFTSHIFT, 1);
-        desk.pressKey(laptop, KEY_BRIGHTNESSUP, 1);
-        ASSERT_TRUE(client.nextPress().has_value());
-        client.hangUp();
-        ASSERT_TRUE(desk.waitFor([&] { return released(); }, 5s));
-        desk.pressKey(laptop, KEY_BRIGHTNESSUP, 0);
-        desk.pressKey(laptop, KEY_LEFTSHIFT, 0);
-    }
-    // The service goes, killed: the kernel releases its grabs and destroys its twins with the keys held on them.
-    start();
+    // Killed: the kernel releases its grabs and destroys its twins with the keys held on them.
     const std::vector<std::string> twins = desk.clones();
     desk.pressKey(laptop, KEY_BRIGHTNESSUP, 1);
     ASSERT_TRUE(dellAt(56));

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A helper program (a private D-Bus daemon, a python-dbusmock service) that lives as long as the test needs it:
 // it dies with the test, runs without umockdev's preload, its standard output discarded; killed and reaped when

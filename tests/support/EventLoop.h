@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Bounded waits on the main thread's event loop, and watching a controller's list.
 
@@ -35,9 +36,8 @@ inline bool pumpUntil(const std::function<bool()>& done, std::chrono::millisecon
 {
     const QDeadlineTimer deadline(timeout);
     while (!done()) {
-        if (deadline.hasExpired()) {
+        if (deadline.hasExpired())
             return false;
-        }
         QEventLoop idle;
         QTimer::singleShot(2ms, &idle, &QEventLoop::quit);
         idle.exec();
@@ -48,9 +48,8 @@ inline bool pumpUntil(const std::function<bool()>& done, std::chrono::millisecon
 inline const Lumora::DisplaySnapshot* find(const Lumora::DisplayController& controller, std::uint32_t id)
 {
     for (const Lumora::DisplaySnapshot& snapshot : controller.displays()) {
-        if (snapshot.id == id) {
+        if (snapshot.id == id)
             return &snapshot;
-        }
     }
     return nullptr;
 }

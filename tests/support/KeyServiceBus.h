@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A system bus for the key service's tests and benchmarks (key-service-bus.py): a private dbus-daemon with the
 // package's policy for org.lumora.Keys, python-dbusmock's logind (seat0 with the active session c1; GetSessionByPID
@@ -107,13 +108,11 @@ public:
     // The attach checks polkit was asked for so far, oldest first: true where polkit might ask for a password.
     std::vector<bool> authorizationChecks() const
     {
-        const ProcessResult r = runProcess({"/usr/bin/gdbus", "call", "--system", "--dest", polkit, "--object-path",
-                                            "/org/freedesktop/PolicyKit1/Authority", "--method",
-                                            "org.freedesktop.DBus.Mock.GetMethodCalls", "CheckAuthorization"},
-                                           {{"LD_PRELOAD", std::nullopt}}, std::chrono::seconds(30));
+        const std::string out = query(polkit, "/org/freedesktop/PolicyKit1/Authority",
+                                      "org.freedesktop.DBus.Mock.GetMethodCalls", "CheckAuthorization").out;
         std::vector<bool> checks;
-        for (std::size_t at = r.out.find("<uint32 "); at != std::string::npos; at = r.out.find("<uint32 ", at + 1))
-            checks.push_back(r.out.compare(at + 8, 1, "1") == 0);
+        for (std::size_t at = out.find("<uint32 "); at != std::string::npos; at = out.find("<uint32 ", at + 1))
+            checks.push_back(out.compare(at + 8, 1, "1") == 0);
         return checks;
     }
 
@@ -125,21 +124,14 @@ public:
     // Whether the bus and its stand-ins for logind and polkit answer.
     bool answers() const
     {
-        const ProcessResult r = runProcess({"/usr/bin/gdbus", "call", "--system", "--dest", polkit, "--object-path",
-                                            "/org/freedesktop/PolicyKit1/Authority", "--method",
-                                            "org.freedesktop.DBus.Peer.Ping"},
-                                           {{"LD_PRELOAD", std::nullopt}}, std::chrono::seconds(30));
-        return r.exitStatus == 0;
+        return query(polkit, "/org/freedesktop/PolicyKit1/Authority", "org.freedesktop.DBus.Peer.Ping").exitStatus == 0;
     }
 
     // Whether lumora-keys is on the bus now.
     bool serviceRunning() const
     {
-        const ProcessResult r = runProcess({"/usr/bin/gdbus", "call", "--system", "--dest", bus, "--object-path",
-                                            "/org/freedesktop/DBus", "--method", "org.freedesktop.DBus.NameHasOwner",
-                                            "org.lumora.Keys"},
-                                           {{"LD_PRELOAD", std::nullopt}}, std::chrono::seconds(30));
-        return r.out.find("true") != std::string::npos;
+        return query(bus, "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner", "org.lumora.Keys").out.find(
+                   "true") != std::string::npos;
     }
 
     static constexpr const char* bus = "org.freedesktop.DBus";
@@ -147,20 +139,24 @@ public:
     static constexpr const char* polkit = "org.freedesktop.PolicyKit1";
 
 private:
-    static int gdbus(std::vector<std::string> args)
+    static ProcessResult query(const std::string& dest, const std::string& path, const std::string& method,
+                               const std::string& argument = "")
     {
-        args.insert(args.begin(), "/usr/bin/gdbus");
-        const ProcessResult r = runProcess(args, {{"LD_PRELOAD", std::nullopt}}, std::chrono::seconds(40));
-        EXPECT_EQ(r.exitStatus, 0) << r.err;
-        return r.exitStatus;
+        std::vector<std::string> argv{"/usr/bin/gdbus", "call", "--system", "--dest", dest, "--object-path", path,
+                                      "--method", method};
+        if (!argument.empty())
+            argv.push_back(argument);
+        return runProcess(argv, {{"LD_PRELOAD", std::nullopt}}, std::chrono::seconds(30));
     }
 
     static void call(const std::string& dest, const std::string& path, const std::string& method,
                      const std::vector<std::string>& args)
     {
-        std::vector<std::string> argv{"call", "--system", "--dest", dest, "--object-path", path, "--method", method};
+        std::vector<std::string> argv{"/usr/bin/gdbus", "call", "--system", "--dest", dest, "--object-path", path,
+                                      "--method", method};
         argv.insert(argv.end(), args.begin(), args.end());
-        gdbus(argv);
+        const ProcessResult r = runProcess(argv, {{"LD_PRELOAD", std::nullopt}}, std::chrono::seconds(40));
+        EXPECT_EQ(r.exitStatus, 0) << r.err;
     }
 
     std::string dir_;

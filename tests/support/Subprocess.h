@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Runs a program to completion with a deadline, capturing its standard output and standard error.
 // The child is always reaped; on the deadline it is killed (its whole process group) and reported as timed out.
@@ -30,33 +31,26 @@ struct ProcessResult {
 using Environment = std::map<std::string, std::optional<std::string>>;
 
 // `environment` entries are added to (and override) this process's environment; an absent value removes one.
-inline ProcessResult runProcess(const std::vector<std::string>& argv, const Environment& environment,
+inline ProcessResult runProcess(std::vector<std::string> argv, const Environment& environment,
                                 std::chrono::milliseconds timeout)
 {
     std::map<std::string, std::string> env;
     for (char** e = environ; *e; ++e) {
-        std::string entry = *e;
-        std::size_t eq = entry.find('=');
-        if (eq != std::string::npos)
+        const std::string entry = *e;
+        if (const std::size_t eq = entry.find('='); eq != std::string::npos)
             env[entry.substr(0, eq)] = entry.substr(eq + 1);
     }
-    for (const auto& [name, value] : environment) {
-        if (value)
-            env[name] = *value;
-        else
-            env.erase(name);
-    }
+    for (const auto& [name, value] : environment)
+        value ? void(env[name] = *value) : void(env.erase(name));
     std::vector<std::string> envStrings;
     for (const auto& [name, value] : env)
         envStrings.push_back(name + "=" + value);
-    std::vector<char*> envp;
+    std::vector<char*> envp, argp;
     for (std::string& s : envStrings)
         envp.push_back(s.data());
-    envp.push_back(nullptr);
-    std::vector<std::string> args = argv;
-    std::vector<char*> argp;
-    for (std::string& s : args)
+    for (std::string& s : argv)
         argp.push_back(s.data());
+    envp.push_back(nullptr);
     argp.push_back(nullptr);
 
     ProcessResult result;
@@ -72,23 +66,21 @@ inline ProcessResult runProcess(const std::vector<std::string>& argv, const Envi
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
     posix_spawnattr_setpgroup(&attributes, 0);
     pid_t pid = -1;
-    int spawned = posix_spawn(&pid, argp[0], &actions, &attributes, argp.data(), envp.data());
+    const int spawned = posix_spawn(&pid, argp[0], &actions, &attributes, argp.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     close(outPipe[1]);
     close(errPipe[1]);
+    pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
     if (spawned != 0) {
         close(outPipe[0]);
         close(errPipe[0]);
         result.err = "cannot start " + argv[0];
         return result;
     }
-
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-    int open = 2;
-    while (open > 0) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (int open = 2; open > 0;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
             result.timedOut = true;
             kill(-pid, SIGKILL);
@@ -100,7 +92,7 @@ inline ProcessResult runProcess(const std::vector<std::string>& argv, const Envi
             if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR)))
                 continue;
             char buffer[4096];
-            ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
+            const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
             if (n > 0) {
                 (i == 0 ? result.out : result.err).append(buffer, static_cast<std::size_t>(n));
             } else if (n == 0 || errno != EINTR) {
@@ -110,7 +102,7 @@ inline ProcessResult runProcess(const std::vector<std::string>& argv, const Envi
             }
         }
     }
-    for (pollfd& f : fds) {
+    for (const pollfd& f : fds) {
         if (f.fd >= 0)
             close(f.fd);
     }

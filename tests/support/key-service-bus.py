@@ -1,18 +1,14 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-or-later
 """A system bus for the key service's tests, benchmarks and end-to-end runs.
 
     key-service-bus.py DIR LUMORA_KEYS POLICY [--idle-exit SECONDS] [--refuse]
 
-Starts a private dbus-daemon listening on DIR/bus with the system bus's own rules (deny by default, as
-/usr/share/dbus-1/system.conf) and the package's policy POLICY, python-dbusmock's logind (seat0 with the active
-session c1 of user 1000; GetSessionByPID answers c1 unless PlaceProcess(pid, session) said otherwise) and polkitd
-(org.lumora.keys.attach allowed, unless --refuse), and makes LUMORA_KEYS activatable as org.lumora.Keys. Prints the
-bus address once all of it is up and serves until it is terminated (its children die with it, however it ends:
-each is told to by the kernel, PR_SET_PDEATHSIG).
-
-The service is started by the bus with the bus's own environment, and refuses to start without a virtual desk
-(UMOCKDEV_DIR): a run that forgot the desk can never reach this machine's own keyboards. A bus started outside the
-desk hands the desk to the service with UpdateActivationEnvironment.
+A private dbus-daemon on DIR/bus with the system bus's own rules and the package's POLICY, python-dbusmock's logind
+(seat0, active session c1 of user 1000; GetSessionByPID answers c1 unless PlaceProcess(pid, session) said otherwise)
+and polkitd (org.lumora.keys.attach allowed unless --refuse), and LUMORA_KEYS activatable as org.lumora.Keys, which
+refuses to start without a virtual desk (UMOCKDEV_DIR) so that it never reaches this machine's own keyboards. Prints
+the bus address once all is up and serves until terminated; its children die with it (PR_SET_PDEATHSIG).
 """
 import ctypes
 import os

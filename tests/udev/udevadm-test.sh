@@ -1,15 +1,11 @@
 #!/bin/sh
+# SPDX-License-Identifier: GPL-3.0-or-later
 # udevadm-test.sh RULE DEVPATH...
 #
-# Runs systemd's own `udevadm test` on each device with RULE as the only udev rule and prints its output, one
-# block per device, each after a line "== DEVPATH". The sysfs udevadm sees is the virtual desk's: it runs under
-# umockdev's preload, passed in LUMORA_UDEV_PRELOAD (everything else here runs without it, so that the mounts
-# below land where they say).
-#
-# Run it in a mount namespace of its own (unshare --mount --map-root-user): udevadm reads its rules from
-# /usr/lib/udev/rules.d and /etc/udev/rules.d, and writes its database under /run/udev and links under /dev, so
-# all of these are replaced by scratch space first. Nothing outside the namespace sees any of it, and nothing is
-# left behind when it ends.
+# Runs systemd's `udevadm test` on each device with RULE as the only rule and prints its output, each block after a
+# line "== DEVPATH", on the virtual desk's sysfs (umockdev's preload, passed in LUMORA_UDEV_PRELOAD). Run it in a
+# mount namespace of its own (unshare --mount --map-root-user): the rule directories, /run/udev and /dev are
+# replaced by scratch space first, which nothing outside the namespace sees and nothing outlives.
 set -eu
 rule=$1
 shift

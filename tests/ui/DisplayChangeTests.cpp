@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Which connector changes count as displays added, removed, enabled or disabled; each of them refreshes.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Where the single-instance lock lives: the session's runtime directory, else a private directory of the user's
 // own that nobody else can have prepared.
 
@@ -21,13 +22,12 @@ TEST(SingleInstance, LockInTheRuntimeDirectoryElseInAPrivateDirectoryOfTheUsersO
     const std::string uid = std::to_string(::getuid());
     const fs::path own = parent / ("lumora-" + uid);
 
-    struct Case {
+    const struct {
         const char* what;
         const char* runtime;
         std::function<void()> prepare;  // what is at <parent>/lumora-<uid> beforehand
         bool usable;                    // a lock path under <parent>/lumora-<uid>
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"nothing there: made 0700", nullptr, [] {}, true},
         {"a relative runtime directory counts as none", "run/user", [] {}, true},
         {"there already, 0700", nullptr, [&] { fs::create_directory(own); ::chmod(own.c_str(), 0700); }, true},
@@ -42,7 +42,7 @@ TEST(SingleInstance, LockInTheRuntimeDirectoryElseInAPrivateDirectoryOfTheUsersO
          false},
         {"a file", nullptr, [&] { std::ofstream(own.string()) << "x"; }, false},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         fs::remove_all(parent);
         fs::create_directories(parent);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The StatusNotifier item and its DBusMenu as a host sees them, over a private D-Bus daemon: a second connection
 // plays the host (it reads the properties and the layout, clicks menu items, activates the item) and, where a test
 // needs one, the watcher that a desktop's panel owns. Everything a host reads goes through the bus's marshalling.
@@ -21,7 +22,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -40,36 +40,20 @@ namespace {
 constexpr const char* hostConnection = "statusnotifier-test-host";
 
 // A private session bus for the whole test program, set up before Qt opens its session connection.
-class PrivateSessionBus {
-public:
-    static const QString& address()
-    {
-        static PrivateSessionBus bus;
-        return bus.address_;
-    }
-
-private:
-    PrivateSessionBus()
-    {
-        std::filesystem::create_directories(dir_);
-        address_ = QString::fromStdString("unix:path=" + dir_ + "/bus");
-        daemon_ = std::make_unique<LumoraTest::Child>(
-            std::vector<std::string>{"/usr/bin/dbus-daemon", "--session", "--nofork", "--print-address",
-                                     "--address=" + address_.toStdString()},
-            true);
-        qputenv("DBUS_SESSION_BUS_ADDRESS", address_.toUtf8());
-    }
-    ~PrivateSessionBus() { std::filesystem::remove_all(dir_); }
-
-    const std::string dir_ =
-        std::filesystem::temp_directory_path() / ("lumora-sni-" + std::to_string(::getpid()));
-    QString address_;
-    std::unique_ptr<LumoraTest::Child> daemon_;
-};
+const QString& busAddress()
+{
+    static const QTemporaryDir dir;
+    static const QString address = QStringLiteral("unix:path=") + dir.filePath(QStringLiteral("bus"));
+    static const LumoraTest::Child daemon({"/usr/bin/dbus-daemon", "--session", "--nofork", "--print-address",
+                                           "--address=" + address.toStdString()},
+                                          true);
+    qputenv("DBUS_SESSION_BUS_ADDRESS", address.toUtf8());
+    return address;
+}
 
 QDBusConnection host()
 {
-    QDBusConnection connection = QDBusConnection::connectToBus(PrivateSessionBus::address(), hostConnection);
+    QDBusConnection connection = QDBusConnection::connectToBus(busAddress(), hostConnection);
     EXPECT_TRUE(connection.isConnected()) << connection.lastError().message().toStdString();
     return connection;
 }
@@ -137,7 +121,7 @@ struct Clicks {
 
 std::unique_ptr<StatusNotifierItem> makeItem(QMenu* menu, Clicks& clicks)
 {
-    PrivateSessionBus::address();
+    busAddress();
     StatusNotifierActions actions;
     actions.activate = [&](QPoint at) { clicks.activated = at; };
     actions.secondaryActivate = [&](QPoint at) { clicks.secondary = at; };
@@ -154,6 +138,32 @@ TEST(StatusNotifierItem, HostsSeeAColourIconNoMenuItemAndGetTheirClicksWithThePo
     Clicks clicks;
     auto item = makeItem(&menu, clicks);
     ASSERT_NE(item, nullptr);
+    // It registers with a watcher that comes later, and goes with it.
+    EXPECT_FALSE(item->isRegistered()) << "no watcher yet";
+    {
+        Watcher watcher(host());
+        ASSERT_TRUE(pumpUntil([&] { return clicks.available == true; }));
+        EXPECT_EQ(watcher.registered, QStringList{item->serviceName()});
+        EXPECT_TRUE(item->isRegistered());
+        {
+            // Lumora's GNOME Shell extension comes: the item goes to its button instead, and back when it goes.
+            Watcher shell(host(), QStringLiteral("org.lumora.Lumora.Shell"),
+                          QStringLiteral("/org/lumora/Lumora/Shell"));
+            ASSERT_TRUE(pumpUntil([&] { return !shell.registered.isEmpty(); })) << "the extension's button";
+            // A round trip to the item: whatever it did on the extension's answer has reached the watcher by then.
+            property(QDBusConnection::sessionBus().baseService(), QLatin1String(StatusNotifierItem::itemPath),
+                     QStringLiteral("org.kde.StatusNotifierItem"), QStringLiteral("Status"));
+            EXPECT_EQ(shell.registered, QStringList{QLatin1String(StatusNotifierItem::itemPath)});
+            EXPECT_EQ(watcher.registered.size(), 1) << "not drawn twice: not registered with the watcher again";
+            EXPECT_FALSE(host().interface()->isServiceRegistered(item->serviceName()).value())
+                << "GNOME's AppIndicator host drops the icon only once the item's name stays away";
+        }
+        ASSERT_TRUE(pumpUntil([&] { return watcher.registered.size() == 2; }))
+            << "the extension went: back to the watcher";
+        EXPECT_TRUE(item->isRegistered());
+    }
+    ASSERT_TRUE(pumpUntil([&] { return clicks.available == false; })) << "the watcher went: the icon went with it";
+
     item->setIcon(Symbols::trayIcon(QPalette()));
     const QString service = item->serviceName();
     const QString path = QLatin1String(StatusNotifierItem::itemPath);
@@ -177,53 +187,21 @@ TEST(StatusNotifierItem, HostsSeeAColourIconNoMenuItemAndGetTheirClicksWithThePo
         EXPECT_GT(int(byte(1)) - int(byte(3)), 60) << "red well above blue: in colour, not a grey glyph";
     }
 
-    struct Case {
+    const struct {
         const char* method;
         QPoint at;
         std::optional<QPoint> Clicks::*seen;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"Activate", {1062, 778}, &Clicks::activated},
         {"SecondaryActivate", {1200, 12}, &Clicks::secondary},
         {"ContextMenu", {3000, 1060}, &Clicks::menu},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.method);
         const QDBusMessage reply = call(service, path, sni, QLatin1String(c.method), {c.at.x(), c.at.y()});
         EXPECT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
         EXPECT_EQ(clicks.*c.seen, c.at);
     }
-}
-
-TEST(StatusNotifierItem, RegistersWithAWatcherThatComesLaterAndWithLumorasShellExtensionWhileItRuns)
-{
-    QMenu menu;
-    Clicks clicks;
-    auto item = makeItem(&menu, clicks);
-    ASSERT_NE(item, nullptr);
-    EXPECT_FALSE(item->isRegistered()) << "no watcher yet";
-    {
-        Watcher watcher(host());
-        ASSERT_TRUE(pumpUntil([&] { return clicks.available == true; }));
-        EXPECT_EQ(watcher.registered, QStringList{item->serviceName()});
-        EXPECT_TRUE(item->isRegistered());
-        {
-            Watcher shell(host(), QStringLiteral("org.lumora.Lumora.Shell"),
-                          QStringLiteral("/org/lumora/Lumora/Shell"));
-            ASSERT_TRUE(pumpUntil([&] { return !shell.registered.isEmpty(); })) << "the extension's button";
-            // A round trip to the item: whatever it did on the extension's answer has reached the watcher by then.
-            property(QDBusConnection::sessionBus().baseService(), QLatin1String(StatusNotifierItem::itemPath),
-                     QStringLiteral("org.kde.StatusNotifierItem"), QStringLiteral("Status"));
-            EXPECT_EQ(shell.registered, QStringList{QLatin1String(StatusNotifierItem::itemPath)});
-            EXPECT_EQ(watcher.registered.size(), 1) << "not drawn twice: not registered with the watcher again";
-            EXPECT_FALSE(host().interface()->isServiceRegistered(item->serviceName()).value())
-                << "GNOME's AppIndicator host drops the icon only once the item's name stays away";
-        }
-        ASSERT_TRUE(pumpUntil([&] { return watcher.registered.size() == 2; }))
-            << "the extension went: back to the watcher";
-        EXPECT_TRUE(item->isRegistered());
-    }
-    ASSERT_TRUE(pumpUntil([&] { return clicks.available == false; })) << "the watcher went: the icon went with it";
 }
 
 // GNOME Shell's org.gnome.Shell.Extensions, reduced to what Lumora asks at its start.
@@ -309,39 +287,36 @@ TEST(DBusMenu, TheStatusMenuAsHostsDrawItAndItsItemsWorkThroughTheExport)
     EXPECT_EQ(layout.signature(), QStringLiteral("u(ia{sv}av)"));
 
     // The layout as a host walks it: (id, properties, children as variants of the same).
-    const QDBusArgument root = qvariant_cast<QDBusArgument>(layout.arguments().at(1));
-    int rootId = -1;
-    QVariantMap rootProperties;
-    root.beginStructure();
-    root >> rootId >> rootProperties;
-    struct Child {
-        int id;
+    struct Item {
+        int id = -1;
         QVariantMap properties;
-    };
-    QList<Child> children;
-    root.beginArray();
-    while (!root.atEnd()) {
+    } root;
+    QList<Item> children;
+    const QDBusArgument argument = qvariant_cast<QDBusArgument>(layout.arguments().at(1));
+    argument.beginStructure();
+    argument >> root.id >> root.properties;
+    argument.beginArray();
+    while (!argument.atEnd()) {
         QDBusVariant child;
-        root >> child;
+        argument >> child;
         const QDBusArgument nested = qvariant_cast<QDBusArgument>(child.variant());
-        Child c{};
+        Item c;
         nested.beginStructure();
         nested >> c.id >> c.properties;
         nested.endStructure();
         children << c;
     }
-    root.endArray();
-    root.endStructure();
-    EXPECT_EQ(rootId, 0);
-    EXPECT_EQ(rootProperties.value(QStringLiteral("children-display")).toString(), QStringLiteral("submenu"));
+    argument.endArray();
+    argument.endStructure();
+    EXPECT_EQ(root.id, 0);
+    EXPECT_EQ(root.properties.value(QStringLiteral("children-display")).toString(), QStringLiteral("submenu"));
 
-    struct Expected {
+    const struct {
         QAction* action;
         QString label;  // empty for the separator
         bool enabled;
         QString shortcut;  // the first chord, keys joined by "+"
-    };
-    const Expected expected[] = {
+    } expected[] = {
         {about, QStringLiteral("About Lumora"), true, {}},
         {updates, QStringLiteral("Check for Updates\u2026"), false, {}},
         {nullptr, {}, false, {}},
@@ -350,8 +325,8 @@ TEST(DBusMenu, TheStatusMenuAsHostsDrawItAndItsItemsWorkThroughTheExport)
     ASSERT_EQ(children.size(), std::size(expected));
     std::vector<std::unique_ptr<QSignalSpy>> untouched;  // disabled items: looked at once a later click has landed
     for (qsizetype i = 0; i < children.size(); ++i) {
-        const Child& child = children.at(i);
-        const Expected& e = expected[i];
+        const Item& child = children.at(i);
+        const auto& e = expected[i];
         SCOPED_TRACE(child.id);
         if (e.action == nullptr) {
             EXPECT_EQ(child.properties.value(QStringLiteral("type")).toString(), QStringLiteral("separator"));
@@ -369,15 +344,13 @@ TEST(DBusMenu, TheStatusMenuAsHostsDrawItAndItsItemsWorkThroughTheExport)
             call(service, path, dbusmenu, QStringLiteral("Event"),
                  {child.id, QStringLiteral("clicked"), QVariant::fromValue(QDBusVariant(0)), 0u});
         EXPECT_EQ(clicked.type(), QDBusMessage::ReplyMessage) << clicked.errorMessage().toStdString();
-        if (e.enabled) {
+        if (e.enabled)
             EXPECT_TRUE(pumpUntil([&] { return triggered->count() == 1; }));
-        } else {
+        else
             untouched.push_back(std::move(triggered));
-        }
     }
-    for (const auto& spy : untouched) {
+    for (const auto& spy : untouched)
         EXPECT_EQ(spy->count(), 0) << "a disabled item was triggered";
-    }
 
     // A click on an item that is not there is an error the host can see.
     const QDBusMessage unknown = call(service, path, dbusmenu, QStringLiteral("Event"),

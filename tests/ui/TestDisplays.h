@@ -1,8 +1,13 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Displays for the panel's tests, behind a real controller: a backend whose reading the test can change (whatever
-// the controller sends it is dropped), desks of such displays, and the rows a view shows for them.
+// the controller sends it is dropped), desks of such displays, and the panel as the application builds it over them.
 
-#include <QWidget>
+#include <QApplication>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -11,7 +16,9 @@
 #include <vector>
 
 #include "Lumora/App/DisplayController.h"
+#include "Lumora/App/PopoverPanel.h"
 #include "Lumora/UI/DisplayRow.h"
+#include "Lumora/UI/PopoverView.h"
 
 namespace LumoraTest {
 
@@ -39,16 +46,48 @@ inline std::vector<Lumora::DisplayInfo> desk(int monitors, bool withBuiltIn)
     return list;
 }
 
-// The rows a view shows, top to bottom.
-inline std::vector<Lumora::DisplayRow*> rowsOf(const QWidget& view)
-{
-    std::vector<Lumora::DisplayRow*> rows;
-    for (Lumora::DisplayRow* row : view.findChildren<Lumora::DisplayRow*>()) {
-        if (row->isVisibleTo(&view))
-            rows.push_back(row);
+// The panel as the application builds it, over a real controller of `list` (its enumerations counted), refreshed
+// once and shown with the focus.
+struct Shown {
+    explicit Shown(std::vector<Lumora::DisplayInfo> list) : displays(std::move(list))
+    {
+        EXPECT_TRUE(refreshAndWait());
+        panel.show();
+        panel.activateWindow();
+        EXPECT_TRUE(QTest::qWaitForWindowActive(&panel, 5000));
     }
-    std::sort(rows.begin(), rows.end(), [](auto* a, auto* b) { return a->y() < b->y(); });
-    return rows;
-}
+    bool refreshAndWait()
+    {
+        QSignalSpy published(&controller, &Lumora::DisplayController::displaysChanged);
+        controller.refresh();
+        const bool done = published.wait(5000);
+        panel.fitContent();
+        QApplication::processEvents();
+        return done;
+    }
+    Lumora::PopoverView* view() const { return static_cast<Lumora::PopoverView*>(panel.contentView()); }
+    // The rows shown, top to bottom.
+    std::vector<Lumora::DisplayRow*> rows() const
+    {
+        std::vector<Lumora::DisplayRow*> rows;
+        for (Lumora::DisplayRow* row : view()->findChildren<Lumora::DisplayRow*>())
+            if (row->isVisibleTo(view()))
+                rows.push_back(row);
+        std::sort(rows.begin(), rows.end(), [](auto* a, auto* b) { return a->y() < b->y(); });
+        return rows;
+    }
+    Lumora::DisplayRow* row(int index) const { return rows().at(index); }
+    // The control named so, in the view or in a row of it.
+    template <typename T>
+    T* find(const char* name, const QWidget* in = nullptr) const
+    {
+        return (in != nullptr ? in : view())->findChild<T*>(QLatin1String(name));
+    }
+
+    const std::vector<Lumora::DisplayInfo> displays;
+    std::atomic<int> enumerations{0};
+    Lumora::DisplayController controller{[this] { ++enumerations; return displays; }};
+    Lumora::PopoverPanel panel{new Lumora::PopoverView(controller)};
+};
 
 }  // namespace LumoraTest

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* An update plugin for the tests. Each call Lumora makes is written, a line a call, to the file named by
  * LUMORA_TEST_UPDATE_LOG: "create <startingUpdater> <delegates given>" and "check <senders given>" ("check of
  * another controller ..." when the controller passed is not the one made). Built complete, without the check

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The widget tests' main: a QApplication, on the offscreen platform when there is no display server.
 
 #include <QApplication>

@@ -1,33 +1,35 @@
-// The updater with the test plugin, complete or not, in the directory it looks in, and without one.
+// SPDX-License-Identifier: GPL-3.0-or-later
+// The updater with the test plugin, complete or not, in the directory it looks in, and without one; and where a
+// plugin may be loaded from: only places nobody but root can change.
 
 #include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
 #include "Lumora/Updater/Updater.h"
+
+namespace fs = std::filesystem;
 
 TEST(Updater, OneStartedControllerAndEachCheckForwardedOnlyWithACompletePlugin)
 {
-    struct Case {
+    const struct {
         const char* variant;
         bool available;
         const char* calls;  // what the plugin saw: the construction, then two checks
-    };
-    const Case cases[] = {{"none", false, ""},
-                          {"without-check", false, ""},
-                          {"create-fails", false, "create 1 0\n"},
-                          {"complete", true, "create 1 0\ncheck 0\ncheck 0\n"}};
-    const auto log = std::filesystem::temp_directory_path() / ("lumora-ui-update-" + std::to_string(::getpid()));
+    } cases[] = {{"none", false, ""},
+                 {"without-check", false, ""},
+                 {"create-fails", false, "create 1 0\n"},
+                 {"complete", true, "create 1 0\ncheck 0\ncheck 0\n"}};
+    const auto log = fs::temp_directory_path() / ("lumora-ui-update-" + std::to_string(::getpid()));
     ::setenv("LUMORA_TEST_UPDATE_LOG", log.c_str(), 1);
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.variant);
-        std::filesystem::remove(log);
+        fs::remove(log);
         Lumora::Updater updater(std::string(TEST_PLUGIN_ROOT "/") + c.variant);
         EXPECT_EQ(updater.isAvailable(), c.available);
         updater.checkForUpdates();
@@ -36,26 +38,21 @@ TEST(Updater, OneStartedControllerAndEachCheckForwardedOnlyWithACompletePlugin)
         calls << std::ifstream(log).rdbuf();
         EXPECT_EQ(calls.str(), c.calls);
     }
-    std::filesystem::remove(log);
+    fs::remove(log);
     ::unsetenv("LUMORA_TEST_UPDATE_LOG");
 }
 
-// Where a plugin may be loaded from: only places nobody but root can change.
 TEST(Updater, APluginIsTrustedOnlyWhereNobodyButRootCanChangeIt)
 {
-    if (::getuid() != 0) {
+    if (::getuid() != 0)
         GTEST_SKIP() << "needs root to make directories owned by root and by others";
-    }
-    namespace fs = std::filesystem;
     const fs::path root = fs::temp_directory_path() / ("lumora-trust-" + std::to_string(::getpid()));
-    struct Case {
+    const struct {
         const char* what;
         mode_t directory;  // the plugin's directory (its parent is 0755)
         mode_t file;
-        bool ownedByOther;
-        bool trusted;
-    };
-    const Case cases[] = {
+        bool ownedByOther, trusted;
+    } cases[] = {
         {"root's, closed", 0755, 0644, false, true},
         {"file writable by the group", 0755, 0664, false, false},
         {"file writable by everybody", 0755, 0646, false, false},
@@ -64,31 +61,23 @@ TEST(Updater, APluginIsTrustedOnlyWhereNobodyButRootCanChangeIt)
         {"directory writable by everybody, sticky", 01777, 0644, false, true},
         {"file owned by someone else", 0755, 0644, true, false},
     };
-    for (const Case& c : cases) {
+    // Each case also through a link in a closed directory: links are followed to what they name.
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         fs::remove_all(root);
         fs::create_directories(root / "lib");
+        fs::create_directories(root / "closed");
         ::chmod(root.c_str(), 0755);
+        ::chmod((root / "closed").c_str(), 0755);
         ::chmod((root / "lib").c_str(), c.directory);
         const fs::path plugin = root / "lib" / "liblumora-update.so";
         std::ofstream(plugin.string()) << "x";
         ::chmod(plugin.c_str(), c.file);
-        if (c.ownedByOther) {
-            ASSERT_EQ(::chown(plugin.c_str(), 65534, 65534), 0);
-        }
+        ASSERT_EQ(c.ownedByOther ? ::chown(plugin.c_str(), 65534, 65534) : 0, 0);
+        fs::create_symlink(plugin, root / "closed" / "liblumora-update.so");
         EXPECT_EQ(Lumora::Updater::isTrustedLocation(plugin.string()), c.trusted);
+        EXPECT_EQ(Lumora::Updater::isTrustedLocation((root / "closed" / "liblumora-update.so").string()), c.trusted);
     }
-    // Links are followed to what they name: a link in a closed directory to a file in an open one is not trusted.
-    fs::remove_all(root);
-    fs::create_directories(root / "closed");
-    fs::create_directories(root / "open");
-    ::chmod(root.c_str(), 0755);
-    ::chmod((root / "closed").c_str(), 0755);
-    ::chmod((root / "open").c_str(), 0777);
-    std::ofstream((root / "open" / "liblumora-update.so").string()) << "x";
-    ::chmod((root / "open" / "liblumora-update.so").c_str(), 0644);
-    fs::create_symlink(root / "open" / "liblumora-update.so", root / "closed" / "liblumora-update.so");
-    EXPECT_FALSE(Lumora::Updater::isTrustedLocation((root / "closed" / "liblumora-update.so").string()));
     EXPECT_FALSE(Lumora::Updater::isTrustedLocation((root / "closed" / "missing.so").string()));
     fs::remove_all(root);
 }

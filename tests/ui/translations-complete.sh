@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Every text Lumora shows has its German translation: the catalogue is brought up to date from the sources (into a
 # copy) and no message may be left unfinished, nor may the catalogue hold texts the sources no longer have.
 #

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The control language: one line in, "ok", "ok VALUE" or "error: MESSAGE" out (see README.md).
 #include "tools/virtual-desk/DeskImpl.h"
 

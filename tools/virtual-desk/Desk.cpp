@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The desk's life and its public face: building the test bed and the desk thread, tearing them down, hot-plug,
 // backlights, and the getters and setters tests use.
 #include "tools/virtual-desk/DeskImpl.h"

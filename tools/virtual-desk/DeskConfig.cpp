@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The desk description: JSON desk files, the default desk, EDID generation and consistency checks.
 #include "tools/virtual-desk/VirtualDesk.h"
 

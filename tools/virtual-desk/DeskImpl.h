@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The running desk's insides, shared by the files that build and run it: the test bed, the buses and their
 // connectors and monitors, the transfers on the wire, and the record of what was said.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The Desk's keyboard and uinput operations: keys pressed as the hardware would, keyboards plugged in and out,
 // and what tests check (grabs, clones, what was forwarded, keys left held, access, overflow).
 #include "tools/virtual-desk/DeskImpl.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The desk's own /dev nodes: a pty behind each, end-of-file marks for readiness, and access modes.
 #include "tools/virtual-desk/DevNode.h"
 

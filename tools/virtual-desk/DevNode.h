@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A /dev node the desk owns (/dev/input/eventN, /dev/uinput): what open() reaches, what poll() sees, and who may
 // open it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The EDID EEPROM at 0x50 on a connector's DDC bus, as a 24C02 behaves: 256 bytes (the connector's EDID, the rest
 // erased to 0xFF) and a current address. A write sets the address from its first byte (the offset write most EDID

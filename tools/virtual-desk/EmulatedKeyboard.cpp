@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The emulated evdev device: the input core's filtering and state, the grab, and the readers' queues with the
 // kernel's overflow rule (what a reader has not read is dropped, SYN_DROPPED and the newest event stay).
 #include "tools/virtual-desk/EmulatedKeyboard.h"

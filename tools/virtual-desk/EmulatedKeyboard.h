@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // An emulated evdev input device, as the kernel's input core and evdev handler keep it: its identity and
 // capabilities, its key/LED/switch state, the grab, and one bounded event queue per open descriptor (a "reader").

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The emulated DDC/CI monitor: request checks, Get VCP replies with their delay, Set VCP with its busy time, and
 // the faults a monitor can be told to show.
 #include "tools/virtual-desk/EmulatedMonitor.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The emulated DDC/CI monitor at 0x37: what it does with each request written to it and what each read returns.
 // It knows nothing of umockdev, buses or descriptors beyond the number of the descriptor that talks to it; the desk

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The uinput driver's bookkeeping for one descriptor: bits and ids before UI_DEV_CREATE, nothing changes after.
 #include "tools/virtual-desk/EmulatedUinput.h"
 

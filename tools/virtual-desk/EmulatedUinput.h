@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // One open descriptor of /dev/uinput, as the kernel's uinput driver keeps it: the device being described
 // (capability bits, name and ids, physical path), its state (new, set up, created), and the clone once created.

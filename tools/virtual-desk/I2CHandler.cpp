@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The umockdev side of every /dev/i2c-N: the ioctls a host makes (I2C_SLAVE, I2C_FUNCS, I2C_RDWR, ...) and plain
 // read()/write(), turned into transfers for the desk. Handlers run on umockdev's worker thread and never wait: a
 // transfer completes later, on the desk's thread.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Input event names, from the kernel's own header (the build turns its KEY_ and BTN_ defines into a table).
 #include "tools/virtual-desk/InputCodes.h"
 

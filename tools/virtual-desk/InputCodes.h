@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Names of input event types and codes as linux/input-event-codes.h spells them, for the control language, desk
 // files and the log.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The control language's keyboard commands (README.md, "Keyboards"): key, keyboard add|remove, keyboards, access,
 // grabbed, clones, forwarded, heldkeys, overflow.
 #include "tools/virtual-desk/DeskImpl.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The input side of the running desk: its keyboards and uinput clones (each an evdev device with its node and
 // sysfs entries), /dev/uinput, the descriptors open on them, and the record of what was written to the clones.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Input devices coming and going: keyboards from the desk file or plugged in later, uinput clones created and
 // destroyed by their descriptors. Each gets its node (a pty the desk owns), its sysfs records and uevents, and
 // its evdev state; when it goes, open descriptors see ENODEV and POLLHUP, as on the kernel.

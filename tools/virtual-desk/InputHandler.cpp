@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The umockdev side of /dev/input/eventN and /dev/uinput: the evdev and uinput ioctls, read() and write(), and the
 // descriptors coming and going. Handlers run on umockdev's worker thread and answer every call at once: a read with
 // nothing queued is handed back to the C library's own read of the node's pty (see DevNode.h), which fails with

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Input devices in sysfs, as the kernel's input core lays them out: inputK with name, phys, uniq, id/*,
 // capabilities/* and properties (and the same in its uevent, with MODALIAS), and its evdev child eventN with the
 // node's numbers (13:64+N).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The sysfs records (umockdev's text form) of an input device and its evdev node.
 #include "tools/virtual-desk/EmulatedKeyboard.h"

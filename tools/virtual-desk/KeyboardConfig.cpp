@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Keyboards in the desk file: parsing with field-naming errors, consistency checks, and the default desk's four.
 #include "tools/virtual-desk/KeyboardConfig.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The desk file's "keyboards" and "uinput" (and the control language's `keyboard add {...}`).
 #include "tools/virtual-desk/VirtualDesk.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The kinds of keyboard the desk has: the laptop's i8042 keyboard, an external USB keyboard (its main interface and
 // its consumer-control interface) and the ACPI Video Bus, with the capabilities and sysfs places the kernel gives
 // them.

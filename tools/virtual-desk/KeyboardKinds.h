@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // What a keyboard of each kind looks like to the system: its identity, capabilities and scan codes, and where it
 // sits in sysfs (the i8042 port, a USB interface, the ACPI video device).

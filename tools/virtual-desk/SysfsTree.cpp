@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The desk's sysfs tree as umockdev records, laid out as the kernel lays it out: PCI cards (each DRM card with its
 // `device` link to the PCI device) with their DRM connectors (status, enabled, connector_id, EDID, the DDC adapter
 // as a `ddc` link, a DisplayPort AUX child, or an adapter under the PCI device that nothing links), i2c adapters

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The transaction log's formatting: errno names, hex bytes and the JSON lines of `--log`.
 #include "tools/virtual-desk/TransactionLog.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // How the desk writes down what it saw: errno names, hex bytes, and one JSON line per I2C message.
 #include <cstdint>

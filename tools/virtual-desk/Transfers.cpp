@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Transfers on the wire: each takes its time per byte, is checked for violations when it arrives, and takes
 // effect when it completes, message by message: at 0x37 the monitor answers, at 0x50 the EDID EEPROM.
 #include "tools/virtual-desk/DeskImpl.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The virtual desk: emulated display hardware for Lumora's tests, benchmarks and demo.
 //

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Writes the KEY_* and BTN_* names of the kernel's input-event-codes.h as C++ table rows: {"KEY_ESC", 1},
 # Used by the build (see CMakeLists.txt); aliases defined as other names (KEY_HANGUEL KEY_HANGEUL) are skipped.
 set -eu

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // virtual-desk: runs a command on an emulated desk of displays.
 //
 //   virtual-desk [--desk FILE] [--log FILE] [--control PATH] [--trace] -- COMMAND [ARGS...]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A display bus held for one exchange with a monitor (a Set with its repeat, a Get request with the read of its
 // reply, an EDID read), so that no other exchange on that bus falls inside it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // One monitor's DDC/CI channel on an i2c-dev node: the transfers IOAVService's entry points make, paced the way
 // real monitors need it.

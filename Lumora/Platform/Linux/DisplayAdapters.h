@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Display I2C adapters that no connector owns: the DDC channels of monitors whose connector shows no link to
 // its channel. DisplayPort MST ports ("DPMST": on kernels such as 6.1 the kernel parents an MST port's adapter

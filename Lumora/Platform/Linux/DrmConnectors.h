@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The DRM connectors of every card, read from sysfs: the Linux counterpart of the online display list, of
 // "is built in", of the identity numbers and of the way to each monitor's own DDC channel.

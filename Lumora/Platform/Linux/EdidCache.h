@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The EDIDs of display buses that no connector owns, kept between enumerations. Reading one costs 256 bytes on the
 // bus (about 30 ms at 100 kHz: on the virtual desk a refresh with two MST monitors takes 56 ms, with sixteen 460 ms;

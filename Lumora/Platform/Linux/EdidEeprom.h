@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A monitor's EDID read from its EEPROM at I2C address 0x50 on a display adapter, by reading only.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // One open i2c-dev node (/dev/i2c-N): the Linux counterpart of a monitor's I2C channel.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Lumora's GNOME Shell extension. GNOME Shell keeps the focused window and the pointer to itself; this extension
 // answers Lumora over the session bus (org.lumora.Lumora.Shell on /org/lumora/Lumora/Shell) with the focused
 // window's frame and the pointer, in the stage's coordinates (the logical layout of Mutter's display

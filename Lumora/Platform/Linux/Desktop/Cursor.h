@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Where the mouse pointer is, in the global space of DisplayFrames: on X11 the pointer on the root window, in
 // pixels; elsewhere where Qt last saw it.

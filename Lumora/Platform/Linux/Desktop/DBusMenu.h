@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A QMenu's actions exported over D-Bus as com.canonical.dbusmenu, the menu protocol of StatusNotifier hosts:
 // waybar, Xfce's panel, GNOME's AppIndicator extension and Plasma draw the menu themselves from it, in their own

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The resolver's inputs from the desktop the user runs: its outputs with their connector names, the focused window
 // and the pointer, all in the desktop's one global space (DesktopView). Each desktop tells them its own way, and is

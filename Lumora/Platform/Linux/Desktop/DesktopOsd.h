@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The desktop's own on-screen display, where there is one Lumora may use: KDE Plasma's (org.kde.osdService of
 // plasmashell, shown where Plasma shows its own) and GNOME Shell's (through Lumora's GNOME Shell extension, on the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Tells when displays are added, removed, enabled or disabled: a udev monitor on the "drm" subsystem (connector
 // hot-plug) and the window system's screens coming and going (outputs switched on and off) both make it read the

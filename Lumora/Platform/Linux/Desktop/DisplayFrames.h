@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Where each active display sits on the desktop: the active DRM connectors (the online display list), each with
 // the frame of the desktop's output that shows it (matched to the connector by output name, else by EDID

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Whether the window system Lumora is about to use answers at all, asked before any Qt application object exists:
 // Qt aborts the process when its platform plugin cannot connect, which would leave the user with a core dump

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The frame of the window the user works in, in the global space of DisplayFrames. X11: the window manager's
 // active window (_NET_ACTIVE_WINDOW), its geometry translated to the root window and grown by its decorations

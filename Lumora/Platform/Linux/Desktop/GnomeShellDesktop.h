@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // GNOME Shell: Mutter's display configuration (org.gnome.Mutter.DisplayConfig GetCurrentState) gives every
 // connector with its EDID vendor, product and serial, and the logical monitors that show them: position, scale,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Hyprland, over its request socket ($XDG_RUNTIME_DIR/hypr/<instance>/.socket.sock, /tmp/hypr/<instance>/ before
 // Hyprland 0.40), one request per connection: j/monitors (connector names, make, model, serial, the position in

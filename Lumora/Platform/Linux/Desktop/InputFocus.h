@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Keyboard focus for a window the window manager leaves alone. The floating panel bypasses the window manager, so
 // nobody ever focuses it: on X11 it takes the input focus itself when it is shown or clicked, and hands it back to

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // A compositor's IPC socket (sway, Hyprland): a Unix stream connection that gives up at a deadline set when it
 // opens, so that a compositor that hangs costs a brightness key a fraction of a second at most.

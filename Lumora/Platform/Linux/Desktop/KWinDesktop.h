@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // KWin (KDE Plasma on Wayland). Over D-Bus, org.kde.KWin on /KWin tells the output KWin takes as active
 // (activeOutputName) and, in its support information, every output's name and frame in the layout. KWin tells

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The tray application's end of the key service (lumora-keys, on the system bus as org.lumora.Keys): attaches with
 // one end of a socket pair, then decides each brightness-key press the service hands over and answers at once.

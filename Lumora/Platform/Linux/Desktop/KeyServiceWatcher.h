@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Tells when the brightness keys may have become available or unavailable to this session, on the system bus: the
 // key service appearing (org.lumora.Keys gets an owner), polkit's authorizations changing (its Authority's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Sees mouse-button presses anywhere on the X11 desktop without grabbing anything: XInput2 raw button events on
 // the root window, on a connection of its own, selected only while a watcher exists. The clicked window still

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Tells when the machine has resumed from suspend: systemd-logind's PrepareForSleep signal with `false` on the
 // system bus (the bus named by DBUS_SYSTEM_BUS_ADDRESS, else the system's). The connection is made without

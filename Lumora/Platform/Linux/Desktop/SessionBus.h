@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Lumora on the session bus: the name org.lumora.Lumora, and on /org/lumora/Lumora the interface
 // org.lumora.Lumora1 (SessionBusInterface). Owning the name is also how a second start of Lumora finds the first one

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // The interface org.lumora.Lumora1 on /org/lumora/Lumora: the Displays property with its PropertiesChanged, and
 // the methods that scripts and the desktop's own shortcuts call. Its description is the introspection file that is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // One tray application per user session, also where there is no session bus: an exclusive lock on a file held
 // until the process ends. The file lives in the session's runtime directory ($XDG_RUNTIME_DIR/lumora.lock), else

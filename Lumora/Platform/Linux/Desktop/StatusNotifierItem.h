@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Lumora's item in a StatusNotifier host (Plasma, GNOME's AppIndicator extension, waybar, Xfce's panel), over the
 // session bus: org.kde.StatusNotifierItem on /StatusNotifierItem under a name of its own, registered with the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // sway (and other compositors that speak its IPC): the outputs with their connector names, make, model, serial
 // and frames in the layout's logical units (get_outputs), and the focused window (get_tree's focused node). sway

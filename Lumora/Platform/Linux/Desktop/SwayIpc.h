@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Commands to sway (and other compositors that speak i3's IPC) over the socket named by SWAYSOCK: sway places the
 // windows of XWayland clients itself (a floating window opens centred, whatever position it asks for), and moves

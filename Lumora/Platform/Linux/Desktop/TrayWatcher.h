@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Tells when the X11 desktop's system tray comes or goes (a panel starting after Lumora at login, a panel
 // restarting): the xcb platform's tray tracker follows the tray's manager selection and announces every change.

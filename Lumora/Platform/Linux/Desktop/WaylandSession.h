@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Whether Lumora's windows live on a Wayland compositor: natively (Qt's wayland platform) or as an X11 client of
 // XWayland. There X11 sees neither clicks on Wayland windows nor the real pointer, and the compositor gives the

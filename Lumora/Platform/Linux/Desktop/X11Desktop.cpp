@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The X11 desktop (and any desktop Lumora reaches only through X11): the screens Qt knows from RandR, the window
 // manager's active window and the pointer on the root window, all in the root window's pixels.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Qt's own X11 connection and the root window of the default screen, for the short synchronous queries of the
 // brightness keys (FocusedWindow, Cursor). Main thread only.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: GPL-3.0-or-later
 # `make demo`: the tray application on the virtual desk (two emulated DDC/CI monitors and a laptop panel).
 #
 #   demo.sh BUILD_DIR [SCREENSHOT]
@@ -34,8 +35,8 @@ if ! command -v Xvfb >/dev/null 2>&1; then
     echo "demo: no X session and no Xvfb (scripts/install-deps.sh installs it)" >&2
     exit 1
 fi
-# shellcheck source=desktop-session.sh
-source "$HERE/desktop-session.sh"
+# shellcheck source=../tests/e2e-desktop/desktop-session.sh
+source "$HERE/../tests/e2e-desktop/desktop-session.sh"
 cleanup() { session_stop; rm -rf "$WORK"; }
 trap cleanup EXIT
 session_environment "$WORK"

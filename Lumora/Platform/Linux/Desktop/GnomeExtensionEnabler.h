@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 // Turns Lumora's GNOME Shell extension on at Lumora's first start in a GNOME Shell session. GNOME enables no
 // extension by itself, and without this one Lumora has no top-bar button that opens the panel on a single click

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -77,12 +76,8 @@ struct Service {
             if (tap == nullptr)
                 return false;
         }
-        const int socket = attached->fd();
-        {
-            const std::lock_guard<std::mutex> lock(clientMutex);
-            client = std::move(attached);
-        }
-        tap->listen(socket, [this, socket, into = tap.get()] { return decisionsArrived(*into, socket); });
+        const std::lock_guard<std::mutex> lock(clientMutex);
+        client = std::move(attached);
         return true;
     }
 
@@ -97,21 +92,16 @@ struct Service {
         idleSince = Clock::now();
     }
 
-    // Capture thread, as soon as the client's socket is readable: settles what it decided. A client that hangs up or
-    // breaks the protocol is shut out; the main thread sees its socket hang up and lets the keys go.
-    bool decisionsArrived(KeyTap& into, int socket)
+    void decisionsArrived()
     {
         const std::shared_ptr<AttachedClient> from = current();
-        if (from == nullptr || from->fd() != socket)
-            return false;
         const auto decisions = from->receive();
         if (!decisions) {
-            ::shutdown(socket, SHUT_RDWR);
-            return false;
+            detach();
+            return;
         }
         for (const KeyProtocol::Decision& decision : *decisions)
-            into.settle(decision.id, [&] { return decision.consume; });
-        return true;
+            tap->settle(decision.id, [&] { return decision.consume; });
     }
 
     void seatsChanged()
@@ -284,13 +274,13 @@ int runKeyService(const KeyServiceOptions& options)
         if (exitAt && (!wakeAt || *exitAt < *wakeAt))
             wakeAt = exitAt;
         const std::shared_ptr<AttachedClient> client = service.current();
-        // The client's decisions are read by the capture thread; here only its hanging up is watched.
         pollfd fds[2] = {{sd_bus_get_fd(service.bus), short(sd_bus_get_events(service.bus)), 0},
-                         {client != nullptr ? client->fd() : -1, 0, 0}};
+                         {client != nullptr ? client->fd() : -1, POLLIN, 0}};
         if (::poll(fds, 2, millisecondsUntil(wakeAt)) < 0 && errno != EINTR)
             break;
-        if (client != nullptr && (fds[1].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0 && client == service.current())
-            service.detach();
+        if (client != nullptr && (fds[1].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0 &&
+            client == service.current())
+            service.decisionsArrived();
     }
     // Leaves the name first, so that the next attach starts a new instance instead of waiting on this one.
     sd_bus_release_name(service.bus, busName);

@@ -132,8 +132,6 @@ struct KeyTap::Impl {
     mutable std::mutex mutex;
     std::unordered_map<std::uint64_t, PressState> presses;
     bool stopping = false;
-    int decisions = -1;  // see listen()
-    std::function<bool()> decisionsReady;
 
     ~Impl()
     {
@@ -520,14 +518,7 @@ struct KeyTap::Impl {
     void run()
     {
         for (;;) {
-            int source = -1;
-            std::function<bool()> ready;
-            {
-                const std::lock_guard<std::mutex> lock(mutex);
-                source = decisions;
-                ready = decisionsReady;
-            }
-            std::vector<pollfd> fds{{wake, POLLIN, 0}, {inotify, POLLIN, 0}, {source, POLLIN, 0}};
+            std::vector<pollfd> fds{{wake, POLLIN, 0}, {inotify, POLLIN, 0}};
             std::vector<std::pair<Device*, bool>> polled;  // the device, and whether it is its clone's descriptor
             for (const auto& device : devices) {
                 fds.push_back({device->fd, POLLIN, 0});
@@ -551,15 +542,10 @@ struct KeyTap::Impl {
                 if (stopping)
                     return;
             }
-            if (fds[2].revents != 0 && !ready()) {
-                const std::lock_guard<std::mutex> lock(mutex);
-                if (decisions == source)
-                    decisions = -1;
-            }
             // Devices first: what they hold was typed before anything the watch reports.
             std::vector<Device*> gone;
-            for (std::size_t i = 3; i < fds.size(); ++i) {
-                auto [device, clone] = polled[i - 3];
+            for (std::size_t i = 2; i < fds.size(); ++i) {
+                auto [device, clone] = polled[i - 2];
                 if (std::find(gone.begin(), gone.end(), device) != gone.end())
                     continue;
                 if (clone && (fds[i].revents & POLLIN) != 0)
@@ -614,16 +600,6 @@ std::unique_ptr<KeyTap> KeyTap::create(OnPress onPress)
 KeyTap::KeyTap(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 KeyTap::~KeyTap() = default;
-
-void KeyTap::listen(int fd, std::function<bool()> ready)
-{
-    {
-        const std::lock_guard<std::mutex> lock(impl_->mutex);
-        impl_->decisions = fd;
-        impl_->decisionsReady = std::move(ready);
-    }
-    impl_->signal();
-}
 
 bool KeyTap::settle(std::uint64_t press, const std::function<bool()>& decide)
 {

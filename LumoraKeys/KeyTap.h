@@ -59,11 +59,6 @@ public:
     // `decide` ran.
     bool settle(std::uint64_t press, const std::function<bool()>& decide);
 
-    // Where decisions come from: the reading thread watches `fd` itself and runs `ready` as soon as it is readable,
-    // so that a decision reaches the waiting key without a detour through another thread. `ready` reads and settles
-    // what has come; it returns false when the source is finished with, and then is not run again. -1: none.
-    void listen(int fd, std::function<bool()> ready);
-
     struct Impl;
 
 private:

@@ -10,6 +10,9 @@
 // nothing else: useDesk() hands it the desk's preload, and the service file refuses to start the service without
 // one, so a test that forgot can never reach this machine's own keyboards.
 
+#include <unistd.h>
+
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <cstdio>
@@ -42,6 +45,10 @@ public:
                                      build + "/LumoraKeys/lumora-keys", source + "/data/org.lumora.Keys.conf",
                                      "--idle-exit", std::to_string(idleExitSeconds)},
             true, std::chrono::seconds(120));
+        // The script makes DIR/ready once logind and polkit are set up: seen even if its output was missed.
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+        while (!std::filesystem::exists(dir_ + "/ready") && std::chrono::steady_clock::now() < until)
+            ::usleep(20'000);
         // Made before any test runs (Qt connects to the system bus once per process): without it nothing can pass.
         if (!answers()) {
             std::fprintf(stderr, "KeyServiceBus: the private system bus at %s did not come up\n", address().c_str());

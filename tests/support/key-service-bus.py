@@ -8,7 +8,7 @@ A private dbus-daemon on DIR/bus with the system bus's own rules and the package
 (seat0, active session c1 of user 1000; GetSessionByPID answers c1 unless PlaceProcess(pid, session) said otherwise)
 and polkitd (org.lumora.keys.attach allowed unless --refuse), and LUMORA_KEYS activatable as org.lumora.Keys, which
 refuses to start without a virtual desk (UMOCKDEV_DIR) so that it never reaches this machine's own keyboards. Prints
-the bus address once all is up and serves until terminated; its children die with it (PR_SET_PDEATHSIG).
+the bus address once all is up (and makes DIR/ready) and serves until terminated; its children die with it (PR_SET_PDEATHSIG).
 """
 import ctypes
 import os
@@ -81,7 +81,11 @@ def main():
                     "self.__dict__.setdefault('placed', {})[int(args[0])] = args[1]", dbus_interface=mock)
     bus.get_object("org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority").SetAllowed(
         dbus.Array([] if refuse else [ACTION], signature="s"), dbus_interface=mock)
-    print(address, flush=True)
+    open(work + "/ready", "w").close()
+    try:
+        print(address, flush=True)
+    except BrokenPipeError:  # the caller stopped reading early: it finds DIR/ready instead
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
     names = ("dbus-daemon", "logind", "polkitd")
     while all(child.poll() is None for child in children):
         time.sleep(0.5)

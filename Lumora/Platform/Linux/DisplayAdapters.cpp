@@ -6,13 +6,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <filesystem>
 #include <optional>
 #include <set>
 #include <system_error>
 
 #include "LumoraCore/DisplayBusName.h"
+#include "Lumora/Platform/Linux/SysfsNumber.h"
 
 namespace Lumora::Platform {
 namespace {
@@ -21,22 +21,12 @@ namespace fs = std::filesystem;
 
 const fs::path drmClass = "/sys/class/drm";
 
-template <typename Number>
-std::optional<Number> parseNumber(std::string_view text)
-{
-    Number value{};
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size() || text.empty())
-        return std::nullopt;
-    return value;
-}
-
 // "card1" → 1; connectors ("card1-DP-1") and render nodes are not cards.
 std::optional<unsigned> cardIndex(std::string_view entry)
 {
     if (!entry.starts_with("card"))
         return std::nullopt;
-    return parseNumber<unsigned>(entry.substr(4));
+    return parseSysfsNumber<unsigned>(entry.substr(4));
 }
 
 // "i2c-7" → 7.
@@ -44,7 +34,7 @@ std::optional<unsigned> adapterNumber(std::string_view entry)
 {
     if (!entry.starts_with("i2c-"))
         return std::nullopt;
-    return parseNumber<unsigned>(entry.substr(4));
+    return parseSysfsNumber<unsigned>(entry.substr(4));
 }
 
 // A short sysfs text attribute without its trailing line feed; "" when unreadable.

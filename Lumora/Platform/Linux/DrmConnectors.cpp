@@ -5,10 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <filesystem>
 #include <set>
 #include <system_error>
+
+#include "Lumora/Platform/Linux/SysfsNumber.h"
 
 namespace Lumora::Platform {
 namespace {
@@ -54,16 +55,6 @@ std::string readText(const fs::path& path)
     return text;
 }
 
-template <typename Number>
-std::optional<Number> parseNumber(std::string_view text)
-{
-    Number value{};
-    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size() || text.empty())
-        return std::nullopt;
-    return value;
-}
-
 // "card12-HDMI-A-1" → card 12, connector "HDMI-A-1". Card entries themselves ("card0") and render nodes have no dash.
 std::optional<std::pair<unsigned, std::string>> splitConnectorEntry(const std::string& entry)
 {
@@ -72,7 +63,7 @@ std::optional<std::pair<unsigned, std::string>> splitConnectorEntry(const std::s
     std::size_t dash = entry.find('-');
     if (dash == std::string::npos || dash == 4 || dash + 1 >= entry.size())
         return std::nullopt;
-    std::optional<unsigned> card = parseNumber<unsigned>(std::string_view(entry).substr(4, dash - 4));
+    std::optional<unsigned> card = parseSysfsNumber<unsigned>(std::string_view(entry).substr(4, dash - 4));
     if (!card)
         return std::nullopt;
     return std::make_pair(*card, entry.substr(dash + 1));
@@ -81,7 +72,7 @@ std::optional<std::pair<unsigned, std::string>> splitConnectorEntry(const std::s
 // "i2c-7" → "/dev/i2c-7"; anything else is not an adapter.
 std::optional<std::string> adapterNode(const std::string& adapterName)
 {
-    if (adapterName.rfind("i2c-", 0) != 0 || !parseNumber<unsigned>(std::string_view(adapterName).substr(4)))
+    if (adapterName.rfind("i2c-", 0) != 0 || !parseSysfsNumber<unsigned>(std::string_view(adapterName).substr(4)))
         return std::nullopt;
     return "/dev/" + adapterName;
 }
@@ -113,7 +104,7 @@ ConnectorAdapters connectorAdapters(const fs::path& connectorDir)
     for (fs::directory_iterator it(connectorDir, error), end; !error && it != end; it.increment(error)) {
         std::string child = it->path().filename().string();
         if (adapterNode(child))
-            children.emplace_back(*parseNumber<unsigned>(std::string_view(child).substr(4)), child);
+            children.emplace_back(*parseSysfsNumber<unsigned>(std::string_view(child).substr(4)), child);
     }
     std::sort(children.begin(), children.end());
     if (!linked && !children.empty())
@@ -165,7 +156,7 @@ std::vector<DrmConnector> DrmConnectors::list()
         connector.builtIn = isBuiltInConnectorName(connector.connectorName);
         if (std::optional<std::vector<std::uint8_t>> edid = readAttribute(dir / "edid"))
             connector.edid = std::move(*edid);
-        std::optional<std::uint32_t> id = parseNumber<std::uint32_t>(readText(dir / "connector_id"));
+        std::optional<std::uint32_t> id = parseSysfsNumber<std::uint32_t>(readText(dir / "connector_id"));
         std::uint32_t perCard = (id && *id > 0 && *id <= 0xFFFF) ? *id : derivedConnectorID(connector.connectorName);
         connector.displayID = (static_cast<std::uint32_t>(connector.card) << 16) | perCard;
         ConnectorAdapters adapters = connectorAdapters(dir);

@@ -90,8 +90,8 @@ works_on()
 # The window the user works in: a native Wayland one, then (the terminal closed) an X11 one through XWayland.
 for WINDOW in "$NATIVE" "$X11"; do
     step "the window \"$WINDOW\""
-    [[ $WINDOW == "$X11" ]] && kill -TERM -- "-$SPAWNED"
-    desktop_run $([[ $WINDOW == "$NATIVE" ]] && echo weston-terminal || echo xev -rv -name "$X11" -geometry 700x500)
+    if [[ $WINDOW == "$NATIVE" ]]; then desktop_run weston-terminal
+    else kill -TERM -- "-$SPAWNED"; desktop_run xev -rv -name "$X11" -geometry 700x500; fi
     wait_until 20 window_shown || abort "no window titled $WINDOW"
     works_on 2 300 +
     works_on 1 $(( OUTPUT_WIDTH + 300 )) -

@@ -15,7 +15,7 @@ desktop_up()
     local ext="$work/home/.local/share/gnome-shell/extensions/$GNOME_TEST_EXTENSION"
     for (( i = 0; i < OUTPUTS; i++ )); do monitors+=(--virtual-monitor 1280x800); done
     mkdir -p "$ext"
-    echo "{\"uuid\": \"$GNOME_TEST_EXTENSION\", \"name\": \"Lumora tests\", \"description\": \"\", \"shell-version\": [\"43\"]}" >"$ext/metadata.json"
+    echo "{\"uuid\": \"$GNOME_TEST_EXTENSION\", \"name\": \"Lumora tests\", \"description\": \"Unsafe mode\", \"shell-version\": [\"43\"]}" >"$ext/metadata.json"
     echo 'function init() { return { enable() { imports.ui.main.messageTray.bannerBlocked = true; global.context.unsafe_mode = true; }, disable() {} }; }' >"$ext/extension.js"
     if [[ $DESKTOP == *appindicator ]]; then
         mkdir -p "$work/share/gnome-shell/extensions"

@@ -48,7 +48,7 @@ reply, _ = Gio.bus_get_sync(Gio.BusType.SESSION).call_with_unix_fd_list_sync(
     "org.kde.KWin", "/org/kde/KWin/ScreenShot2", "org.kde.KWin.ScreenShot2", "CaptureWorkspace",
     GLib.Variant("(a{sv}h)", ({"include-cursor": GLib.Variant("b", True)}, 0)), GLib.VariantType("(a{sv})"),
     Gio.DBusCallFlags.NONE, 10000, fds, None)
-for fd in fds.steal_fds(): os.close(fd)  # the list's write end, closed so that the read below ends
+for fd in fds.steal_fds(): os.close(fd)  # the write end KWin got a copy of, closed so that the read below ends
 info = reply.unpack()[0]
 with os.fdopen(read_end, "rb") as pipe, open(sys.argv[1], "wb") as out:
     out.write(pipe.read())

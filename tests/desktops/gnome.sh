@@ -1,38 +1,31 @@
 # SPDX-License-Identifier: GPL-3.0-or-later
-# GNOME Shell 43, headless, on virtual monitors, X clients through XWayland (see desktop.sh): stock (no tray) as
-# gnome; as gnome-appindicator as a user has it: the AppIndicator extension on and Lumora's installed where the
-# package puts it (a system data directory) but off, for Lumora to turn on at its first start; it then takes
-# Lumora's item from the AppIndicator extension as a top-bar button of its own. The shell wants a system bus and,
-# without logind, a mount namespace with an empty /run/systemd (it then uses its stand-in login manager). A test
-# extension turns on unsafe mode, so that Eval and Screenshot answer: Clutter's virtual devices, made through Eval,
-# point, click and type as the user's own do.
-
-desktop_name() { [[ $DESKTOP == *appindicator ]] && echo "GNOME Shell 43 + AppIndicator" || echo "GNOME Shell 43 (no tray)"; }
-desktop_tools() { echo gnome-shell unshare gdbus gsettings xprop xwininfo; }
-
+# GNOME Shell 43 on virtual monitors: stock (no tray) as gnome; as gnome-appindicator as a user has it, the
+# AppIndicator extension on and Lumora's installed system-wide but off, for Lumora to turn on at its first start (it
+# then takes Lumora's item over as a top-bar button). Without logind the shell wants an empty /run/systemd (a mount
+# namespace). A test extension turns on unsafe mode: Eval and Screenshot answer, Clutter's virtual devices point,
+# click and type as the user's own do.
+DESKTOP_NAME="GNOME Shell 43 (no tray)" DESKTOP_TOOLS="gnome-shell unshare gdbus gsettings xprop xwininfo"
+[[ $DESKTOP == *appindicator ]] && DESKTOP_NAME="GNOME Shell 43 + AppIndicator"
+OUTPUT_NAMES=(Meta-0 Meta-1)
 GNOME_TEST_EXTENSION=lumora-tests@lumora.invalid
-GNOME_APPINDICATOR=ubuntu-appindicators@ubuntu.com
 
-desktop_start()
+desktop_up()
 {
-    local work=$1 outputs=${2:-1} i monitors=() extensions="'$GNOME_TEST_EXTENSION'"
-    desktop_prepare "$work" || return 1
-    DESKTOP_WIDTH=$(( 1280 * outputs ))
-    for (( i = 0; i < outputs; i++ )); do monitors+=(--virtual-monitor 1280x800); done
+    local work=$1 i monitors=() extensions="'$GNOME_TEST_EXTENSION'"
     local ext="$work/home/.local/share/gnome-shell/extensions/$GNOME_TEST_EXTENSION"
+    for (( i = 0; i < OUTPUTS; i++ )); do monitors+=(--virtual-monitor 1280x800); done
     mkdir -p "$ext"
-    echo "{\"uuid\": \"$GNOME_TEST_EXTENSION\", \"name\": \"Lumora tests\", \"description\": \"Unsafe mode for tests\",
-           \"shell-version\": [\"43\"]}" >"$ext/metadata.json"
+    echo "{\"uuid\": \"$GNOME_TEST_EXTENSION\", \"name\": \"Lumora tests\", \"description\": \"Unsafe mode\", \"shell-version\": [\"43\"]}" >"$ext/metadata.json"
     echo 'function init() { return { enable() { imports.ui.main.messageTray.bannerBlocked = true; global.context.unsafe_mode = true; }, disable() {} }; }' >"$ext/extension.js"
     if [[ $DESKTOP == *appindicator ]]; then
         mkdir -p "$work/share/gnome-shell/extensions"
-        cp -r "$DESKTOP_DIR/../../data/gnome-shell-extension/lumora@lumora.org" "$work/share/gnome-shell/extensions/"
+        cp -r "$HERE/../../data/gnome-shell-extension/lumora@lumora.org" "$work/share/gnome-shell/extensions/"
         export XDG_DATA_DIRS="$work/share:${XDG_DATA_DIRS:-/usr/local/share:/usr/share}"
-        extensions+=", '$GNOME_APPINDICATOR'"
+        extensions+=", 'ubuntu-appindicators@ubuntu.com'"
     fi
     chown -R "$DESKTOP_USER:" "$work/home"
 
-    # The system bus: a private one, as the shell only needs one to be there.
+    # A private system bus: the shell only needs one to be there.
     desktop_spawn "$work/system-bus.log" dbus-daemon --config-file=/usr/share/dbus-1/session.conf --nofork \
         --nopidfile --address="unix:path=$XDG_RUNTIME_DIR/system-bus"
     wait_until 10 test -S "$XDG_RUNTIME_DIR/system-bus" || { echo "desktop: no system bus" >&2; return 1; }
@@ -48,9 +41,7 @@ desktop_start()
     SPAWN_WRAP=()
     wait_until 60 gnome_eval 'true' >/dev/null || { echo "desktop: GNOME Shell did not come up in unsafe mode" >&2; return 1; }
     export WAYLAND_DISPLAY DISPLAY XAUTHORITY
-    WAYLAND_DISPLAY=$(gnome_eval "GLib.getenv('WAYLAND_DISPLAY')")
-    DISPLAY=$(gnome_eval "GLib.getenv('DISPLAY')")
-    XAUTHORITY=$(gnome_eval "GLib.getenv('XAUTHORITY')")
+    for i in WAYLAND_DISPLAY DISPLAY XAUTHORITY; do printf -v "$i" %s "$(gnome_eval "GLib.getenv('$i')")"; done
     [[ -n $DISPLAY && -n $WAYLAND_DISPLAY ]] || { echo "desktop: the shell names no displays" >&2; return 1; }
     desktop_wait_x 30 || { echo "desktop: XWayland does not answer on $DISPLAY" >&2; return 1; }
     if [[ $DESKTOP == *appindicator ]]; then
@@ -60,22 +51,20 @@ desktop_start()
     fi
     # The overview the shell opens at its start would cover the desktop.
     gnome_eval 'Main.overview.hide(); true' >/dev/null
-    wait_until 10 gnome_overview_hidden || { echo "desktop: the overview stays" >&2; return 1; }
+    wait_until 10 equals false gnome_eval "Main.overview.visible" || { echo "desktop: the overview stays" >&2; return 1; }
 }
-# desktop_items: the item Lumora's extension shows in the top bar (bus name and path), as desktop.sh names one, once
-# the AppIndicator extension shows it no more (Lumora registers there before it has turned its extension on).
-desktop_items() { [[ -z $(watcher_items) ]] && gnome_eval "const b = Main.panel.statusArea.lumora; b ? b._owner + b._path : ''"; }
+# desktop_items: the item Lumora's extension shows in the top bar (bus name and path), once the AppIndicator
+# extension shows it no more (Lumora registers there before it has turned its extension on).
+desktop_items() { ! watcher_property RegisteredStatusNotifierItems | grep -q "'" && gnome_eval "const b = Main.panel.statusArea.lumora; b ? b._owner + b._path : ''"; }
 # gnome_lumora_extension STATE: Lumora's extension is in that state (1 on, 2 turned off, 6 installed and never on).
-gnome_lumora_extension() { [[ $(gnome_eval "Main.extensionManager.lookup('lumora@lumora.org')?.state ?? 0") == "$1" ]]; }
-gnome_overview_hidden() { [[ $(gnome_eval "Main.overview.visible") == false ]]; }
+gnome_lumora_extension() { equals "$1" gnome_eval "Main.extensionManager.lookup('lumora@lumora.org')?.state ?? 0"; }
 
 # gnome_eval JS: the value of JS in the shell, as a string; fails when the shell reports an error.
 gnome_eval()
 {
     local out
-    out=$(as_user gdbus call --session --dest org.gnome.Shell --object-path /org/gnome/Shell \
-        --method org.gnome.Shell.Eval "const { Clutter, GLib } = imports.gi; const Main = imports.ui.main; $1" \
-        2>/dev/null) || return 1
+    out=$(session_dbus org.gnome.Shell /org/gnome/Shell org.gnome.Shell.Eval \
+        "const { Clutter, GLib } = imports.gi; const Main = imports.ui.main; $1" 2>/dev/null) || return 1
     [[ $out == "(true, "* ]] || return 1
     out=${out#(true, \'}
     out=${out%\')}
@@ -83,9 +72,9 @@ gnome_eval()
 }
 
 # Clutter's virtual devices, made once per shell and kept on the global object.
-GNOME_POINTER="(global._lumoraPointer ??= Clutter.get_default_backend().get_default_seat().create_virtual_device(Clutter.InputDeviceType.POINTER_DEVICE))"
-GNOME_KEYBOARD="(global._lumoraKeyboard ??= Clutter.get_default_backend().get_default_seat().create_virtual_device(Clutter.InputDeviceType.KEYBOARD_DEVICE))"
-
+GNOME_DEVICE="Clutter.get_default_backend().get_default_seat().create_virtual_device(Clutter.InputDeviceType"
+GNOME_POINTER="(global._lumoraPointer ??= $GNOME_DEVICE.POINTER_DEVICE))"
+GNOME_KEYBOARD="(global._lumoraKeyboard ??= $GNOME_DEVICE.KEYBOARD_DEVICE))"
 desktop_move() { gnome_eval "$GNOME_POINTER.notify_absolute_motion(GLib.get_monotonic_time(), $1, $2); true" >/dev/null; }
 desktop_click()
 {
@@ -96,17 +85,26 @@ desktop_click()
 # desktop_key NAME: a key or a combination (alt+F4), by its Clutter name.
 desktop_key()
 {
-    local keys k down="" up=""
-    keys=${1//alt/Alt_L}
-    for k in ${keys//+/ }; do
-        down+=" k.notify_keyval(t, Clutter.KEY_$k, Clutter.KeyState.PRESSED);"
-        up=" k.notify_keyval(t, Clutter.KEY_$k, Clutter.KeyState.RELEASED);$up"
-    done
-    gnome_eval "const k = $GNOME_KEYBOARD; const t = GLib.get_monotonic_time(); $down $up true" >/dev/null
+    local keys=${1//alt/Alt_L}
+    gnome_eval "const k = $GNOME_KEYBOARD; const t = GLib.get_monotonic_time(); const keys = '$keys'.split('+');
+        keys.forEach(n => k.notify_keyval(t, Clutter['KEY_' + n], Clutter.KeyState.PRESSED));
+        keys.reverse().forEach(n => k.notify_keyval(t, Clutter['KEY_' + n], Clutter.KeyState.RELEASED)); true" >/dev/null
 }
-desktop_screenshot()
+desktop_screenshot() { rm -f "$SESSION_OUT/shot.png" && session_dbus org.gnome.Shell.Screenshot /org/gnome/Shell/Screenshot \
+    org.gnome.Shell.Screenshot.Screenshot true false "$SESSION_OUT/shot.png" >/dev/null 2>&1 && cp "$SESSION_OUT/shot.png" "$1"; }
+
+# The window the user works in (WINDOW, by its title): shown, moved onto output N and focused there, focused.
+the_window() { echo "global.get_window_actors().map(a => a.meta_window).find(w => w.get_title() === '$WINDOW')"; }
+window_shown() { equals true gnome_eval "!!$(the_window)"; }
+# Onto the output and focused, asked until a try finds it there already (the shell may undo a first move while it
+# still places a window just mapped).
+window_moved_to()
 {
-    rm -f "$SESSION_OUT/shot.png" && as_user gdbus call --session --dest org.gnome.Shell.Screenshot --object-path \
-        /org/gnome/Shell/Screenshot --method org.gnome.Shell.Screenshot.Screenshot true false "$SESSION_OUT/shot.png" \
-        >/dev/null 2>&1 && cp "$SESSION_OUT/shot.png" "$1"
+    local x=$(( ($1 - 1) * 1280 + 200 ))
+    equals "$x" gnome_eval "const w = $(the_window); const x = w.get_frame_rect().x;
+        if (x !== $x) w.move_frame(true, $x, 200); w.activate(global.get_current_time()); x"
 }
+window_to() { wait_until 10 window_moved_to "$1"; }
+window_focused() { equals "$WINDOW" gnome_eval "global.display.get_focus_window()?.get_title()"; }
+# osd_shown N: GNOME's on-screen display (through Lumora's extension) is up on output N (one OSD window a monitor).
+osd_shown() { equals $(( $1 - 1 )) gnome_eval "Main.osdWindowManager._osdWindows.findIndex(w => w.visible)"; }

@@ -1,14 +1,10 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: GPL-3.0-or-later
-# `make test-desktops`: scenario.sh on each desktop named (sway xfce gnome gnome-appindicator kde), each under 3
-# minutes, then the figures and verdicts; artefacts in BUILD_DIR/desktops/<desktop>/. Exit status 0 when every
-# desktop passed or was skipped.
-#
-#   run.sh BUILD_DIR DESKTOP...
+# run.sh BUILD_DIR DESKTOP...: scenario.sh on each desktop, each under 3 minutes, then the figures and verdicts;
+# artefacts in BUILD_DIR/desktops/<desktop>/. Status 0 when every desktop passed or was skipped.
 set -uo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
-BUILD=$1
-shift
+BUILD=$1 && shift
 failed=0
 summary=()
 for desktop in "$@"; do

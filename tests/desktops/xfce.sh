@@ -1,26 +1,19 @@
 # SPDX-License-Identifier: GPL-3.0-or-later
-# Xfce 4.18's panel (its systray hosts StatusNotifier items and XEmbed icons) and xfwm4 on Xvfb (see desktop.sh):
-# X11 all through, xdotool clicks and types, ImageMagick's import shoots.
+# Xfce 4.18's panel (its systray hosts StatusNotifier items and XEmbed icons) and xfwm4 on Xvfb: X11 all through,
+# xdotool clicks and types, ImageMagick's import shoots.
+DESKTOP_NAME="Xfce 4.18 panel + xfwm4 (X11)" DESKTOP_TOOLS="Xvfb xfce4-panel xfwm4 xdotool import xprop xwininfo gdbus"
 
-desktop_name() { echo "Xfce 4.18 panel + xfwm4 (X11)"; }
-desktop_tools() { echo Xvfb xfce4-panel xfwm4 xdotool import xprop xwininfo gdbus; }
-
-desktop_start()
+desktop_up()
 {
-    local work=$1 outputs=${2:-1}
-    desktop_prepare "$work" || return 1
-    DESKTOP_WIDTH=$(( 1280 * outputs ))
+    local work=$1
     # The panel's stock layout; without it the panel asks on its first start which layout the user wants.
-    mkdir -p "$work/home/.config/xfce4/xfconf/xfce-perchannel-xml"
-    cp /etc/xdg/xfce4/panel/default.xml "$work/home/.config/xfce4/xfconf/xfce-perchannel-xml/xfce4-panel.xml"
-    chown -R "$DESKTOP_USER:" "$work/home"
+    mkdir -p "$work/home/.config/xfce4/xfconf/xfce-perchannel-xml" && chown -R "$DESKTOP_USER:" "$work/home/.config" &&
+        install -o "$DESKTOP_USER" -m 644 /etc/xdg/xfce4/panel/default.xml "$work/home/.config/xfce4/xfconf/xfce-perchannel-xml/xfce4-panel.xml"
     desktop_bus || return 1
     desktop_spawn "$work/xvfb.log" Xvfb -displayfd 3 -screen 0 "${DESKTOP_WIDTH}x${DESKTOP_HEIGHT}x24" -nolisten tcp \
         -noreset 3>"$SESSION_OUT/displayfd"
-    wait_until 20 test -s "$SESSION_OUT/displayfd" || { echo "desktop: Xvfb did not start" >&2; return 1; }
-    export DISPLAY XDG_SESSION_TYPE=x11 XDG_CURRENT_DESKTOP=XFCE
-    DISPLAY=":$(tr -d '\n' <"$SESSION_OUT/displayfd")"
-    desktop_wait_x 10 || { echo "desktop: no X server on $DISPLAY" >&2; return 1; }
+    session_connect "$SESSION_OUT" Xvfb || return 1
+    export XDG_SESSION_TYPE=x11 XDG_CURRENT_DESKTOP=XFCE
     desktop_spawn "$work/xfwm4.log" xfwm4 --compositor=off
     wait_until 20 session_has_wm || { echo "desktop: xfwm4 did not start" >&2; return 1; }
     desktop_spawn "$work/xfce4-panel.log" xfce4-panel

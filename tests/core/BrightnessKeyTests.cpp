@@ -8,6 +8,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "LumoraCore/KeyCapabilities.h"
@@ -93,13 +94,7 @@ TEST(KeyEventDecision, OutcomeTable)
     constexpr std::uint16_t key = InputCode::typeKey, f1 = InputCode::keyBrightnessDown;
     constexpr std::uint16_t f2 = InputCode::keyBrightnessUp, letterA = 30, f1Key = 59;  // KEY_A, KEY_F1
     const KeyOutcome passedOn{};
-    const struct {
-        const char* what;
-        KeyEvent event;
-        bool option;
-        std::optional<Decision> inUse;
-        KeyOutcome expected;
-    } cases[] = {
+    const std::tuple<const char*, KeyEvent, bool, std::optional<Decision>, KeyOutcome> cases[] = {
         {"no active display", {key, f2, 1}, false, std::nullopt, passedOn},
         {"on the panel", {key, f2, 1}, false, toPanel, passedOn},
         {"on the panel, Option", {key, f1, 1}, true, toPanel, passedOn},
@@ -110,16 +105,16 @@ TEST(KeyEventDecision, OutcomeTable)
         {"F2 held: each repeat steps again", {key, f2, 2}, false, toDell, {Call::step, 103, +0.0625, true}},
         {"Option F1 repeated", {key, f1, 2}, true, toDell, {Call::setBrightness, 103, 0.0, true}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_TRUE(KeyEventDecision::isBrightnessPress(c.event));
-        EXPECT_EQ(KeyEventDecision::decide(c.event, c.option, c.inUse), c.expected);
+    for (const auto& [what, event, option, inUse, expected] : cases) {
+        SCOPED_TRACE(what);
+        EXPECT_TRUE(KeyEventDecision::isBrightnessPress(event));
+        EXPECT_EQ(KeyEventDecision::decide(event, option, inUse), expected);
     }
     // Events that never ask where they belong: other types (one with F2's code), key-ups, values beyond a repeat,
     // other keys (the F1 function key, the code after F2).
-    const KeyEvent others[] = {{InputCode::typeMisc, InputCode::miscScan, 0xE0},
-                               {InputCode::typeSync, InputCode::syncReport, 0}, {0x02, f2, 1}, {key, f1, 0}, {key, f2, 0},
-                               {key, f2, 3}, {key, letterA, 1}, {key, f1Key, 1}, {key, f2 + 1, 1}};
+    const KeyEvent others[] = {{InputCode::typeMisc, InputCode::miscScan, 0xE0}, {InputCode::typeSync, 0, 0},
+                               {0x02, f2, 1}, {key, f1, 0}, {key, f2, 0}, {key, f2, 3}, {key, letterA, 1},
+                               {key, f1Key, 1}, {key, f2 + 1, 1}};
     for (const KeyEvent& e : others) {
         SCOPED_TRACE(std::to_string(e.type) + " " + std::to_string(e.code) + " " + std::to_string(e.value));
         EXPECT_FALSE(KeyEventDecision::isBrightnessPress(e));
@@ -131,12 +126,7 @@ TEST(KeyEventDecision, OutcomeTable)
 // Devices as the key service sees them are tested on the desk; here the text's corners.
 TEST(KeyCapabilities, OnlyWellFormedTextGivesKeys)
 {
-    const struct {
-        const char* what;
-        std::string text;
-        bool brightness;
-        bool alt;
-    } cases[] = {
+    const std::tuple<const char*, std::string, bool, bool> cases[] = {
         {"the ACPI Video Bus", "3e000b00000000 0 0 0", true, false},
         {"only right Alt", sysfsText({100}), false, true},
         {"codes next to the brightness keys", sysfsText({223, 226}), false, false},
@@ -144,11 +134,11 @@ TEST(KeyCapabilities, OnlyWellFormedTextGivesKeys)
         {"not hexadecimal", "3e000b0000000g 0 0 0", false, false},
         {"a comma", "3e000b00000000,0 0 0", false, false},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        const KeyCapabilities keys = KeyCapabilities::parse(c.text);
-        EXPECT_EQ(keys.hasBrightnessKeys(), c.brightness);
-        EXPECT_EQ(keys.hasAlt(), c.alt);
+    for (const auto& [what, text, brightness, alt] : cases) {
+        SCOPED_TRACE(what);
+        const KeyCapabilities keys = KeyCapabilities::parse(text);
+        EXPECT_EQ(keys.hasBrightnessKeys(), brightness);
+        EXPECT_EQ(keys.hasAlt(), alt);
     }
     // Bits inside and at the edges of every word, and nothing beyond the last.
     const std::set<unsigned> mixed{0, 1, 31, 32, 56, 63, 64, 100, 127, 128, 191, 224, 225, 255, 256, 0x2fe, 0x2ff};

@@ -100,6 +100,7 @@ TEST(EDID, MonitorNameIsEveryNameDescriptorsTextJoined)
         const char* what;
         Bytes blob;
         std::string name;
+        std::string serialText = "";
     } cases[] = {
         {"slot 54", block({{54, 0xFC, "SLOT\n"}}), "SLOT"},
         {"other text descriptor", block({{90, 0xFE, "LG ULTRAFINE\n"}}), ""},
@@ -114,21 +115,19 @@ TEST(EDID, MonitorNameIsEveryNameDescriptorsTextJoined)
         {"split at a blank, which stays", block({{90, 0xFC, "Apple Cinema "}, {108, 0xFC, "Display\n"}}),
          "Apple Cinema Display"},
         {"split around another descriptor", block({{54, 0xFC, "Gateway FPD17"}, {72, 0xFF, "SN\n"}, {108, 0xFC, "30\n"}}),
-         "Gateway FPD1730"},
+         "Gateway FPD1730", "SN"},
         {"NUL inside reads as a blank", block({{90, 0xFC, std::string("BT156GW01\0V.3", 13)}}), "BT156GW01 V.3"},
         {"0xFF padding", block({{90, 0xFC, "ASUS VW192S\xff\xff"}}), "ASUS VW192S"},
         {"leading blank", block({{90, 0xFC, " N19W\n"}}), "N19W"},
         {"a tab and a DEL: junk", block({{90, 0xFC, "AB\tC\x7F\n"}}), ""},
+        {"the serial-number descriptor is read the same way, and neither is taken for the other",
+         block({{72, 0xFF, "  SN 42\n"}, {90, 0xFC, "NAME\n"}}), "NAME", "  SN 42"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         EXPECT_EQ(EDID::parse(c.blob).productName, c.name);
+        EXPECT_EQ(EDID::parse(c.blob).serialText, c.serialText);
     }
-    // The serial-number descriptor is read the same way, and neither is taken for the other.
-    const Bytes both = block({{72, 0xFF, "  SN 42\n"}, {90, 0xFC, "NAME\n"}});
-    EXPECT_EQ(EDID::parse(both).serialText, "  SN 42");
-    EXPECT_EQ(EDID::parse(both).productName, "NAME");
-    EXPECT_EQ(EDID::parse(block({{90, 0xFC, "NAME\n"}})).serialText, "");
 }
 
 TEST(EDID, ShortOrHeaderlessBlobsGiveNothingAndAllOnesGiveTheirBytes)
@@ -165,11 +164,7 @@ TEST(EDID, TheBaseBlockIsFoundInWhateverRotationTheEEPROMAnswersAndNowhereElse)
     Bytes headerOnly(256, 0xFF);
     std::copy(base.begin(), base.begin() + 8, headerOnly.begin() + 30);
 
-    const struct {
-        const char* what;
-        Bytes eeprom;
-        bool found;
-    } eeproms[] = {
+    const std::tuple<const char*, Bytes, bool> eeproms[] = {
         {"256 bytes, second half erased", erased, true},
         {"128 bytes, read round twice", base, true},
         {"base block and extension", extended, true},
@@ -178,11 +173,11 @@ TEST(EDID, TheBaseBlockIsFoundInWhateverRotationTheEEPROMAnswersAndNowhereElse)
         {"a header and erased bytes", headerOnly, false},
         {"all ones", Bytes(256, 0xFF), false},
     };
-    for (const auto& e : eeproms) {
+    for (const auto& [what, eeprom, hasBlock] : eeproms) {
         for (std::size_t at : {0u, 1u, 3u, 56u, 127u, 128u, 141u, 200u, 255u}) {
-            SCOPED_TRACE(std::string(e.what) + ", address at " + std::to_string(at));
-            const auto found = EDID::baseBlockInRotation(readFrom(e.eeprom, at));
-            ASSERT_EQ(found.has_value(), e.found);
+            SCOPED_TRACE(std::string(what) + ", address at " + std::to_string(at));
+            const auto found = EDID::baseBlockInRotation(readFrom(eeprom, at));
+            ASSERT_EQ(found.has_value(), hasBlock);
             if (found) {
                 EXPECT_EQ(Bytes(found->begin(), found->end()), base);
             }
@@ -194,12 +189,7 @@ TEST(EDID, TheBaseBlockIsFoundInWhateverRotationTheEEPROMAnswersAndNowhereElse)
 
 TEST(DisplayPairing, ScoreIsVendorTwoModelTwoSerialOne)
 {
-    const struct {
-        const char* what;
-        ExternalDisplayIdentity display;
-        ServiceIdentity service;
-        int score;
-    } cases[] = {
+    const std::tuple<const char*, ExternalDisplayIdentity, ServiceIdentity, int> cases[] = {
         {"lower-case UUID", dell(2), service("10acc4a0-0000-0000-0a1e-0104b53c2278"), 4},
         {"equal serials", dell(2, 7), service(dellUUID, 7), 5},
         {"other serial", dell(2, 7), service(dellUUID, 8), 4},
@@ -215,9 +205,9 @@ TEST(DisplayPairing, ScoreIsVendorTwoModelTwoSerialOne)
         {"vendor not padded on the right", {1, 0x0ABC, 0, 0}, service("ABC0"), 0},
         {"empty UUID, equal serials", dell(2, 7), service("", 7), 0},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(DisplayPairing::score(c.display, c.service), c.score);
+    for (const auto& [what, display, channel, points] : cases) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(DisplayPairing::score(display, channel), points);
     }
 }
 
@@ -231,12 +221,7 @@ TEST(DisplayPairing, OwnChannelsServeTheirDisplaysAndOnlyTheRestArePairedByIdent
     auto without = [](ExternalDisplayIdentity d) { return ExternalDisplay{d, false}; };
     const ExternalDisplayIdentity lg{9, 0x1E6D, 0x5B09, 0}, stranger{3, 0x4C2D, 0x0E0F, 0};
     const ServiceIdentity lgChannel = service("1E6D095B-0000");
-    const struct {
-        const char* what;
-        std::vector<ExternalDisplay> displays;
-        std::vector<ServiceIdentity> channels;
-        Choices expected;
-    } cases[] = {
+    const std::tuple<const char*, std::vector<ExternalDisplay>, std::vector<ServiceIdentity>, Choices> cases[] = {
         {"identical monitors, the first without a channel: it does not take the second's",
          {without(dell(5)), with(dell(7))}, {}, {{1, own}}},
         {"own channels need no identity", {with(dell(5)), with({6, 0, 0, 0})}, {service("")}, {{0, own}, {1, own}}},
@@ -268,9 +253,9 @@ TEST(DisplayPairing, OwnChannelsServeTheirDisplaysAndOnlyTheRestArePairedByIdent
          {with(dell(5)), without(lg), without(dell(7))}, {service(dellUUID)}, {{0, own}, {2, 0}}},
         {"nothing left over: unowned channels go unused", {with(lg)}, {lgChannel}, {{0, own}}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(DisplayPairing::assignChannels(c.displays, c.channels), c.expected);
+    for (const auto& [what, displays, channels, expected] : cases) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(DisplayPairing::assignChannels(displays, channels), expected);
     }
 }
 
@@ -293,11 +278,7 @@ TEST(DisplayBusName, DisplayBusesByTheNamesRealDriversGive)
 
 TEST(ScreenMatching, OutputNamesOfTheWindowSystems)
 {
-    const struct {
-        const char* connector;
-        const char* output;
-        bool matches;
-    } cases[] = {
+    const std::tuple<const char*, const char*, bool> cases[] = {
         {"DP-1", "DP-1", true},          {"HDMI-A-1", "HDMI-A-1", true},  // KDE, wlroots
         {"HDMI-A-1", "HDMI-1", true},    {"eDP-1", "eDP-1", true},        // Xorg modesetting, GNOME
         {"HDMI-A-2", "HDMI2", true},     {"DP-3", "DP3", true},           // Xorg's Intel driver
@@ -307,8 +288,8 @@ TEST(ScreenMatching, OutputNamesOfTheWindowSystems)
         {"DP-1", "dp-1", false},         {"DP-1", "", false},             {"", "", false},
         {"HDMI-A-1", "HDMIA1", true},    {"eDP-1", "DP-1", false},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(ScreenMatching::outputNameMatches(c.connector, c.output), c.matches) << c.connector << " / " << c.output;
+    for (const auto& [connector, output, matches] : cases)
+        EXPECT_EQ(ScreenMatching::outputNameMatches(connector, output), matches) << connector << " / " << output;
 }
 
 TEST(ScreenMatching, FramesByNameThenByIdentity)
@@ -319,12 +300,7 @@ TEST(ScreenMatching, FramesByNameThenByIdentity)
     const std::vector<ConnectorIdentity> desk{
         {"DP-1", monitor("DELL U2720Q", 1280012594)}, {"HDMI-A-1", monitor("LG HDR 4K")}, {"eDP-1", {}}};
     const std::vector<ConnectorIdentity> twins{{"DP-1", monitor("DELL U2720Q")}, {"DP-2", monitor("DELL U2720Q")}};
-    const struct {
-        const char* what;
-        std::vector<ConnectorIdentity> connectors;
-        std::vector<ScreenIdentity> screens;
-        Frames expected;
-    } cases[] = {
+    const std::tuple<const char*, std::vector<ConnectorIdentity>, std::vector<ScreenIdentity>, Frames> cases[] = {
         {"names, in another order, beside a screen for the whole desktop", desk,
          {{"DUMMY0", "", "", whole}, {"eDP-1", "", "", left}, {"HDMI-1", "", "", right}, {"DP-1", "", "", middle}},
          {middle, right, left}},
@@ -338,7 +314,8 @@ TEST(ScreenMatching, FramesByNameThenByIdentity)
         {"a name wins over an identity that fits another screen", desk,
          {{"XWAYLAND0", "DELL U2720Q", "", right}, {"DP-1", "", "", middle}}, {middle, std::nullopt, std::nullopt}},
         {"two identical monitors without serials are never guessed", twins,
-         {{"XWAYLAND0", "DELL U2720Q", "", left}, {"XWAYLAND1", "DELL U2720Q", "", right}}, {std::nullopt, std::nullopt}},
+         {{"XWAYLAND0", "DELL U2720Q", "", left}, {"XWAYLAND1", "DELL U2720Q", "", right}},
+         {std::nullopt, std::nullopt}},
         {"one of two identical monitors named: the other by identity", twins,
          {{"DP-2", "DELL U2720Q", "", right}, {"XWAYLAND1", "DELL U2720Q", "", left}}, {left, right}},
         {"one screen, two connectors with that name spelled two ways: the first takes it",
@@ -346,8 +323,8 @@ TEST(ScreenMatching, FramesByNameThenByIdentity)
         {"no EDID, no name: nothing", {{"DP-1", {}}}, {{"XWAYLAND0", "", "", left}}, {std::nullopt}},
         {"no screens", desk, {}, {std::nullopt, std::nullopt, std::nullopt}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(ScreenMatching::framesFor(c.connectors, c.screens), c.expected);
+    for (const auto& [what, connectors, screens, expected] : cases) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(ScreenMatching::framesFor(connectors, screens), expected);
     }
 }

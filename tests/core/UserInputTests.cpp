@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <tuple>
 
 #include "LumoraCore/BrightnessRequest.h"
 #include "LumoraCore/ProbeReport.h"
@@ -27,7 +28,8 @@ TEST(BrightnessRequest, FractionsFromZeroToOneStepsFromMinusOneToOneAndWhatARefu
     } cases[] = {
         {false, 0.0, {}, ""}, {false, -0.0, {}, ""}, {false, 1.0, {}, ""}, {false, tiny, {}, ""},
         {false, -tiny, Fault::outOfRange, "-5e-324"}, {false, -0.1, Fault::outOfRange, "-0.1"},
-        {false, std::nextafter(1.0, 2.0), Fault::outOfRange, "1.0000000000000002"}, {false, 50.0, Fault::outOfRange, "50"},
+        {false, 50.0, Fault::outOfRange, "50"},
+        {false, std::nextafter(1.0, 2.0), Fault::outOfRange, "1.0000000000000002"},
         {false, std::nan(""), Fault::notFinite, "nan"}, {false, -inf, Fault::notFinite, "-inf"},
         {true, -1.0, {}, ""}, {true, 1.0, {}, ""}, {true, -0.0625, {}, ""},
         {true, std::nextafter(-1.0, -2.0), Fault::outOfRange, "-1.0000000000000002"},
@@ -80,12 +82,7 @@ TEST(ProbeReport, NotesSayWhyEachMissingMonitorIsMissing)
     const std::string noModule = "Note: i2c-dev is not loaded, so no external monitor can be reached; load it with "
                                  "\"sudo modprobe i2c-dev\" (see \"Device access\" in Lumora's README).";
     using Missing = std::vector<ProbeReport::MissingMonitor>;
-    const struct {
-        const char* what;
-        bool i2cDev;
-        Missing missing;
-        std::vector<std::string> lines;
-    } cases[] = {
+    const std::tuple<const char*, bool, Missing, std::vector<std::string>> cases[] = {
         {"nothing missing", true, {}, {}},
         {"nothing missing, no module: nothing to explain", false, {}, {}},
         {"no module says it once, for everyone", false, {{"card0-DP-1", {}}, {"card0-DP-2", {"/dev/i2c-6"}}}, {noModule}},
@@ -94,8 +91,8 @@ TEST(ProbeReport, NotesSayWhyEachMissingMonitorIsMissing)
          {"Note: no permission to open /dev/i2c-7" + readme, "Note: no permission to open /dev/i2c-8" + readme,
           "Note: no DDC channel found for card1-HDMI-A-1 (connected)" + noChannel}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(ProbeReport::notes(c.i2cDev, c.missing), c.lines);
+    for (const auto& [what, i2cDev, missing, lines] : cases) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(ProbeReport::notes(i2cDev, missing), lines);
     }
 }

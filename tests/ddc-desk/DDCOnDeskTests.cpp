@@ -88,8 +88,7 @@ const char* deskFile = R"({
   "backlights": [{"name": "intel_backlight", "type": "raw", "max": 1000, "brightness": 730, "connector": "card0-eDP-1"}]
 })";
 
-class OnMixedDesk : public OnDesk {
-protected:
+struct OnMixedDesk : OnDesk {
     void SetUp() override { desk.emplace(DeskConfig::fromJson(deskFile)); }
 };
 
@@ -184,9 +183,7 @@ TEST_F(OnMixedDesk, TheEDIDsOfChannelsNoConnectorOwnsAreReadAgainOnlyWhenAConnec
         }
         desk->clearTransactions();
         const int holder = step.held7 ? ::open("/dev/i2c-7", O_RDONLY | O_CLOEXEC) : -1;
-        if (step.held7) {
-            ASSERT_EQ(::flock(holder, LOCK_EX), 0);
-        }
+        ASSERT_TRUE(!step.held7 || ::flock(holder, LOCK_EX) == 0);
         EXPECT_EQ(DisplayEnumerator::allDisplays().size(), step.listed);
         if (holder >= 0)
             ::close(holder);

@@ -33,16 +33,12 @@ const Decision toDell{103, adjust};
 std::string sysfsText(const std::set<unsigned>& codes)
 {
     constexpr unsigned bits = sizeof(unsigned long) * CHAR_BIT;
-    const unsigned words = codes.empty() ? 1 : *codes.rbegin() / bits + 1;
+    std::vector<unsigned long> words(*codes.rbegin() / bits + 1);
+    for (unsigned code : codes)
+        words[code / bits] |= 1UL << (code % bits);
     std::ostringstream out;
-    for (unsigned w = words; w-- > 0;) {
-        unsigned long word = 0;
-        for (unsigned code : codes) {
-            if (code / bits == w)
-                word |= 1UL << (code % bits);
-        }
-        out << std::hex << word << (w > 0 ? " " : "\n");
-    }
+    for (auto w = words.rbegin(); w != words.rend(); ++w)
+        out << std::hex << *w << (w + 1 != words.rend() ? " " : "\n");
     return out.str();
 }
 
@@ -87,6 +83,9 @@ TEST(TargetResolver, WindowThenCursorThenFirstDisplay)
         SCOPED_TRACE(c.what);
         EXPECT_EQ(TargetResolver::resolve(c.displays, c.window, c.cursor), c.expected);
     }
+    // A window's share of a display is never negative, whichever way they lie apart.
+    for (const Rect& apart : {Rect{20, 2, 5, 5}, Rect{2, 20, 5, 5}, Rect{20, 20, 5, 5}, Rect{-20, -20, 5, 5}})
+        EXPECT_EQ((Rect{0, 0, 10, 10}).overlapArea(apart), 0.0) << apart.x << "," << apart.y;
 }
 
 TEST(KeyEventDecision, OutcomeTable)

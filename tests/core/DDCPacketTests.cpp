@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The DDC/CI reply check and the VCP code tables. Requests are checked as the DDC tests see them on the wire.
+// The DDC/CI bytes: requests, the reply check, and the VCP code tables.
 
 #include <gtest/gtest.h>
 
@@ -24,6 +24,15 @@ Bytes sealed(Bytes body)
 const Bytes canonicalReply{0x6E, 0x88, 0x02, 0x00, 0x10, 0x00, 0x00, 0x64, 0x00, 0x32, 0xF2};
 
 }  // namespace
+
+TEST(DDCPacket, RequestsCarryTheExactBytes)
+{
+    using PowerMode = VCPCode::PowerMode;
+    EXPECT_EQ(DDC::getVCPRequest(VCPCode::brightness), (Bytes{0x82, 0x01, 0x10, 0xAC}));
+    EXPECT_EQ(DDC::getVCPRequest(VCPCode::powerMode), (Bytes{0x82, 0x01, 0xD6, 0x6A}));
+    EXPECT_EQ(DDC::setVCPRequest(VCPCode::brightness, 300), (Bytes{0x84, 0x03, 0x10, 0x01, 0x2C, 0x85}));
+    EXPECT_EQ(DDC::setVCPRequest(VCPCode::powerMode, rawValue(PowerMode::standby)), (Bytes{0x84, 3, 0xD6, 0, 4, 0x6A}));
+}
 
 TEST(DDCPacket, RepliesAreCheckedByTheirLastByteOnly)
 {

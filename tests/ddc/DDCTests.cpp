@@ -27,10 +27,8 @@ Bytes reply(std::uint16_t current, std::uint16_t max, bool corrupt = false)
     return bytes;
 }
 
-// Logs the calls as "hold S10000 W84031000329A S50000 R free" and answers from a script: each write's status (0
-// once it runs out), each read (EIO once it runs out), whether each hold of the bus is had ("kept" when it is not;
-// had once it runs out). Every write must go to 0x37 with data address 0x51, every read take 11 bytes from 0x37 at
-// offset 0 into a zeroed buffer.
+// Logs the calls as "hold S10000 W84031000329A S50000 R free" and answers from scripts (once one runs out: writes
+// 0, reads EIO, holds had; "kept" is a hold not had). Writes go to 0x37 at 0x51, reads take 11 bytes from 0x37.
 struct Wire {
     std::string log;
     std::deque<std::int32_t> writeStatus;

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// DDC/CI transactions and the DDC backend over a transport that records every hold of the bus, pause, write and
-// read: the exact bytes, order and pauses, the retries, the bus held per exchange, and the scaling by the monitor's
-// maximum. The virtual desk tests carry the same traffic over i2c-dev; these keep the corners a real wire cannot
-// force.
+// DDC/CI transactions and the DDC backend over a transport that logs every hold of the bus, pause, write and read:
+// exact bytes and pauses, retries, the bus held per exchange, scaling by the monitor's maximum; the corners a real
+// wire cannot force.
 
 #include <gtest/gtest.h>
 
@@ -28,10 +27,8 @@ Bytes reply(std::uint16_t current, std::uint16_t max, bool corrupt = false)
     return bytes;
 }
 
-// Logs the calls as "hold S10000 W84031000329A S50000 R free" and answers from a script: each write's status (0
-// once it runs out), each read (EIO once it runs out), whether each hold of the bus is had ("kept" when it is not;
-// had once it runs out). Every write must go to 0x37 with data address 0x51, every read take 11 bytes from 0x37 at
-// offset 0 into a zeroed buffer.
+// Logs the calls as "hold S10000 W84031000329A S50000 R free" and answers from scripts (once one runs out: writes
+// 0, reads EIO, holds had; "kept" is a hold not had). Writes go to 0x37 at 0x51, reads take 11 bytes from 0x37.
 struct Wire {
     std::string log;
     std::deque<std::int32_t> writeStatus;
@@ -157,8 +154,8 @@ TEST(DDCBackend, ScalesByTheLastReportedMaximum)
         {reply(50, 100), 0.5, 0.625, 63},  // 62.5 rounds away from zero
         {reply(30, 0), 30.0, 0.5, 1},      // a maximum of 0 counts as 1
         {reply(120, 100), 1.2, 0.5, 50},   // not clamped
-        {reply(0, 255), 0.0, 0.5, 128},
-        {Bytes{}, std::nullopt, 0.5, 128},  // a failed read keeps the maximum
+        {reply(0, 1000), 0.0, 0.5, 500},     // sent high byte first
+        {Bytes{}, std::nullopt, 0.25, 250},  // a failed read keeps the maximum
     };
     for (const auto& step : steps) {
         if (step.reply) {

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The controller end to end on the virtual desk, with the real enumerator and backends: what reaches the monitors
-// for requests during a held write and a refresh behind them, the power toggle, a monitor unplugged in standby,
-// i2c-dev loaded after the start, and a stress run. The default desk: card0-DP-1 is the DELL U2720Q (display 103,
-// at 50 of 100), card0-HDMI-A-1 the LG HDR 4K (110, 70 of 100), card0-eDP-1 the panel (95, backlight at half).
+// The controller on the virtual desk: what reaches the monitors for requests during a held write and a refresh
+// behind them, the toggle, a monitor unplugged in standby, i2c-dev loaded late, and a stress run. The default desk:
+// card0-DP-1 is the DELL U2720Q (display 103, 50 of 100), card0-HDMI-A-1 the LG (110, 70), card0-eDP-1 the panel (95).
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -275,7 +274,8 @@ TEST(ControllerStress, EveryMonitorEndsAtItsLastRequestWithNoOverlappingTransact
             const DisplaySnapshot* shown = find(*controller, m.id);
             if (shown && shown->isOn && desk.powerMode(m.connector) == 1 &&
                 std::lround(shown->brightness * m.max) != desk.brightness(m.connector))
-                out << m.connector << ": shown " << shown->brightness << ", holds " << desk.brightness(m.connector) << "\n";
+                out << m.connector << ": shown " << shown->brightness << ", holds " << desk.brightness(m.connector)
+                    << "\n";
         }
         return out.str();
     };

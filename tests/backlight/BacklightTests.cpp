@@ -1,21 +1,16 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The built-in panel's backlight on an emulated sysfs tree (the test runs under umockdev-wrapper): which device,
-// reads, sysfs writes, the once-per-process DisplayServices binding with InternalBackend, and the logind write path
-// against python-dbusmock on a private bus.
+// The built-in panel's backlight on an emulated sysfs tree (under umockdev-wrapper): which device, reads, sysfs
+// writes, the once-per-process binding with InternalBackend, and writes through logind (python-dbusmock).
 
 #include <umockdev.h>
-
 #include <unistd.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-
 #include <gtest/gtest.h>
-
 #include "Lumora/DDC/DisplayServices.h"
 #include "Lumora/DDC/InternalBackend.h"
 #include "Lumora/Platform/Linux/Backlight.h"
@@ -68,13 +63,10 @@ protected:
     {
         return root_.get() + ("/sys/class/backlight/" + name + "/" + attribute);
     }
-    // Writes an attribute, or removes it for null.
-    void put(const std::string& name, const std::string& attribute, const char* text)
+    void put(const std::string& name, const std::string& attribute, const char* text)  // null removes it
     {
-        if (text)
-            std::ofstream(file(name, attribute)) << text;
-        else
-            std::filesystem::remove(file(name, attribute));
+        const std::string path = file(name, attribute);
+        text ? void(std::ofstream(path) << text) : void(std::filesystem::remove(path));
     }
     Platform::BacklightDevice found() { return Platform::findBacklight().value_or(Platform::BacklightDevice{}); }
 
@@ -84,20 +76,17 @@ protected:
 
 TEST_F(Backlight, TheDeviceIsThePanelInUsesElseAnyBuiltInConnectorsElseTheBestTypeThenTheFirstName)
 {
-    auto below = [](const std::string& connectorName, const std::string& device) {
-        const std::string path = kPci + "drm/card0/card0-" + connectorName;
-        return connector(path) + backlight(path + "/" + device, "raw");
+    // A raw backlight below a connector; card1 is a hybrid laptop's discrete GPU.
+    auto below = [](const std::string& name, const std::string& device, int card = 0, const char* status = "",
+                    const char* enabled = "") {
+        const std::string path = (card ? "/devices/pci0000:00/0000:01:00.0/" : kPci) + "drm/card" +
+                                 std::to_string(card) + "/card" + std::to_string(card) + "-" + name;
+        return connector(path, status, enabled) + backlight(path + "/" + device, "raw");
     };
     const std::string dell = backlight("/devices/platform/dell-laptop/backlight/dell_backlight", "platform");
     const std::string aRaw = backlight(kPci + "a_raw", "raw"), cFw = backlight("/devices/LNXSYSTM:00/c_fw", "firmware");
     const std::string bPlatform = backlight("/devices/platform/b_platform", "platform");
     const std::string untyped = backlight("/devices/virtual/a_untyped", "") + backlight("/devices/virtual/b", "odd");
-    // A hybrid laptop's built-in connectors: card0 on the integrated GPU, card1 on the discrete one.
-    auto panel = [](int card, const std::string& status, const std::string& enabled, const std::string& device) {
-        const std::string path = (card == 0 ? kPci : std::string("/devices/pci0000:00/0000:01:00.0/")) + "drm/card" +
-                                 std::to_string(card) + "/card" + std::to_string(card) + "-eDP-1";
-        return connector(path, status, enabled) + backlight(path + "/" + device, "raw");
-    };
     const struct { const char* what; std::string records, expected; } cases[] = {
         {"below eDP, over firmware", below("eDP-1", "x_panel") + kAcpi, "x_panel"},
         {"below LVDS", below("LVDS-1", "zz_lvds") + kAcpi, "zz_lvds"},
@@ -109,15 +98,15 @@ TEST_F(Backlight, TheDeviceIsThePanelInUsesElseAnyBuiltInConnectorsElseTheBestTy
         {"equal types: first name", backlight("/devices/LNXSYSTM:00/LNXVIDEO:01/backlight/acpi_video1", "firmware") +
                                         kAcpi, "acpi_video0"},
         {"a panel connector alone", connector(kPanelConnector), ""},
-        {"hybrid: the panel in use, over an earlier name under a disconnected panel connector",
-         panel(0, "disconnected", "disabled", "a_intel") + panel(1, "connected", "enabled", "z_nvidia"), "z_nvidia"},
-        {"connected but disabled is not in use",
-         panel(0, "connected", "disabled", "a_intel") + panel(1, "connected", "enabled", "z_nvidia"), "z_nvidia"},
+        {"connected but disabled is not in use: the panel in use's, over an earlier name",
+         below("eDP-1", "a_intel", 0, "connected", "disabled") + below("eDP-1", "z_nvidia", 1, "connected", "enabled"),
+         "z_nvidia"},
         {"no panel in use: any panel connector's, first name",
-         panel(0, "disconnected", "disabled", "a_intel") + panel(1, "connected", "disabled", "z_nvidia"), "a_intel"},
+         below("eDP-1", "a_intel", 0, "disconnected", "disabled") + below("eDP-1", "z_nvidia", 1, "connected", "disabled"),
+         "a_intel"},
         {"the panel in use has none: another panel connector's over firmware",
          connector(kPci + "drm/card0/card0-eDP-2", "connected", "enabled") +
-             panel(1, "disconnected", "disabled", "z_nvidia") + kAcpi, "z_nvidia"},
+             below("eDP-1", "z_nvidia", 1, "disconnected", "disabled") + kAcpi, "z_nvidia"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -168,7 +157,6 @@ TEST_F(Backlight, ThePanelIsBoundOnceAndTheInternalBackendClampsWhatItPasses)
 {
     add(kPanel + kAcpi);
     InternalBackend panel(77);
-    EXPECT_FALSE(panel.canPowerOff());
     EXPECT_EQ(panel.readBrightness(), 0.25);
     ASSERT_NE(DisplayServices::setFn(), nullptr);
     EXPECT_EQ(DisplayServices::setFn()(77, 1.5f), EINVAL) << "the entry point itself does not clamp";
@@ -203,9 +191,7 @@ TEST_F(Backlight, NoBacklightAtFirstUseMeansNoEntryPointsForTheRun)
     EXPECT_EQ(panel.readBrightness(), std::nullopt);
     add(kPanelBacklight);
     panel.writeBrightness(0.9);
-    EXPECT_EQ(DisplayServices::getFn(), nullptr);
-    EXPECT_EQ(DisplayServices::setFn(), nullptr);
-    EXPECT_EQ(panel.readBrightness(), std::nullopt);
+    EXPECT_EQ(panel.readBrightness(), std::nullopt) << "not bound later either";
     EXPECT_EQ(slurp(file("intel_backlight", "brightness")), "300");
 }
 
@@ -215,60 +201,48 @@ TEST_F(Backlight, WritesAskLogindFirstAndFallBackToSysfs)
 {
     const std::string dir = std::filesystem::temp_directory_path() / ("lumora-logind-" + std::to_string(::getpid()));
     const char *name = "org.freedesktop.login1", *session = "/org/freedesktop/login1/session/auto";
+    const std::string bus = "unix:path=" + dir + "/bus";
     std::filesystem::create_directories(dir);
-    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + dir + "/bus").c_str(), 1);
-    std::unique_ptr<Child> daemon, mock;
-    auto start = [&](bool daemonToo) {
-        mock.reset();
-        if (daemonToo) {  // it prints its address once it listens
-            daemon.reset();
-            daemon = std::make_unique<Child>(
-                std::vector<std::string>{"/usr/bin/dbus-daemon", "--session", "--nofork", "--print-address",
-                                         "--address=unix:path=" + dir + "/bus"},
-                true);
-        }
-        mock = std::make_unique<Child>(std::vector<std::string>{"/usr/bin/python3", "-m", "dbusmock", "--system", name,
-                                                                session, "org.freedesktop.login1.Session"});
-    };
-    // Once the mock is on the bus, its SetBrightness notes the call, then runs `code` (one Python line). gdbus reads
-    // each argument as GVariant text first: the method body must not parse as one.
-    auto setBrightnessDoes = [&](const std::string& code) {
-        auto wait = LumoraTest::runProcess({"/usr/bin/gdbus", "wait", "--system", "--timeout", "30", name}, {}, 40s);
-        auto add = LumoraTest::runProcess(
-            {"/usr/bin/gdbus", "call", "--system", "--dest", name, "--object-path", session, "--method",
-             "org.freedesktop.DBus.Mock.AddMethod", "org.freedesktop.login1.Session", "SetBrightness", "ssu", "",
-             "open('" + dir + "/calls', 'a').write('%s %s %d' % tuple(args) + chr(10)); " + code},
-            {}, 30s);
-        EXPECT_EQ(add.exitStatus, 0) << wait.err << add.err;
-    };
-    auto write = [&](double fraction) { return Platform::writeBacklight(found(), fraction); };
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.c_str(), 1);
     const std::string panelRaw = file("intel_backlight", "brightness");
     add(kPanel + kAcpi);
-
-    start(true);
-    setBrightnessDoes("");
-    EXPECT_EQ(write(0.5), logind);
-    EXPECT_EQ(slurp(panelRaw), "300") << "logind took it: sysfs is left alone";
-    setBrightnessDoes("raise dbus.exceptions.DBusException('no', name='org.freedesktop.DBus.Error.AccessDenied')");
-    EXPECT_EQ(write(0.75), sysfs) << "refused";
-    EXPECT_EQ(slurp(panelRaw), "900\n");
-    mock.reset();
-    EXPECT_EQ(write(1.0), sysfs) << "no logind on the bus";
-    EXPECT_EQ(slurp(panelRaw), "1200\n");
-    start(false);
-    setBrightnessDoes("");
-    EXPECT_EQ(write(0.25), logind) << "logind's absence is not remembered";
-    start(true);
-    setBrightnessDoes("");
-    EXPECT_EQ(write(0.125), logind) << "the connection left stale by the bus restart is reopened";
+    // Each step: a new bus first (its daemon prints its address once it listens), then a logind whose SetBrightness
+    // notes the call and runs `does` (one Python line; gdbus reads each argument as GVariant text first, so the
+    // body must not parse as one), or none for null.
+    const char* refuse = "raise dbus.exceptions.DBusException('no', name='org.freedesktop.DBus.Error.AccessDenied')";
+    const struct { const char* what; bool newBus; const char* does; double fraction; Platform::BacklightWrite result;
+                   const char* raw; } steps[] = {
+        {"logind took it: sysfs is left alone", true, "", 0.5, logind, "300"},
+        {"refused", false, refuse, 0.75, sysfs, "900\n"},
+        {"no logind on the bus", false, nullptr, 1.0, sysfs, "1200\n"},
+        {"logind's absence is not remembered", false, "", 0.25, logind, "1200\n"},
+        {"the connection left stale by the bus restart is reopened", true, "", 0.125, logind, "1200\n"},
+    };
+    std::unique_ptr<Child> daemon, mock;
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.what);
+        mock.reset();
+        if (step.newBus)  // the old one goes first: the new one listens at the same path
+            daemon.reset(), daemon.reset(new Child({"/usr/bin/dbus-daemon", "--session", "--nofork",
+                                                    "--print-address", "--address=" + bus}, true));
+        if (step.does) {
+            mock.reset(new Child({"/usr/bin/python3", "-m", "dbusmock", "--system", name, session,
+                                  "org.freedesktop.login1.Session"}));
+            auto up = LumoraTest::runProcess({"/usr/bin/gdbus", "wait", "--system", "--timeout", "30", name}, {}, 40s);
+            auto add = LumoraTest::runProcess(
+                {"/usr/bin/gdbus", "call", "--system", "--dest", name, "--object-path", session, "--method",
+                 "org.freedesktop.DBus.Mock.AddMethod", "org.freedesktop.login1.Session", "SetBrightness", "ssu", "",
+                 "open('" + dir + "/calls', 'a').write('%s %s %d' % tuple(args) + chr(10)); " + step.does},
+                {}, 30s);
+            EXPECT_EQ(add.exitStatus, 0) << up.err << add.err;
+        }
+        EXPECT_EQ(Platform::writeBacklight(found(), step.fraction), step.result);
+        EXPECT_EQ(slurp(panelRaw), step.raw);
+    }
     EXPECT_EQ(slurp(dir + "/calls"), "backlight intel_backlight 600\nbacklight intel_backlight 900\n"
                                      "backlight intel_backlight 300\nbacklight intel_backlight 150\n");
-    EXPECT_EQ(slurp(panelRaw), "1200\n");
-
-    mock.reset();
-    daemon.reset();
     ::setenv("DBUS_SYSTEM_BUS_ADDRESS", kNoBus.c_str(), 1);
-    std::filesystem::remove_all(dir);
+    std::filesystem::remove_all(dir);  // the children go with the test's end
 }
 
 }  // namespace

@@ -4,15 +4,12 @@
 // serial queue under all of it. What reaches real monitors on the wire is tested on the virtual desk.
 
 #include <gtest/gtest.h>
-
 #include <atomic>
 #include <condition_variable>
-#include <future>
 #include <limits>
 #include <mutex>
-#include <sstream>
 #include <thread>
-
+#include <QString>
 #include "Lumora/App/SerialQueue.h"
 #include "Lumora/DDC/DisplayBackend.h"
 #include "support/EventLoop.h"
@@ -27,29 +24,13 @@ namespace {
 constexpr std::uint32_t dellID = 5, panelID = 1;
 constexpr double toggle = -1.0;  // in a table of requests: togglePower instead of setBrightness
 
-std::string writeOf(double fraction)
-{
-    std::ostringstream text;
-    text << "write " << fraction;
-    return text.str();
-}
-
-// One monitor behind the test backends: the brightness it reads, what it says of its power mode (on, standby,
-// nothing), every call made to it as it arrives ("read", "write 0.3", "off", "on", "power"), and a gate that holds
-// the calls while it is closed.
-struct Monitor {
-    explicit Monitor(std::optional<double> reading) : reading(reading) {}
-    void hold(bool closed)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        held = closed;
-        opened.notify_all();
-    }
-    Calls calls()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return made;
-    }
+// One monitor as a test backend: whether it has standby, the brightness it reads, what it says of its power mode
+// (on, standby, nothing), every call made to it as it arrives ("read", "write 0.3", "off", "on", "power"), and a
+// gate that holds the calls while it is closed.
+struct Monitor final : Lumora::DisplayBackend {
+    Monitor(std::optional<double> reading, bool standby) : reading(reading), standby(standby) {}
+    void hold(bool closed) { std::lock_guard<std::mutex> lock(mutex); held = closed; opened.notify_all(); }
+    Calls calls() { std::lock_guard<std::mutex> lock(mutex); return made; }
     std::optional<double> call(std::string what)
     {
         std::unique_lock<std::mutex> lock(mutex);
@@ -57,97 +38,97 @@ struct Monitor {
         opened.wait(lock, [&] { return !held; });
         return reading;
     }
+    bool canPowerOff() const override { return standby; }
+    std::optional<double> readBrightness() override { return call("read"); }
+    void writeBrightness(double fraction) override { call("write " + QString::number(fraction).toStdString()); }
+    void setPower(bool on) override { call(on ? "on" : "off"); }
+    std::optional<bool> readPower() override { return call("power"), power; }
 
     const std::optional<double> reading;
+    const bool standby;
     std::optional<bool> power;
     std::mutex mutex;
-    std::condition_variable opened;
+    std::condition_variable opened;  // the gate
     bool held = false;
     Calls made;
 };
 
-struct Backend final : Lumora::DisplayBackend {
-    Backend(std::shared_ptr<Monitor> monitor, bool standby) : monitor(std::move(monitor)), standby(standby) {}
-    bool canPowerOff() const override { return standby; }
-    std::optional<double> readBrightness() override { return monitor->call("read"); }
-    void writeBrightness(double fraction) override { monitor->call(writeOf(fraction)); }
-    void setPower(bool on) override { monitor->call(on ? "on" : "off"); }
-    std::optional<bool> readPower() override { return monitor->call("power"), monitor->power; }
-    const std::shared_ptr<Monitor> monitor;
-    const bool standby;
-};
-
-// A controller over a DELL monitor (standby capable) and the built-in panel. Every enumeration makes new backends
-// for the displays plugged in at that moment, as the real enumerator does.
+// A controller over a DELL monitor (standby capable) and the built-in panel; the displays plugged in are those
+// enumerated, by display number.
 struct Rig {
-    struct Display {
-        std::uint32_t id;
-        std::shared_ptr<Monitor> monitor;
-        bool canPowerOff;
-    };
-
-    explicit Rig(std::optional<double> dellReading = 0.5) : dell(std::make_shared<Monitor>(dellReading)) {}
-    ~Rig()
-    {
-        dell->hold(false);
-        controller.reset();
-    }
+    using Plugged = std::vector<std::pair<std::uint32_t, std::shared_ptr<Monitor>>>;
+    explicit Rig(std::optional<double> dellReading = 0.5) : dell(std::make_shared<Monitor>(dellReading, true)) {}
+    ~Rig() { dell->hold(false), panel->hold(false), controller.reset(); }
     void request(std::uint32_t id, double value)
     {
         value == toggle ? controller->togglePower(id) : controller->setBrightness(id, value);
     }
-    void plug(std::vector<Display> displays)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        plugged = std::move(displays);
-    }
+    void plug(Plugged displays) { std::lock_guard<std::mutex> lock(mutex); plugged = std::move(displays); }
 
     std::shared_ptr<Monitor> dell;
-    std::shared_ptr<Monitor> panel = std::make_shared<Monitor>(0.8);
+    std::shared_ptr<Monitor> panel = std::make_shared<Monitor>(0.8, false);
     std::mutex mutex;
-    std::vector<Display> plugged{{dellID, dell, true}, {panelID, panel, false}};
+    Plugged plugged{{dellID, dell}, {panelID, panel}};
     std::atomic<int> enumerations{0};
     std::unique_ptr<DisplayController> controller = std::make_unique<DisplayController>([this] {
         std::lock_guard<std::mutex> lock(mutex);
         ++enumerations;
         std::vector<Lumora::DisplayInfo> infos;
-        for (const Display& d : plugged)
-            infos.push_back({d.id, "display " + std::to_string(d.id), std::make_shared<Backend>(d.monitor, d.canPowerOff)});
+        for (const auto& [id, monitor] : plugged)
+            infos.push_back({id, "display " + std::to_string(id), monitor});
         return infos;
     });
     Watch watch{*controller};
 };
 
-TEST(ControllerRules, ShowsEachRequestAtOnceClampedAndTakesStandbyOnlyWhereTheMonitorCanPowerOff)
+TEST(ControllerRules, ShowsEachRequestAtOnceAndSendsWhatItMeansToTheMonitor)
 {
-    struct Case {
-        const char* what;
-        std::uint32_t id;
-        double request;
-        double shown;
-        bool on;
-        Calls calls;
-    };
+    // The first request is held at the monitor while the others are made; the Rig's DELL reads `reading` and says
+    // `power` of its power mode; with `refreshed`, what each of two refreshes then shows (brightness, on).
+    struct Case { const char* what; std::uint32_t id; std::vector<double> requests; double shown; bool on; Calls calls;
+                  double reading = 0.5; std::optional<bool> power = {};
+                  std::optional<std::pair<double, bool>> refreshed = {}; };
     const Case cases[] = {
-        {"below 0 on a monitor: standby", dellID, -0.5, 0.0, false, {"read", "off"}},
-        {"at the threshold: standby", dellID, 0.01, 0.01, false, {"read", "off"}},
-        {"just above it: written", dellID, 0.0101, 0.0101, true, {"read", "write 0.0101"}},
-        {"above 1: full brightness", dellID, 7.0, 1.0, true, {"read", "write 1"}},
-        {"below 0 on the panel: written as 0", panelID, -0.5, 0.0, true, {"read", "write 0"}},
-        {"the panel at the threshold: written", panelID, 0.01, 0.01, true, {"read", "write 0.01"}},
-        {"not a number: ignored", dellID, std::numeric_limits<double>::quiet_NaN(), 0.5, true, {"read"}},
-        {"the toggle on the panel: nothing, it has no standby", panelID, toggle, 0.8, true, {"read"}},
+        {"below 0 on a monitor: standby", dellID, {-0.5}, 0.0, false, {"read", "off"}},
+        {"at the threshold: standby", dellID, {0.01}, 0.01, false, {"read", "off"}},
+        {"just above it: written", dellID, {0.0101}, 0.0101, true, {"read", "write 0.0101"}},
+        {"above 1: full brightness", dellID, {7.0}, 1.0, true, {"read", "write 1"}},
+        {"below 0 on the panel: written as 0", panelID, {-0.5}, 0.0, true, {"read", "write 0"}},
+        {"the panel at the threshold: written", panelID, {0.01}, 0.01, true, {"read", "write 0.01"}},
+        {"not a number: ignored", dellID, {std::numeric_limits<double>::quiet_NaN()}, 0.5, true, {"read"}},
+        {"the toggle on the panel: nothing, it has no standby", panelID, {toggle}, 0.8, true, {"read"}},
+        {"the toggle wakes at the brightness it kept", dellID, {0.7, toggle, toggle}, 0.7, true,
+         {"read", "write 0.7", "off", "on"}},
+        {"shown at 0 when toggled off: wakes at full", dellID, {toggle, toggle}, 1.0, true,
+         {"read", "off", "on", "write 1"}, 0.0},
+        {"nothing kept: wakes at full", dellID, {0.0, toggle}, 1.0, true, {"read", "off", "on", "write 1"}},
+        {"standby and wake by keys keep the toggle's value", dellID, {0.7, toggle, 1.0, 0.3, 0.0, toggle}, 0.7, true,
+         {"read", "write 0.7", "off", "on", "off", "on"}},
+        {"held in standby and silent: asked its power mode only, and shown so", dellID, {0.7, toggle}, 0.0, false,
+         {"read", "write 0.7", "off", "power", "power"}, 0.5, std::nullopt, std::pair(0.0, false)},
+        {"held in standby and says so: the same", dellID, {0.7, toggle}, 0.0, false,
+         {"read", "write 0.7", "off", "power", "power"}, 0.5, false, std::pair(0.0, false)},
+        {"held in standby, woken by its own button: read, and no longer held", dellID, {0.7, toggle}, 0.0, false,
+         {"read", "write 0.7", "off", "power", "read", "read"}, 0.5, true, std::pair(0.5, true)},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        Rig rig;
+        Rig rig(c.reading);
+        rig.dell->power = c.power;
         ASSERT_TRUE(rig.watch.refreshAndWait());
         const auto monitor = c.id == dellID ? rig.dell : rig.panel;
         monitor->hold(true);  // shown while the hardware has not been touched
-        rig.request(c.id, c.request);
+        rig.request(c.id, c.requests.front());
+        ASSERT_TRUE(c.requests.size() == 1 || pumpUntil([&] { return monitor->calls().size() == 2; }));
+        for (std::size_t i = 1; i < c.requests.size(); ++i)
+            rig.request(c.id, c.requests[i]);
         EXPECT_EQ(rig.watch.shown(c.id).brightness, c.shown);
         EXPECT_EQ(rig.watch.shown(c.id).isOn, c.on);
         monitor->hold(false);
+        for (int i = 0; c.refreshed && i < 2; ++i) {
+            ASSERT_TRUE(rig.watch.refreshAndWait());
+            EXPECT_EQ(std::pair(rig.watch.shown(c.id).brightness, rig.watch.shown(c.id).isOn), *c.refreshed);
+        }
         rig.controller.reset();  // runs what the display's queue still holds
         EXPECT_EQ(monitor->calls(), c.calls);
     }
@@ -161,7 +142,7 @@ TEST(ControllerRules, AWriteLoopKeepsItsBackendAndTheNextLoopTakesTheNewOne)
     rig.controller->setBrightness(dellID, 0.3);
     ASSERT_TRUE(pumpUntil([&] { return rig.dell->calls().size() == 2; }));  // the write waits at the gate
     rig.controller->setBrightness(dellID, 0.6);
-    rig.plug({{panelID, rig.panel, false}});  // the DELL leaves the enumeration: nothing waits behind its write
+    rig.plug({{panelID, rig.panel}});  // the DELL leaves the enumeration: nothing waits behind its write
     ASSERT_TRUE(rig.watch.refreshAndWait());
     EXPECT_EQ(find(*rig.controller, dellID), nullptr) << "dropped: it was not in standby";
     const int changes = rig.watch.changes;
@@ -170,8 +151,8 @@ TEST(ControllerRules, AWriteLoopKeepsItsBackendAndTheNextLoopTakesTheNewOne)
     rig.controller->togglePower(dellID);
     EXPECT_EQ(rig.watch.changes, changes);
 
-    const auto successor = std::make_shared<Monitor>(0.6);  // the same display number behind a new backend
-    rig.plug({{dellID, successor, true}, {panelID, rig.panel, false}});
+    const auto successor = std::make_shared<Monitor>(0.6, true);  // the same display number behind a new backend
+    rig.plug({{dellID, successor}, {panelID, rig.panel}});
     rig.dell->hold(false);
     ASSERT_TRUE(rig.watch.refreshAndWait());
     rig.controller->setBrightness(dellID, 0.2);
@@ -180,90 +161,23 @@ TEST(ControllerRules, AWriteLoopKeepsItsBackendAndTheNextLoopTakesTheNewOne)
     EXPECT_EQ(successor->calls(), (Calls{"read", "write 0.2"}));
 }
 
-TEST(ControllerRules, TheToggleWakesAtTheBrightnessItKeptOrAtFullBrightness)
-{
-    struct Case {
-        const char* what;
-        double reading;
-        std::vector<double> requests;
-        double woken;
-    };
-    const Case cases[] = {
-        {"kept when toggled off", 0.5, {0.7, toggle, toggle}, 0.7},
-        {"shown at 0 when toggled off", 0.0, {toggle, toggle}, 1.0},
-        {"nothing kept", 0.5, {0.0, toggle}, 1.0},
-        {"standby and wake by keys keep the toggle's value", 0.5, {0.7, toggle, 1.0, 0.3, 0.0, toggle}, 0.7},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        Rig rig(c.reading);
-        ASSERT_TRUE(rig.watch.refreshAndWait());
-        rig.dell->hold(true);
-        for (const double request : c.requests)
-            rig.request(dellID, request);
-        EXPECT_EQ(rig.watch.shown(dellID), (DisplaySnapshot{dellID, "display 5", c.woken, true, true}));
-        rig.dell->hold(false);
-        rig.controller.reset();  // runs the power commands and writes still queued behind the held call
-        std::string lastWrite;
-        for (const std::string& call : rig.dell->calls())
-            lastWrite = call.starts_with("write") ? call : lastWrite;
-        EXPECT_EQ(lastWrite, writeOf(c.woken));
-    }
-}
-
-TEST(ControllerRules, AMonitorHeldInStandbyStaysShownSoUntilItSaysItIsOn)
-{
-    struct Case {
-        const char* what;
-        std::optional<bool> power;
-        DisplaySnapshot shown;  // after each of two refreshes
-        Calls calls;            // made by the two refreshes
-    };
-    const Case cases[] = {
-        {"silent in standby", std::nullopt, {dellID, "display 5", 0.0, false, true}, {"power", "power"}},
-        {"says standby", false, {dellID, "display 5", 0.0, false, true}, {"power", "power"}},
-        {"woken by its own button: read, and no longer held", true, {dellID, "display 5", 0.5, true, true},
-         {"power", "read", "read"}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        Rig rig;
-        rig.dell->power = c.power;
-        ASSERT_TRUE(rig.watch.refreshAndWait());
-        rig.controller->setBrightness(dellID, 0.7);
-        rig.controller->togglePower(dellID);
-        ASSERT_TRUE(rig.watch.refreshAndWait());
-        EXPECT_EQ(rig.watch.shown(dellID), c.shown);
-        ASSERT_TRUE(rig.watch.refreshAndWait());
-        EXPECT_EQ(rig.watch.shown(dellID), c.shown);
-        rig.controller.reset();
-        const Calls calls = rig.dell->calls();
-        EXPECT_EQ(Calls(calls.begin() + 3, calls.end()), c.calls) << "after read, write 0.7, off";
-    }
-}
-
 // The refresh found the monitor held in standby and asks only its power mode; the user wakes it meanwhile. The
 // refresh read no brightness, so what it publishes keeps the wake's.
 TEST(ControllerRules, AMonitorWokenWhileARefreshAsksItsPowerModeShowsTheBrightnessItWokeAt)
 {
-    Rig rig;
-    rig.dell->power = std::nullopt;  // silent in standby
+    Rig rig;  // its DELL is silent in standby
     ASSERT_TRUE(rig.watch.refreshAndWait());
     rig.controller->setBrightness(dellID, 0.7);
     rig.controller->togglePower(dellID);
-    const auto lastCall = [&] {
-        const Calls calls = rig.dell->calls();
-        return calls.empty() ? std::string() : calls.back();
-    };
+    const auto lastCall = [&] { return rig.dell->calls().back(); };  // the first refresh's read comes first
     ASSERT_TRUE(pumpUntil([&] { return lastCall() == "off"; }));
     rig.dell->hold(true);
     rig.controller->refresh();
     ASSERT_TRUE(pumpUntil([&] { return lastCall() == "power"; }));
     rig.controller->togglePower(dellID);
     rig.dell->hold(false);
-    // The wake's write runs behind the power read, which the refresh published after; then the main thread has been
-    // handed the publication, and runs it before a call posted now.
-    ASSERT_TRUE(pumpUntil([&] { return lastCall() == writeOf(0.7); }));
+    // The wake's write runs after the power read, whose publication the main thread then runs before a call posted now.
+    ASSERT_TRUE(pumpUntil([&] { return lastCall() == "write 0.7"; }));
     bool published = false;
     QTimer::singleShot(0, [&] { published = true; });
     ASSERT_TRUE(pumpUntil([&] { return published; }));
@@ -279,7 +193,7 @@ TEST(ControllerRules, RefreshesPublishInCallOrderEachEnumeratingOnceThePreviousH
     rig.dell->hold(true);
     rig.controller->refresh();  // finds both displays; its read of the DELL waits at the gate
     ASSERT_TRUE(pumpUntil([&] { return rig.dell->calls().size() == 1; }));
-    rig.plug({{panelID, rig.panel, false}});
+    rig.plug({{panelID, rig.panel}});
     std::thread([&] { rig.controller->refresh(); }).join();  // any thread may call it
     pumpUntil([] { return false; }, 100ms);
     EXPECT_EQ(rig.enumerations, 1);
@@ -292,14 +206,15 @@ TEST(ControllerRules, RefreshesPublishInCallOrderEachEnumeratingOnceThePreviousH
 
 TEST(SerialQueue, DestructionRunsWhatIsStillPendingThenJoins)
 {
-    std::promise<void> release;
+    Monitor gate(std::nullopt, false);
     int ran = 0;  // touched by the worker only, until the join
     {
         Lumora::SerialQueue queue("test");
-        queue.async([opened = release.get_future().share()] { opened.wait(); });
+        gate.hold(true);
+        queue.async([&] { gate.call("held"); });
         for (int i = 0; i < 10; ++i)
             queue.async([&ran] { ++ran; });
-        release.set_value();
+        gate.hold(false);
     }
     EXPECT_EQ(ran, 10);
 }

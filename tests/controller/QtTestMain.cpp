@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// GoogleTest main for the controller's tests: the controller lives on a Qt event loop, so the tests run on the
-// thread of a QCoreApplication and pump its loop while they wait.
-
+// GoogleTest main with a QCoreApplication: the controller lives on a Qt event loop, which the tests pump.
 #include <QCoreApplication>
-
 #include <gtest/gtest.h>
 
 int main(int argc, char** argv)

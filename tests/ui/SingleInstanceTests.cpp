@@ -19,27 +19,22 @@ using Lumora::SingleInstance::lockPath;
 TEST(SingleInstance, LockInTheRuntimeDirectoryElseInAPrivateDirectoryOfTheUsersOwn)
 {
     const fs::path parent = fs::temp_directory_path() / ("lumora-lock-test-" + std::to_string(::getpid()));
-    const std::string uid = std::to_string(::getuid());
-    const fs::path own = parent / ("lumora-" + uid);
-
-    const struct {
-        const char* what;
-        const char* runtime;
-        std::function<void()> prepare;  // what is at <parent>/lumora-<uid> beforehand
-        bool usable;                    // a lock path under <parent>/lumora-<uid>
-    } cases[] = {
+    const fs::path own = parent / ("lumora-" + std::to_string(::getuid()));
+    const auto made = [](const fs::path& path, mode_t mode) {
+        fs::create_directory(path);
+        ::chmod(path.c_str(), mode);
+    };
+    // `prepare` puts what is at <parent>/lumora-<uid> beforehand; usable: a lock path under it.
+    const struct { const char* what; const char* runtime; std::function<void()> prepare; bool usable; } cases[] = {
         {"nothing there: made 0700", nullptr, [] {}, true},
         {"a relative runtime directory counts as none", "run/user", [] {}, true},
-        {"there already, 0700", nullptr, [&] { fs::create_directory(own); ::chmod(own.c_str(), 0700); }, true},
-        {"open to the group", nullptr, [&] { fs::create_directory(own); ::chmod(own.c_str(), 0770); }, false},
-        {"open to everybody", nullptr, [&] { fs::create_directory(own); ::chmod(own.c_str(), 0777); }, false},
+        {"there already, 0700", nullptr, [&] { made(own, 0700); }, true},
+        {"open to the group", nullptr, [&] { made(own, 0770); }, false},
+        {"open to everybody", nullptr, [&] { made(own, 0777); }, false},
+        {"someone else's, however private (only root can give it away)", nullptr,
+         [&] { made(own, 0700); (void)::chown(own.c_str(), 65534, 65534); }, ::getuid() != 0},
         {"a symbolic link to a private directory", nullptr,
-         [&] {
-             fs::create_directory(parent / "elsewhere");
-             ::chmod((parent / "elsewhere").c_str(), 0700);
-             fs::create_directory_symlink(parent / "elsewhere", own);
-         },
-         false},
+         [&] { made(parent / "elsewhere", 0700); fs::create_directory_symlink(parent / "elsewhere", own); }, false},
         {"a file", nullptr, [&] { std::ofstream(own.string()) << "x"; }, false},
     };
     for (const auto& c : cases) {
@@ -56,14 +51,6 @@ TEST(SingleInstance, LockInTheRuntimeDirectoryElseInAPrivateDirectoryOfTheUsersO
             EXPECT_TRUE(S_ISDIR(status.st_mode));
             EXPECT_EQ(status.st_mode & 0777, 0700U);
         }
-    }
-    if (::getuid() == 0) {
-        // Someone else's directory, however private.
-        fs::remove_all(parent);
-        fs::create_directories(own);
-        ::chmod(own.c_str(), 0700);
-        ASSERT_EQ(::chown(own.c_str(), 65534, 65534), 0);
-        EXPECT_FALSE(lockPath(nullptr, parent.string()).has_value());
     }
     EXPECT_EQ(lockPath("/run/user/1000", parent.string()), std::optional<std::string>("/run/user/1000/lumora.lock"));
     fs::remove_all(parent);

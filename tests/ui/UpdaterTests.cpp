@@ -17,14 +17,12 @@ namespace fs = std::filesystem;
 
 TEST(Updater, OneStartedControllerAndEachCheckForwardedOnlyWithACompletePlugin)
 {
-    const struct {
-        const char* variant;
-        bool available;
-        const char* calls;  // what the plugin saw: the construction, then two checks
-    } cases[] = {{"none", false, ""},
-                 {"without-check", false, ""},
-                 {"create-fails", false, "create 1 0\n"},
-                 {"complete", true, "create 1 0\ncheck 0\ncheck 0\n"}};
+    // calls: what the plugin saw, the construction, then the two checks.
+    const struct { const char* variant; bool available; const char* calls; } cases[] = {
+        {"none", false, ""},
+        {"without-check", false, ""},
+        {"create-fails", false, "create 1 0\n"},
+        {"complete", true, "create 1 0\ncheck 0\ncheck 0\n"}};
     const auto log = fs::temp_directory_path() / ("lumora-ui-update-" + std::to_string(::getpid()));
     ::setenv("LUMORA_TEST_UPDATE_LOG", log.c_str(), 1);
     for (const auto& c : cases) {
@@ -47,12 +45,8 @@ TEST(Updater, APluginIsTrustedOnlyWhereNobodyButRootCanChangeIt)
     if (::getuid() != 0)
         GTEST_SKIP() << "needs root to make directories owned by root and by others";
     const fs::path root = fs::temp_directory_path() / ("lumora-trust-" + std::to_string(::getpid()));
-    const struct {
-        const char* what;
-        mode_t directory;  // the plugin's directory (its parent is 0755)
-        mode_t file;
-        bool ownedByOther, trusted;
-    } cases[] = {
+    // directory: the plugin's (its parent is 0755).
+    const struct { const char* what; mode_t directory, file; bool ownedByOther, trusted; } cases[] = {
         {"root's, closed", 0755, 0644, false, true},
         {"file writable by the group", 0755, 0664, false, false},
         {"file writable by everybody", 0755, 0646, false, false},
@@ -62,6 +56,7 @@ TEST(Updater, APluginIsTrustedOnlyWhereNobodyButRootCanChangeIt)
         {"file owned by someone else", 0755, 0644, true, false},
     };
     // Each case also through a link in a closed directory: links are followed to what they name.
+    const fs::path plugin = root / "lib" / "liblumora-update.so", link = root / "closed" / "liblumora-update.so";
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         fs::remove_all(root);
@@ -70,13 +65,12 @@ TEST(Updater, APluginIsTrustedOnlyWhereNobodyButRootCanChangeIt)
         ::chmod(root.c_str(), 0755);
         ::chmod((root / "closed").c_str(), 0755);
         ::chmod((root / "lib").c_str(), c.directory);
-        const fs::path plugin = root / "lib" / "liblumora-update.so";
         std::ofstream(plugin.string()) << "x";
         ::chmod(plugin.c_str(), c.file);
         ASSERT_EQ(c.ownedByOther ? ::chown(plugin.c_str(), 65534, 65534) : 0, 0);
-        fs::create_symlink(plugin, root / "closed" / "liblumora-update.so");
+        fs::create_symlink(plugin, link);
         EXPECT_EQ(Lumora::Updater::isTrustedLocation(plugin.string()), c.trusted);
-        EXPECT_EQ(Lumora::Updater::isTrustedLocation((root / "closed" / "liblumora-update.so").string()), c.trusted);
+        EXPECT_EQ(Lumora::Updater::isTrustedLocation(link.string()), c.trusted);
     }
     EXPECT_FALSE(Lumora::Updater::isTrustedLocation((root / "closed" / "missing.so").string()));
     fs::remove_all(root);

@@ -5,17 +5,11 @@
 // interface (the real shell runs in `make test-desktops`), logind.
 
 #include <QAction>
-#include <QDBusArgument>
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
-#include <QDBusMessage>
-#include <QDBusObjectPath>
-#include <QDBusVariant>
-#include <QDBusVirtualObject>
 #include <QMenu>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTemporaryDir>
+#include <QtDBus>
 
 #include <gtest/gtest.h>
 
@@ -86,11 +80,7 @@ public:
         EXPECT_TRUE(host().registerVirtualObject(path_, this));
         EXPECT_TRUE(host().registerService(name_));
     }
-    ~Service() override
-    {
-        host().unregisterService(name_);
-        host().unregisterObject(path_);
-    }
+    ~Service() override { host().unregisterService(name_); host().unregisterObject(path_); }
     QStringList said(const char* method) const { return calls_.value(method); }
     QString introspect(const QString&) const override { return {}; }
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override
@@ -109,10 +99,7 @@ private:
 };
 
 // What reached the item's actions: the clicks by the host's method, where; whether it is in a host.
-struct Noted {
-    QMap<QString, QPoint> clicks;
-    std::optional<bool> available;
-};
+struct Noted { QMap<QString, QPoint> clicks; std::optional<bool> available; };
 
 std::unique_ptr<StatusNotifierItem> makeItem(QMenu* menu, Noted& noted)
 {
@@ -125,11 +112,7 @@ std::unique_ptr<StatusNotifierItem> makeItem(QMenu* menu, Noted& noted)
 }
 
 // A DBusMenu layout node as a host walks it: (id, properties, children as variants of the same).
-struct MenuNode {
-    int id = -1;
-    QVariantMap properties;
-    QList<MenuNode> children;
-};
+struct MenuNode { int id = -1; QVariantMap properties; QList<MenuNode> children; };
 
 const QDBusArgument& operator>>(const QDBusArgument& in, MenuNode& node)
 {

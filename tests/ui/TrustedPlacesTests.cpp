@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The places on disk Lumora relies on, none that someone else could have prepared: the single-instance lock in the
-// session's runtime directory, else in a private directory of the user's own; an update plugin only where nobody but
-// root can change it. And the updater with the test plugin, complete or not, and without one.
+// Places on disk Lumora relies on, none that someone else could have prepared: the single-instance lock in the
+// session's runtime directory, else a private directory of the user's own; an update plugin only where nobody but root
+// can change it. And the updater with the test plugin, complete or not, and without one.
 
 #include <gtest/gtest.h>
 
@@ -60,8 +60,7 @@ TEST(SingleInstance, LockInTheRuntimeDirectoryElseInAPrivateDirectoryOfTheUsersO
             EXPECT_EQ(*path, (own / "lumora.lock").string());
             struct stat status {};
             ASSERT_EQ(::lstat(own.c_str(), &status), 0);
-            EXPECT_TRUE(S_ISDIR(status.st_mode));
-            EXPECT_EQ(status.st_mode & 0777, 0700U);
+            EXPECT_EQ(status.st_mode & (S_IFMT | 0777), S_IFDIR | 0700U) << "a private directory";
         }
     }
     EXPECT_EQ(lockPath("/run/user/1000", scratch), std::optional<std::string>("/run/user/1000/lumora.lock"));

@@ -188,8 +188,8 @@ TEST(PopoverView, ALongNameEndsElidedBeforeThePowerButton)
     EXPECT_GE(power->x(), name->x() + name->width());
 }
 
-// (How the focused slider steps under the arrow and Page keys, each step written to its monitor alone: e2e_desktop.)
-// Each control named as a screen reader calls it.
+// Each control named as a screen reader calls it. (The focused slider stepping under the arrow and Page keys, each
+// step written to its own monitor alone: e2e_desktop.)
 TEST(PanelKeyboard, TabWalksEveryControlFromTheFirstRowToQuitAndAround)
 {
     Shown shown(desk(2, true));

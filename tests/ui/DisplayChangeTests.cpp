@@ -11,12 +11,7 @@ namespace Change = Lumora::DisplayChange;
 TEST(DisplayChange, FlagsBetweenTwoReadings)
 {
     const ConnectorState on{true, true}, off{true, false}, unplugged{false, false}, unpluggedOn{false, true};
-    struct Case {
-        const char* what;
-        ConnectorStates before, after;
-        unsigned flags;
-    };
-    const Case cases[] = {
+    const struct { const char* what; ConnectorStates before, after; unsigned flags; } cases[] = {
         {"unchanged", {{"DP-1", on}, {"DP-2", unplugged}}, {{"DP-1", on}, {"DP-2", unplugged}}, 0},
         {"plugged in", {{"DP-1", unplugged}}, {{"DP-1", on}}, Change::added},
         {"new connector, connected", {}, {{"DP-2", on}}, Change::added},
@@ -30,7 +25,7 @@ TEST(DisplayChange, FlagsBetweenTwoReadings)
         {"several at once", {{"DP-1", on}, {"DP-2", unplugged}, {"eDP-1", on}},
          {{"DP-1", unplugged}, {"DP-2", on}, {"eDP-1", off}}, Change::added | Change::removed | Change::disabled},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         EXPECT_EQ(Change::between(c.before, c.after), c.flags);
         EXPECT_EQ((c.flags & Change::refreshMask) != 0, c.flags != 0) << "every change found is enumerated again";

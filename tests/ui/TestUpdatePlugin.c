@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* An update plugin for the tests. Each call Lumora makes is written, a line a call, to the file named by
- * LUMORA_TEST_UPDATE_LOG: "create <startingUpdater> <delegates given>" and "check <senders given>" ("check of
- * another controller ..." when the controller passed is not the one made). Built complete, without the check
- * entry point, and unable to make its controller. */
+/* An update plugin for the tests: built complete, without the check entry point, and unable to make its controller.
+ * Each call Lumora makes is a line in the file LUMORA_TEST_UPDATE_LOG names: "create <startingUpdater> <delegates
+ * given>", "check <senders given>" ("check of another controller ..." for a controller it did not make). */
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -11,13 +10,11 @@
 struct LumoraUpdaterController {
     int unused;
 };
-
 static struct LumoraUpdaterController controller;
 
 static void note(const char* format, int a, int b)
 {
-    const char* path = getenv("LUMORA_TEST_UPDATE_LOG");
-    FILE* log = path != NULL ? fopen(path, "a") : NULL;
+    FILE* log = getenv("LUMORA_TEST_UPDATE_LOG") != NULL ? fopen(getenv("LUMORA_TEST_UPDATE_LOG"), "a") : NULL;
     if (log != NULL) {
         fprintf(log, format, a, b);
         fclose(log);

@@ -1,23 +1,19 @@
 # SPDX-License-Identifier: GPL-3.0-or-later
-# A small X11 desktop to drive the tray application from outside (Xvfb, openbox, trayer), and helpers that find
-# Lumora's windows, wait with deadlines and read pixels. Every process started here is recorded and ended by
-# session_stop (call it from an EXIT trap). Needs Xvfb openbox trayer xdotool x11-utils imagemagick.
+# A small X11 desktop (Xvfb, openbox, trayer) and helpers that find Lumora's windows, wait with deadlines and read
+# pixels. Every process started here is ended by session_stop (call it from an EXIT trap).
 SESSION_PIDS=()
-# session_environment WORK: no session bus until a test starts its own ("disabled:" keeps libdbus and GLib from
-# autolaunching one, which outlived the test and made trayer hang); private runtime and configuration directories.
+# session_environment WORK: private runtime and configuration directories; "disabled:" stops buses autolaunching.
 session_environment() {
     unset WAYLAND_DISPLAY QT_QPA_PLATFORM
     export DBUS_SESSION_BUS_ADDRESS=disabled: XDG_RUNTIME_DIR="$1/runtime" XDG_CONFIG_HOME="$1/config"
     mkdir -p "$XDG_RUNTIME_DIR" "$XDG_CONFIG_HOME" && chmod 700 "$XDG_RUNTIME_DIR"
     export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0:detect_leaks=0"
 }
-# The system's ImageMagick (a plain `convert` earlier in PATH may be something else).
-session_convert() { /usr/bin/convert "$@"; }
+session_convert() { /usr/bin/convert "$@"; }  # the system's ImageMagick, whatever PATH has first
 now_ms() { echo $(( $(date +%s%N) / 1000000 )); }
 # wait_until SECONDS COMMAND...: runs COMMAND every 20 ms until it succeeds; fails after SECONDS.
 wait_until() {
-    local deadline=$(( $(now_ms) + $1 * 1000 ))
-    shift
+    local deadline=$(( $(now_ms) + $1 * 1000 )) && shift
     while (( $(now_ms) < deadline )); do "$@" && return 0; sleep 0.02; done
     "$@"
 }
@@ -35,26 +31,21 @@ session_connect() {
     export DISPLAY=":$(tr -d '\n' <"$1/displayfd")"
     wait_until 10 xprop -root _XKB_RULES_NAMES >/dev/null 2>&1 || { echo "session: no X server on $DISPLAY" >&2; return 1; }
 }
-session_start_wm() {
-    openbox --sm-disable >"$1/openbox.log" 2>&1 & session_track $!
-    wait_until 10 session_has_wm || { echo "session: openbox did not start" >&2; return 1; }
-}
-# session_start_tray WORKDIR: trayer at the top right; one that has shown no panel in 10 s (it dies or hangs now and
-# then on a loaded machine) is ended and started again, three times at most.
+session_start_wm() { openbox --sm-disable >"$1/openbox.log" 2>&1 & session_track $!
+    wait_until 10 session_has_wm || { echo "session: openbox did not start" >&2; return 1; }; }
+# session_start_tray WORKDIR: trayer at the top right, tried three times (it dies or hangs now and then when busy).
 session_start_tray() {
     local attempt pid
     for attempt in 1 2 3; do
         trayer --edge top --align right --widthtype request --height 24 --SetDockType true --SetPartialStrut true \
             --transparent false --expand false >"$1/trayer.log" 2>&1 &
-        pid=$! && session_track "$pid"
-        wait_until 10 session_has_tray && return 0
+        pid=$! && session_track "$pid" && wait_until 10 session_has_tray && return 0
         kill -KILL "$pid" 2>/dev/null && wait "$pid" 2>/dev/null
         echo "session: trayer showed no panel in 10 s (attempt $attempt): $(cat "$1/trayer.log")" >&2
     done
     return 1
 }
-# session_bus WORKDIR: a private session bus, exported as DBUS_SESSION_BUS_ADDRESS.
-session_bus() {
+session_bus() {  # WORKDIR: a private session bus, exported as DBUS_SESSION_BUS_ADDRESS
     rm -f "$1/bus-address"
     dbus-daemon --session --nofork --nopidfile --print-address=3 3>"$1/bus-address" >"$1/dbus.log" 2>&1 & session_track $!
     wait_until 10 test -s "$1/bus-address" || { echo "session: the session bus did not start" >&2; return 1; }
@@ -62,8 +53,7 @@ session_bus() {
 }
 session_has_wm() { xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q 'window id'; }
 session_has_tray() { xwininfo -root -tree 2>/dev/null | grep -q '("panel" "trayer")'; }
-# session_stop: ends every tracked process (TERM, then KILL after 5 s) and reaps it.
-session_stop() {
+session_stop() {  # every tracked process: TERM, KILL after 5 s, reaped
     local pid deadline
     for pid in "${SESSION_PIDS[@]}"; do kill -TERM "$pid" 2>/dev/null; done
     for pid in "${SESSION_PIDS[@]}"; do
@@ -73,18 +63,13 @@ session_stop() {
     done
     SESSION_PIDS=()
 }
-# window_geometry ID: "x y width height" of a window on the screen, and "viewable" when it is.
-window_geometry() {
+window_geometry() {  # ID: "x y width height" of a window on the screen, and "viewable" when it is
     xwininfo -id "$1" 2>/dev/null | awk '/Absolute upper-left X/ {x=$4} /Absolute upper-left Y/ {y=$4}
         /^ *Width:/ {w=$2} /^ *Height:/ {h=$2} /IsViewable/ {v=" viewable"} END {if (w == "") exit 1; print x, y, w, h v}'
 }
-# lumora_windows: "id x y width height viewable(0/1)" for every window of class lumora.
-lumora_windows() {
-    local id g
-    for id in $(xdotool search --classname '^lumora$' 2>/dev/null); do g=$(window_geometry "$id") && set -- $g && echo "$id $1 $2 $3 $4 $(( $# == 5 ))"; done
-}
-# tray_icon: "x y width height" of Lumora's icon docked in trayer's panel.
-tray_icon() {
+lumora_windows() { local id g  # "id x y width height viewable(0/1)" for every window of class lumora
+    for id in $(xdotool search --classname '^lumora$' 2>/dev/null); do g=$(window_geometry "$id") && set -- $g && echo "$id $1 $2 $3 $4 $(( $# == 5 ))"; done; }
+tray_icon() {  # "x y width height" of Lumora's icon docked in trayer's panel
     local panel id
     panel=$(xwininfo -root -tree 2>/dev/null | awk '/\("panel" "trayer"\)/ {print $1; exit}')
     for id in $([[ -n $panel ]] && xwininfo -id "$panel" -tree 2>/dev/null | awk '/\("lumora" "Lumora"\)/ {print $1}'); do
@@ -93,8 +78,7 @@ tray_icon() {
     false
 }
 icon_docked() { tray_icon >/dev/null; }
-# lumora_window_named TITLE [managed]: Lumora's viewable window with that exact title; with "managed", only one the
-# window manager manages (the icon docked in a tray is titled Lumora too).
+# lumora_window_named TITLE [managed]: Lumora's viewable window so titled ("managed": not the docked icon, titled so too).
 lumora_window_named() {
     local id
     for id in $(xdotool search --onlyvisible --classname '^lumora$' 2>/dev/null); do
@@ -106,16 +90,11 @@ lumora_window_named() {
 # The shown panel: Lumora's viewable 300-wide window.
 panel_id() { lumora_windows | awk '$4 == 300 && $6 == 1 {print $1; exit}'; }
 panel_geometry() { lumora_windows | awk '$4 == 300 && $6 == 1 {print $2, $3, $4, $5; f=1; exit} END {exit !f}'; }
-panel_shown() { panel_geometry >/dev/null; }
-panel_hidden() { ! panel_shown; }
-# panel_rows: how many slider rows the shown panel has now.
+panel_shown() { panel_geometry >/dev/null; }; panel_hidden() { ! panel_shown; }
 panel_rows() { local x y w h; screenshot "$WORK/rows.png"; read -r x y w h < <(panel_geometry) && slider_rows "$WORK/rows.png" "$x" "$y" "$h" | wc -l; }
-# menu_geometry: "x y width height" of a shown Lumora window that is neither the panel, the icon nor a tooltip.
-menu_geometry() {
-    local id x y w h v
+menu_geometry() { local id x y w h v  # "x y width height" of a shown Lumora window neither the panel, the icon nor a tooltip
     while read -r id x y w h v; do (( w != 300 && w > 60 && v )) && ! window_type "$id" TOOLTIP && echo "$x $y $w $h" && return; done < <(lumora_windows)
-    false
-}
+    false; }
 menu_shown() { menu_geometry >/dev/null; }
 window_type() { xprop -id "$1" _NET_WM_WINDOW_TYPE 2>/dev/null | grep -q "_NET_WM_WINDOW_TYPE_$2"; }
 tooltip_shown() { local id; for id in $(xdotool search --onlyvisible --classname '^lumora$' 2>/dev/null); do window_type "$id" TOOLTIP && return; done; false; }
@@ -128,8 +107,6 @@ runs_in_column() {
         in_ && !run { start = $1; run = 1 } !in_ && run { print int((start + prev) / 2); run = 0 } { prev = $1 }
         END { if (run) print int((start + prev) / 2) }'
 }
-# slider_rows FILE PANEL_X PANEL_Y PANEL_H: the y of every slider, found by its filled groove (the highlight colour,
-# bluish) just right of its start: the dim sun sits at 16 ... 32 points and the groove starts 8 points later.
+# slider_rows FILE PANEL_X PANEL_Y PANEL_H: the y of every slider, by its filled (bluish) groove right of the dim sun.
 slider_rows() { runs_in_column "$1" $(( $2 + 48 )) "$3" $(( $3 + $4 - 1 )) 'b > 140 && b > r + 60'; }
-# dark_rows FILE X Y0 Y1: the middle of every run of dark pixels in column X.
 dark_rows() { runs_in_column "$1" "$2" "$3" "$4" 'r + g + b < 300'; }

@@ -5,9 +5,6 @@
 // connectors by name, and decided by the resolver.
 
 #include <gtest/gtest.h>
-
-#include <functional>
-
 #include "Lumora/Platform/Linux/Desktop/DesktopInputs.h"
 #include "Lumora/Platform/Linux/Desktop/GnomeShellDesktop.h"
 #include "Lumora/Platform/Linux/Desktop/HyprlandDesktop.h"
@@ -68,30 +65,26 @@ GnomeShellDesktop::State gnome(bool physical, double scale)
 
 TEST(CompositorAnswers, TheDisplayInUseFromWhatEachCompositorSays)
 {
-    const struct {
-        const char* what;
-        std::function<CompositorAnswers()> answers;
-        const char* inUse;  // the connector chosen
-    } cases[] = {
+    const struct { const char* what; CompositorAnswers answers; const char* inUse; /* the connector chosen */ } cases[] = {
         {"sway: the focused window, mostly on the scaled output at a negative position",
-         [] { return SwayDesktop::answers(swayOutputs, swayTree); }, "HEADLESS-2"},
-        {"sway: no window focused: the focused output", [] { return SwayDesktop::answers(swayOutputsFocusOnOne, swayTreeNoWindow); },
+         SwayDesktop::answers(swayOutputs, swayTree), "HEADLESS-2"},
+        {"sway: no window focused: the focused output", SwayDesktop::answers(swayOutputsFocusOnOne, swayTreeNoWindow),
          "HEADLESS-1"},
         {"Hyprland: the window, on DP-1 at scale 1.5 (2560 logical wide)",
-         [] { return HyprlandDesktop::answers(hyprMonitors, hyprWindowOnDP1, hyprCursorOnHDMI); }, "DP-1"},
+         HyprlandDesktop::answers(hyprMonitors, hyprWindowOnDP1, hyprCursorOnHDMI), "DP-1"},
         {"Hyprland: no window: the pointer, on the quarter-turned HDMI-A-1 (1080 x 1920 logical)",
-         [] { return HyprlandDesktop::answers(hyprMonitors, hyprNoWindow, hyprCursorOnHDMI); }, "HDMI-A-1"},
+         HyprlandDesktop::answers(hyprMonitors, hyprNoWindow, hyprCursorOnHDMI), "HDMI-A-1"},
         {"Hyprland: no window, no pointer: the focused monitor",
-         [] { return HyprlandDesktop::answers(hyprMonitors, hyprNoWindow, ""); }, "HDMI-A-1"},
+         HyprlandDesktop::answers(hyprMonitors, hyprNoWindow, ""), "HDMI-A-1"},
         {"GNOME: the extension's window on Meta-0",
-         [] { return GnomeShellDesktop::answers(gnome(true, 1), Rect{268, 145, 742, 427}, Point{1500, 300}); }, "Meta-0"},
-        {"GNOME: no window: the pointer on Meta-1", [] { return GnomeShellDesktop::answers(gnome(true, 1), {}, Point{1500, 300}); },
+         GnomeShellDesktop::answers(gnome(true, 1), Rect{268, 145, 742, 427}, Point{1500, 300}), "Meta-0"},
+        {"GNOME: no window: the pointer on Meta-1", GnomeShellDesktop::answers(gnome(true, 1), {}, Point{1500, 300}),
          "Meta-1"},
         {"GNOME at scale 2 in the logical layout: Meta-1 begins at 640",
-         [] { return GnomeShellDesktop::answers(gnome(false, 2), {}, Point{700, 300}); }, "Meta-1"},
+         GnomeShellDesktop::answers(gnome(false, 2), {}, Point{700, 300}), "Meta-1"},
     };
     for (const auto& c : cases) {
-        const DesktopView view = DesktopLayout::view(c.answers());
+        const DesktopView view = DesktopLayout::view(c.answers);
         // The connectors named as the compositor names its outputs, each a display numbered by its place.
         std::vector<ConnectorIdentity> connectors;
         for (const ScreenIdentity& screen : view.screens)
@@ -110,13 +103,7 @@ TEST(CompositorAnswers, TheDisplayInUseFromWhatEachCompositorSays)
 
 TEST(CompositorAnswers, TheDesktopIsChosenFromWhatTheSessionSays)
 {
-    const struct {
-        const char* swaySocket;
-        const char* hyprland;
-        const char* currentDesktop;
-        bool wayland;
-        const char* chosen;
-    } cases[] = {
+    const struct { const char *swaySocket, *hyprland, *currentDesktop; bool wayland; const char* chosen; } cases[] = {
         {"/run/user/1000/sway-ipc.1000.42.sock", "", "sway", true, "sway"},
         {"", "v0.40_1700000000", "Hyprland", true, "Hyprland"},
         {"", "", "KDE", true, "KWin"},
@@ -143,15 +130,10 @@ TEST(CompositorAnswers, KWinsOutputsAndTheScriptsWindow)
         "Compositing\n===========\nCompositing is active\nGeometry: 1,2,3x4\n");
     const std::vector<CompositorOutput> outputs = KWinDesktop::outputs(supportInformation);
     ASSERT_EQ(outputs.size(), 2u);
-    EXPECT_EQ(outputs[0].name, "Virtual-0");
-    EXPECT_EQ(outputs[0].area, (Rect{0, 0, 2560, 800}));
-    EXPECT_EQ(outputs[1].name, "Virtual-1");
-    EXPECT_EQ(outputs[1].area, (Rect{2560, 0, 2560, 800}));
+    EXPECT_TRUE(outputs[0].name == "Virtual-0" && outputs[0].area == (Rect{0, 0, 2560, 800})) << outputs[0].name;
+    EXPECT_TRUE(outputs[1].name == "Virtual-1" && outputs[1].area == (Rect{2560, 0, 2560, 800})) << outputs[1].name;
 
-    const struct {
-        const char* report;
-        std::optional<Rect> window;
-    } reports[] = {
+    const struct { const char* report; std::optional<Rect> window; } reports[] = {
         {"2760 200 1480 520", Rect{2760, 200, 1480, 520}},
         {"-300.5 -20 640 480", Rect{-300.5, -20, 640, 480}},
         {"none", std::nullopt},

@@ -10,7 +10,6 @@
 #include <cstdlib>
 
 #include "Lumora/Platform/Linux/Desktop/ResumeMonitor.h"
-#include "support/ChildProcess.h"
 #include "support/EventLoop.h"
 #include "support/Subprocess.h"
 

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The display in use from what each compositor answers, as it answers it: recorded from sway 1.7, KWin 5.27 and
-// GNOME Shell 43 running headless (two outputs, one scaled and at a negative position where the compositor allows
-// it); Hyprland's follow its documented IPC. Each is read as Lumora reads it, brought into one space, matched to the
-// connectors by name, and decided by the resolver.
+// The display in use from each compositor's answers as recorded from sway 1.7, KWin 5.27 and GNOME Shell 43 headless
+// (Hyprland's from its documented IPC), read, brought into one space, matched by name and resolved as Lumora does.
 
 #include <gtest/gtest.h>
 #include "Lumora/Platform/Linux/Desktop/DesktopInputs.h"
@@ -48,11 +46,9 @@ const QByteArray hyprMonitors = R"([
  {"id": 1, "name": "HDMI-A-1", "make": "LG", "model": "LG HDR 4K", "serial": "", "width": 1920, "height": 1080,
   "x": -1080, "y": -300, "scale": 1.00, "transform": 1, "focused": true, "disabled": false}])";
 const QByteArray hyprWindowOnDP1 = R"({"address": "0x1", "mapped": true, "at": [-200, 100], "size": [1200, 800]})";
-const QByteArray hyprNoWindow = "{}";
 const QByteArray hyprCursorOnHDMI = R"({"x": -500, "y": 900})";
 
-// GNOME Shell 43 headless: Meta-0 and Meta-1 side by side in the physical layout (layout-mode 2), and what the
-// extension answered with a terminal focused on Meta-0 and the pointer on Meta-1.
+// GNOME Shell 43 headless: Meta-0 and Meta-1 side by side, in the physical layout (layout-mode 2) or the logical one.
 GnomeShellDesktop::State gnome(bool physical, double scale)
 {
     return {{{"Meta-0", "MetaVendor", "MetaVirtualMonitor", "0x00", 1280, 800},
@@ -73,9 +69,9 @@ TEST(CompositorAnswers, TheDisplayInUseFromWhatEachCompositorSays)
         {"Hyprland: the window, on DP-1 at scale 1.5 (2560 logical wide)",
          HyprlandDesktop::answers(hyprMonitors, hyprWindowOnDP1, hyprCursorOnHDMI), "DP-1"},
         {"Hyprland: no window: the pointer, on the quarter-turned HDMI-A-1 (1080 x 1920 logical)",
-         HyprlandDesktop::answers(hyprMonitors, hyprNoWindow, hyprCursorOnHDMI), "HDMI-A-1"},
+         HyprlandDesktop::answers(hyprMonitors, "{}", hyprCursorOnHDMI), "HDMI-A-1"},
         {"Hyprland: no window, no pointer: the focused monitor",
-         HyprlandDesktop::answers(hyprMonitors, hyprNoWindow, ""), "HDMI-A-1"},
+         HyprlandDesktop::answers(hyprMonitors, "{}", ""), "HDMI-A-1"},
         {"GNOME: the extension's window on Meta-0",
          GnomeShellDesktop::answers(gnome(true, 1), Rect{268, 145, 742, 427}, Point{1500, 300}), "Meta-0"},
         {"GNOME: no window: the pointer on Meta-1", GnomeShellDesktop::answers(gnome(true, 1), {}, Point{1500, 300}),
@@ -133,14 +129,8 @@ TEST(CompositorAnswers, KWinsOutputsAndTheScriptsWindow)
     EXPECT_TRUE(outputs[0].name == "Virtual-0" && outputs[0].area == (Rect{0, 0, 2560, 800})) << outputs[0].name;
     EXPECT_TRUE(outputs[1].name == "Virtual-1" && outputs[1].area == (Rect{2560, 0, 2560, 800})) << outputs[1].name;
 
-    const struct { const char* report; std::optional<Rect> window; } reports[] = {
-        {"2760 200 1480 520", Rect{2760, 200, 1480, 520}},
-        {"-300.5 -20 640 480", Rect{-300.5, -20, 640, 480}},
-        {"none", std::nullopt},
-        {"10 10 0 480", std::nullopt},
-        {"10 10 640", std::nullopt},
-        {"a b c d", std::nullopt},
-    };
-    for (const auto& r : reports)
-        EXPECT_EQ(KWinDesktop::window(QString::fromLatin1(r.report)), r.window) << r.report;
+    EXPECT_EQ(KWinDesktop::window("2760 200 1480 520"), (Rect{2760, 200, 1480, 520}));
+    EXPECT_EQ(KWinDesktop::window("-300.5 -20 640 480"), (Rect{-300.5, -20, 640, 480}));
+    for (const char* refused : {"none", "10 10 0 480", "10 10 640", "a b c d"})
+        EXPECT_EQ(KWinDesktop::window(QString::fromLatin1(refused)), std::nullopt) << refused;
 }

@@ -1,16 +1,12 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The brightness keys' service over the stored setting and the key service's answer (polkit's authorization,
-// logind's active session): off, waiting for permission, active (the keyboards taken by lumora-keys); what a launch
-// and a switch store and publish, the keys following the active session, which devices are taken and the state
-// their twins start in. (The grant from polkit, half a second later: display-in-use.sh.)
+// The brightness keys' service over the stored setting, polkit and logind's active session: what a launch and a
+// switch store and publish, which devices are taken and how their twins start. (A later grant: display-in-use.sh.)
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
 #include <linux/uinput.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 #include <cstring>
-#include <tuple>
 #include "HotkeysTestEnvironment.h"
 
 using namespace LumoraTest;
@@ -57,7 +53,6 @@ TEST_F(HotkeyServiceStates, SwitchingOnAndOff)
     service->setEnabled(true);
     pumpUntil([] { return false; }, 300ms);
     EXPECT_EQ(desk.clones(), clones) << "a second switch on keeps the one attachment";
-
     service->setEnabled(false);
     EXPECT_FALSE(service->isTrusted()) << "off: the keys are given back";
     EXPECT_TRUE(desk.waitFor([&] { return released(); }, 5s));
@@ -75,10 +70,8 @@ TEST_F(HotkeyServiceStates, TheKeysFollowTheActiveSession)
     pumpUntil([] { return false; }, 1s);
     EXPECT_FALSE(service->isTrusted()) << "a Lumora of an inactive session got the keys";
     EXPECT_TRUE(released());
-
     keyBus->switchTo("c2");  // fast user switching to this Lumora's session: the keys come to it
     ASSERT_TRUE(pumpUntil([&] { return service->isTrusted() && tapped(); }, 10s));
-
     keyBus->switchTo("c1");  // and back: the session that left loses them at once
     ASSERT_TRUE(pumpUntil([&] { return !service->isTrusted(); }, 10s));
     EXPECT_TRUE(desk.waitFor([&] { return released(); }, 5s)) << "nobody of the active session wants them";
@@ -88,8 +81,8 @@ TEST_F(HotkeyServiceStates, TheKeysFollowTheActiveSession)
 
 TEST_F(HotkeyServiceStates, TwinsStartInTheDevicesStateAndOtherProgramsVirtualKeyboardsAreLeftAlone)
 {
-    // Caps Lock is lit on the laptop keyboard (the desktop set it through the keyboard's node), and a hotkey device
-    // that also reports docking says docked: a twin that started open would hide the next undocking from logind.
+    // Caps Lock lit on the laptop keyboard (by the desktop, through its node), and a hotkey device that says docked: a
+    // twin that started open would hide the next undocking from logind.
     const int keyboard = ::open(laptop.c_str(), O_WRONLY | O_CLOEXEC);
     const input_event light[] = {{{}, EV_LED, LED_CAPSL, 1}, {{}, EV_SYN, SYN_REPORT, 0}};
     ASSERT_EQ(::write(keyboard, light, sizeof light), ssize_t(sizeof light));
@@ -107,24 +100,14 @@ TEST_F(HotkeyServiceStates, TwinsStartInTheDevicesStateAndOtherProgramsVirtualKe
     ASSERT_EQ(::ioctl(other, UI_DEV_SETUP, &setup) + ::ioctl(other, UI_DEV_CREATE), 0);
     ASSERT_TRUE(desk.waitFor([&] { return desk.clones().size() == 1; }, 5s));
     const std::string remote = desk.clones().front();
-
     storeSetting(true);
     start();
     ASSERT_TRUE(pumpUntil([&] { return service->isTrusted() && tapped() && desk.grabbed(dock); }, 10s));
     ASSERT_TRUE(desk.waitFor([&] { return desk.clones().size() == 1 + 4; }, 5s));
     EXPECT_FALSE(desk.grabbed(remote)) << "another program's virtual keyboard was taken";
     // Each twin's first events: the device's state.
-    using Events = std::vector<std::tuple<int, int, int>>;
-    const auto startOf = [&](const std::string& device) {
-        Events events;
-        for (const std::string& twin : desk.clones())
-            if (twin != remote && nameOf(twin) == nameOf(device))
-                for (const VirtualDesk::InputEvent& e : desk.forwarded(twin))
-                    events.emplace_back(e.type, e.code, e.value);
-        return events;
-    };
-    EXPECT_EQ(startOf(laptop), (Events{{EV_LED, LED_CAPSL, 1}, {EV_SYN, SYN_REPORT, 0}})) << "Caps Lock off";
-    EXPECT_EQ(startOf(dock), (Events{{EV_SW, SW_DOCK, 1}, {EV_SYN, SYN_REPORT, 0}})) << "undocked";
+    EXPECT_EQ(passedOn(laptop), (std::vector<Key>{{EV_LED, LED_CAPSL, 1}, {EV_SYN, SYN_REPORT, 0}})) << "Caps Lock off";
+    EXPECT_EQ(passedOn(dock), (std::vector<Key>{{EV_SW, SW_DOCK, 1}, {EV_SYN, SYN_REPORT, 0}})) << "undocked";
     service.reset();
     ::ioctl(other, UI_DEV_DESTROY);
     ::close(other);

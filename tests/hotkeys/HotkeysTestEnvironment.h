@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
-// Shared by the brightness keys' tests: one QApplication on Qt's offscreen platform whose screens stand where the
-// default desk's connectors do (eDP-1 0-1920, the DELL on DP-1 1920-4480, the LG on HDMI-A-1 4480-6400), settings in
-// a private directory, one private system bus for the whole run (Qt connects to the system bus once per process)
-// where lumora-keys is started on demand; and the frame every test starts from.
+// The brightness keys' tests' run: Qt's offscreen screens where the default desk's connectors stand, private settings
+// and one private system bus (Qt connects to it once per process); and the frame every test starts from.
 
 #include <QApplication>
-#include <QDir>
 #include <QFile>
 #include <QSettings>
 #include <QTemporaryDir>
+#include <sys/stat.h>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -22,8 +20,8 @@
 
 namespace LumoraTest {
 
-// The default desk's keyboards: the laptop keyboard (letters, Alt, the brightness keys), the ACPI Video Bus, an
-// external keyboard's main interface (letters, Alt; no brightness keys) and its consumer-control interface.
+// The default desk's keyboards: the laptop's (letters, Alt, brightness keys), the ACPI Video Bus, and an external
+// keyboard's main interface (letters, Alt) and consumer-control interface (brightness keys).
 inline const std::string laptop = "/dev/input/event0";
 inline const std::string videoBus = "/dev/input/event1";
 inline const std::string external = "/dev/input/event2";
@@ -44,8 +42,7 @@ struct KeysRun : ::testing::Environment {
         qputenv("QT_QPA_PLATFORM", "offscreen:configfile=" + QFile::encodeName(screens.fileName()));
         qputenv("XDG_CONFIG_HOME", QFile::encodeName(home.filePath("config")));
         qputenv("XDG_RUNTIME_DIR", QFile::encodeName(home.filePath("runtime")));
-        QDir(home.path()).mkpath("runtime");
-        QFile::setPermissions(home.filePath("runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        ::mkdir(QFile::encodeName(home.filePath("runtime")).constData(), 0700);
         bus = std::make_unique<KeyServiceBus>();
         keyBus = bus.get();
         app = std::make_unique<QApplication>(argc, argv);
@@ -68,17 +65,15 @@ inline void storeSetting(std::optional<bool> on)
     on ? settings.setValue("useF1F2ForExternalBrightness", *on) : settings.remove("useF1F2ForExternalBrightness");
 }
 
-// "/dev/input/event4" → its device's name in sysfs.
-inline std::string nameOf(const std::string& node)
-{
-    std::string name;
-    std::getline(std::ifstream("/sys/class/input/" + node.substr(node.rfind('/') + 1) + "/device/name"), name);
-    return name;
-}
+struct Key {  // an event as a twin was given it, without its time
+    std::uint16_t type, code;
+    std::int32_t value;
+    bool operator==(const Key&) const = default;
+    friend void PrintTo(const Key& k, std::ostream* out) { *out << "{" << k.type << "," << k.code << "," << k.value << "}"; }
+};
 
-// A desk of its own, the setting absent, the attach allowed. Afterwards every keyboard is given back with no twin
-// left, the service has left (so that the next test's desk gets a service of its own), this process is back in the
-// active session c1 and the desk saw no violation.
+// A desk of its own, the setting absent, the attach allowed; afterwards every keyboard given back, no twin left, the
+// service gone (the next test's desk gets one of its own), this process in the active session c1, no violation.
 class KeysTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -95,7 +90,6 @@ protected:
         EXPECT_TRUE(pumpUntil([] { return !keyBus->serviceRunning(); }, 10s));
         keyBus->place(::getpid(), "c1");
         keyBus->switchTo("c1");
-        desk.releaseAll();
         EXPECT_TRUE(desk.violations().empty());
     }
 
@@ -106,6 +100,26 @@ protected:
         return !desk.grabbed(laptop) && !desk.grabbed(videoBus) && !desk.grabbed(consumer) && desk.clones().empty();
     }
     void start() { service = std::make_unique<Lumora::HotkeyService>(*controller); }
+    // The twin that stands for a keyboard (the virtual device with its name in sysfs), and what it was given.
+    std::string cloneOf(const std::string& keyboard) const
+    {
+        const auto nameOf = [](const std::string& node) {
+            std::string name;
+            std::getline(std::ifstream("/sys/class/input/" + node.substr(node.rfind('/') + 1) + "/device/name"), name);
+            return name;
+        };
+        for (const std::string& clone : desk.clones())
+            if (clone != keyboard && nameOf(clone) == nameOf(keyboard))
+                return clone;
+        return {};
+    }
+    std::vector<Key> passedOn(const std::string& keyboard) const
+    {
+        std::vector<Key> keys;
+        for (const VirtualDesk::InputEvent& e : desk.forwarded(cloneOf(keyboard)))
+            keys.push_back({e.type, e.code, e.value});
+        return keys;
+    }
 
     VirtualDesk::Desk desk{VirtualDesk::DeskConfig::defaultDesk()};
     // No displays unless the test reads the desk's.

@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The brightness keys through lumora-keys on the virtual desk, for what the desktop end-to-end test
-// (display-in-use.sh) does not show: Alt held on another keyboard, a keyboard with a key held when it is to be taken,
-// lost events, keyboards plugged in later, a client that does not answer in time (and the keys typed behind its
-// press), and the service dying in the middle of a press. No window is focused: the cursor picks the display.
+// The brightness keys through lumora-keys on the virtual desk, for what display-in-use.sh does not show. No window
+// is focused: the cursor picks the display.
 
 #include <QCursor>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/input.h>
 #include <signal.h>
 #include <unistd.h>
@@ -24,15 +21,7 @@ const std::string dell = "card0-DP-1";
 const QPoint onDell(3000, 700);
 const QPoint onPanel(900, 600);
 
-struct Key {  // an event as the clone got it, without its time
-    std::uint16_t type, code;
-    std::int32_t value;
-    bool operator==(const Key&) const = default;
-    friend void PrintTo(const Key& k, std::ostream* out) { *out << "{" << k.type << "," << k.code << "," << k.value << "}"; }
-};
-
-// The frames the desk sends for keys on a device with scan codes, as its clone must pass them on: MSC_SCAN (any
-// value), the key, SYN_REPORT.
+// The desk's frames for `keys` as a twin must pass them on: MSC_SCAN (any value), the key, SYN_REPORT.
 ::testing::Matcher<const std::vector<Key>&> framesOf(const std::vector<std::pair<int, int>>& keys)
 {
     std::vector<::testing::Matcher<const Key&>> events;
@@ -54,21 +43,6 @@ protected:
         ASSERT_TRUE(watch.emplace(*controller).refreshAndWait());
         start();
         ASSERT_TRUE(pumpUntil([&] { return desk.clones().size() == 3 && service->isTrusted(); }, 10s));
-    }
-    // The clone that stands for a keyboard (the virtual device with its name), and what it was given.
-    std::string cloneOf(const std::string& keyboard) const
-    {
-        for (const std::string& clone : desk.clones())
-            if (nameOf(clone) == nameOf(keyboard))
-                return clone;
-        return {};
-    }
-    std::vector<Key> passedOn(const std::string& keyboard) const
-    {
-        std::vector<Key> keys;
-        for (const VirtualDesk::InputEvent& e : desk.forwarded(cloneOf(keyboard)))
-            keys.push_back({e.type, e.code, e.value});
-        return keys;
     }
     // Runs the event loop (the service decides there) until the clone of `keyboard` has `count` events; false when
     // it got fewer, or more.

@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
-// A system bus for the key service's tests and benchmarks (key-service-bus.py: a private dbus-daemon with the
-// package's policy, stand-ins for logind and polkit, lumora-keys from the build tree started by D-Bus activation),
-// and the calls the tests make to it. DBUS_SYSTEM_BUS_ADDRESS points at it while it lives. The activated service
-// must see the test's virtual desk and nothing else: useDesk() hands it the desk's preload, and the service file
-// refuses to start it without one, so a test that forgot can never reach this machine's own keyboards.
+// The system bus of key-service-bus.py for the key service's tests and benchmarks, and the calls they make to it;
+// DBUS_SYSTEM_BUS_ADDRESS points at it while it lives. The service it starts sees only the desk useDesk() hands it.
 
 #include <unistd.h>
 #include <chrono>
@@ -29,8 +26,7 @@ public:
         const std::string build = std::getenv("LUMORA_BUILD_DIR");
         previous_ = std::getenv("DBUS_SYSTEM_BUS_ADDRESS") ? std::getenv("DBUS_SYSTEM_BUS_ADDRESS") : "";
         ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + dir_ + "/bus").c_str(), 1);
-        // A busy machine may take a while to start three Python programs and a bus. The script makes DIR/ready once
-        // logind and polkit are set up.
+        // A busy machine may take a while to start it; the script makes DIR/ready once logind and polkit are set up.
         bus_ = std::make_unique<Child>(std::vector<std::string>{
             "/usr/bin/python3", source + "/tests/support/key-service-bus.py", dir_, build + "/LumoraKeys/lumora-keys",
             source + "/data/org.lumora.Keys.conf", "--idle-exit", std::to_string(idleExitSeconds)});
@@ -64,18 +60,15 @@ public:
     // place() said otherwise. addSession adds an inactive session of user 1001; switchTo is fast user switching.
     void addSession(const std::string& id)
     {
-        call(logind, "/org/freedesktop/login1", mock + "AddSession", {id, "seat0", "1001", "other", "false"});
+        call(logind, login1, mock + "AddSession", {id, "seat0", "1001", "other", "false"});
         switchTo("c1");  // adding a session makes it the seat's active one
     }
-    void place(pid_t pid, const std::string& session)
-    {
-        call(logind, "/org/freedesktop/login1", "org.freedesktop.login1.Manager.PlaceProcess", {std::to_string(pid), session});
-    }
+    void place(pid_t pid, const std::string& session) { call(logind, login1, manager + "PlaceProcess", {std::to_string(pid), session}); }
     void switchTo(const std::string& session)
     {
-        call(logind, "/org/freedesktop/login1/seat/seat0", "org.freedesktop.DBus.Properties.Set",
-             {"org.freedesktop.login1.Seat", "ActiveSession",
-              "<('" + session + "', objectpath '/org/freedesktop/login1/session/" + session + "')>"});
+        const std::string path = login1 + "/session/" + session;
+        call(logind, login1 + "/seat/seat0", "org.freedesktop.DBus.Properties.Set",
+             {"org.freedesktop.login1.Seat", "ActiveSession", "<('" + session + "', objectpath '" + path + "')>"});
     }
 
     // polkit: whether it allows the attach (to everybody, as allow_active does for the active session), and the
@@ -104,6 +97,8 @@ private:
     static constexpr const char* polkit = "org.freedesktop.PolicyKit1";
     static constexpr const char* authority = "/org/freedesktop/PolicyKit1/Authority";
     inline static const std::string mock = "org.freedesktop.DBus.Mock.";
+    inline static const std::string login1 = "/org/freedesktop/login1";
+    inline static const std::string manager = "org.freedesktop.login1.Manager.";
 
     static ProcessResult gdbus(const std::string& dest, const std::string& path, const std::string& method,
                                const std::vector<std::string>& args = {})

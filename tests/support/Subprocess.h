@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
-// Child processes of the tests: a program run to completion with a deadline (runProcess), or a helper that lives as
-// long as the test needs it (Child: a private D-Bus daemon, a python-dbusmock service). Either runs in a process
-// group of its own, dies with the test (PR_SET_PDEATHSIG) and is always reaped.
+// The tests' child processes: a program run to completion with a deadline (runProcess), or a helper living as long as
+// the test needs it (Child). Each runs in a process group of its own, dies with the test and is always reaped.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -28,14 +27,13 @@ namespace LumoraTest {
 struct ProcessResult {
     bool timedOut = false;
     int exitStatus = -1;  // -1 when it did not exit normally
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 // Entries added to (or overriding) this process's environment; an absent value removes one.
 using Environment = std::map<std::string, std::optional<std::string>>;
 
-// Starts argv[0] with its standard output and error on `out` and `err` (-1: this process's).
+// Starts argv[0] with its standard output and error on `out` and `err`.
 inline pid_t spawn(std::vector<std::string> argv, const Environment& environment, int out, int err)
 {
     std::vector<std::string> entries;
@@ -60,10 +58,8 @@ inline pid_t spawn(std::vector<std::string> argv, const Environment& environment
     if (pid == 0) {  // async-signal-safe calls only until exec
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::setpgid(0, 0);
-        if (out >= 0)
-            ::dup2(out, STDOUT_FILENO);
-        if (err >= 0)
-            ::dup2(err, STDERR_FILENO);
+        ::dup2(out, STDOUT_FILENO);
+        ::dup2(err, STDERR_FILENO);
         ::execve(argp[0], argp.data(), envp.data());
         ::_exit(127);
     }
@@ -119,7 +115,7 @@ struct Child {
         int out[2];
         EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
         const int sink = awaitOutput ? out[1] : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        pid = spawn(argv, {{"LD_PRELOAD", std::nullopt}}, sink, -1);
+        pid = spawn(argv, {{"LD_PRELOAD", std::nullopt}}, sink, STDERR_FILENO);
         if (sink != out[1])
             ::close(sink);
         ::close(out[1]);

@@ -36,8 +36,7 @@ def main():
 <servicedir>{work}/services</servicedir>
 <policy context="default"><deny own="*"/><deny send_type="method_call"/><allow send_type="signal"/>
  <allow send_requested_reply="true" send_type="method_return"/><allow send_requested_reply="true" send_type="error"/>
- <allow receive_type="method_call"/><allow receive_type="method_return"/><allow receive_type="error"/>
- <allow receive_type="signal"/>
+ <allow receive_type="method_call"/><allow receive_type="method_return"/><allow receive_type="error"/><allow receive_type="signal"/>
  <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
  <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Introspectable"/>
  <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Properties"/></policy>

@@ -84,7 +84,6 @@ public:
     }
     void forgetAuthorizationChecks() { call(polkit, authority, mock + "ClearCalls", {}); }
 
-    // Whether lumora-keys is on the bus now.
     bool serviceRunning() const
     {
         return gdbus(bus, "/org/freedesktop/DBus", bus + std::string(".NameHasOwner"), {"org.lumora.Keys"}).out.find("true") !=

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
-// The tests' child processes: a program run to completion with a deadline (runProcess), or a helper living as long as
-// the test needs it (Child). Each runs in a process group of its own, dies with the test and is always reaped.
+// The tests' child processes, each in a process group of its own and always reaped: a program run to completion with a
+// deadline (runProcess), or a helper living as long as the test needs it (Child). Spawned: forking stalls sanitizers.
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <cerrno>
@@ -45,25 +45,24 @@ inline pid_t spawn(std::vector<std::string> argv, const Environment& environment
     for (const auto& [name, value] : environment)
         if (value)
             entries.push_back(name + "=" + *value);
-    std::vector<char*> envp, argp;
+    std::vector<char*> envp{nullptr}, argp{nullptr};  // each ends with a null pointer
     for (std::string& s : entries)
-        envp.push_back(s.data());
+        envp.insert(envp.end() - 1, s.data());
     for (std::string& s : argv)
-        argp.push_back(s.data());
-    envp.push_back(nullptr);
-    argp.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid < 0)
-        throw std::system_error(errno, std::generic_category(), "fork");
-    if (pid == 0) {  // async-signal-safe calls only until exec
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        ::setpgid(0, 0);
-        ::dup2(out, STDOUT_FILENO);
-        ::dup2(err, STDERR_FILENO);
-        ::execve(argp[0], argp.data(), envp.data());
-        ::_exit(127);
-    }
-    ::setpgid(pid, pid);  // as the child does: whichever runs first, the group is there before it is signalled
+        argp.insert(argp.end() - 1, s.data());
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+    pid_t pid = -1;
+    const int failed = ::posix_spawn(&pid, argp[0], &actions, &attributes, argp.data(), envp.data());
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    if (failed)
+        throw std::system_error(failed, std::generic_category(), "cannot start " + argv[0]);
     return pid;
 }
 
@@ -105,8 +104,8 @@ inline ProcessResult runProcess(std::vector<std::string> argv, const Environment
     return result;
 }
 
-// A helper program without umockdev's preload, its standard output discarded; killed and reaped when dropped. With
-// `awaitOutput` the constructor returns once the child has printed something (bounded wait).
+// A helper program without umockdev's preload, its output discarded, dying with the test (setpriv's parent-death
+// signal), killed when dropped. With `awaitOutput` the constructor returns once it has printed something (bounded).
 struct Child {
     pid_t pid;
     explicit Child(std::vector<std::string> argv, bool awaitOutput = false,
@@ -115,7 +114,9 @@ struct Child {
         int out[2];
         EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
         const int sink = awaitOutput ? out[1] : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        pid = spawn(argv, {{"LD_PRELOAD", std::nullopt}}, sink, STDERR_FILENO);
+        std::vector<std::string> command{"/usr/bin/setpriv", "--pdeathsig", "KILL", "--"};
+        command.insert(command.end(), argv.begin(), argv.end());
+        pid = spawn(command, {{"LD_PRELOAD", std::nullopt}}, sink, STDERR_FILENO);
         if (sink != out[1])
             ::close(sink);
         ::close(out[1]);

@@ -14,7 +14,6 @@
 #include "Lumora/DDC/DisplayServices.h"
 #include "Lumora/DDC/InternalBackend.h"
 #include "Lumora/Platform/Linux/Backlight.h"
-#include "support/ChildProcess.h"
 #include "support/Subprocess.h"
 
 using namespace Lumora;

@@ -1,13 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The display in use from what each compositor answers, as it answers it: recorded from sway 1.7, KWin 5.27 and
-// GNOME Shell 43 running headless (two outputs, one scaled and at a negative position where the compositor allows
-// it); Hyprland's follow its documented IPC. Each is read as Lumora reads it, brought into one space, matched to the
-// connectors by name, and decided by the resolver.
+// The display in use from each compositor's answers as recorded from sway 1.7, KWin 5.27 and GNOME Shell 43 headless
+// (Hyprland's from its documented IPC), read, brought into one space, matched by name and resolved as Lumora does.
 
 #include <gtest/gtest.h>
-
-#include <functional>
-
 #include "Lumora/Platform/Linux/Desktop/DesktopInputs.h"
 #include "Lumora/Platform/Linux/Desktop/GnomeShellDesktop.h"
 #include "Lumora/Platform/Linux/Desktop/HyprlandDesktop.h"
@@ -51,11 +46,9 @@ const QByteArray hyprMonitors = R"([
  {"id": 1, "name": "HDMI-A-1", "make": "LG", "model": "LG HDR 4K", "serial": "", "width": 1920, "height": 1080,
   "x": -1080, "y": -300, "scale": 1.00, "transform": 1, "focused": true, "disabled": false}])";
 const QByteArray hyprWindowOnDP1 = R"({"address": "0x1", "mapped": true, "at": [-200, 100], "size": [1200, 800]})";
-const QByteArray hyprNoWindow = "{}";
 const QByteArray hyprCursorOnHDMI = R"({"x": -500, "y": 900})";
 
-// GNOME Shell 43 headless: Meta-0 and Meta-1 side by side in the physical layout (layout-mode 2), and what the
-// extension answered with a terminal focused on Meta-0 and the pointer on Meta-1.
+// GNOME Shell 43 headless: Meta-0 and Meta-1 side by side, in the physical layout (layout-mode 2) or the logical one.
 GnomeShellDesktop::State gnome(bool physical, double scale)
 {
     return {{{"Meta-0", "MetaVendor", "MetaVirtualMonitor", "0x00", 1280, 800},
@@ -68,30 +61,26 @@ GnomeShellDesktop::State gnome(bool physical, double scale)
 
 TEST(CompositorAnswers, TheDisplayInUseFromWhatEachCompositorSays)
 {
-    const struct {
-        const char* what;
-        std::function<CompositorAnswers()> answers;
-        const char* inUse;  // the connector chosen
-    } cases[] = {
+    const struct { const char* what; CompositorAnswers answers; const char* inUse; /* the connector chosen */ } cases[] = {
         {"sway: the focused window, mostly on the scaled output at a negative position",
-         [] { return SwayDesktop::answers(swayOutputs, swayTree); }, "HEADLESS-2"},
-        {"sway: no window focused: the focused output", [] { return SwayDesktop::answers(swayOutputsFocusOnOne, swayTreeNoWindow); },
+         SwayDesktop::answers(swayOutputs, swayTree), "HEADLESS-2"},
+        {"sway: no window focused: the focused output", SwayDesktop::answers(swayOutputsFocusOnOne, swayTreeNoWindow),
          "HEADLESS-1"},
         {"Hyprland: the window, on DP-1 at scale 1.5 (2560 logical wide)",
-         [] { return HyprlandDesktop::answers(hyprMonitors, hyprWindowOnDP1, hyprCursorOnHDMI); }, "DP-1"},
+         HyprlandDesktop::answers(hyprMonitors, hyprWindowOnDP1, hyprCursorOnHDMI), "DP-1"},
         {"Hyprland: no window: the pointer, on the quarter-turned HDMI-A-1 (1080 x 1920 logical)",
-         [] { return HyprlandDesktop::answers(hyprMonitors, hyprNoWindow, hyprCursorOnHDMI); }, "HDMI-A-1"},
+         HyprlandDesktop::answers(hyprMonitors, "{}", hyprCursorOnHDMI), "HDMI-A-1"},
         {"Hyprland: no window, no pointer: the focused monitor",
-         [] { return HyprlandDesktop::answers(hyprMonitors, hyprNoWindow, ""); }, "HDMI-A-1"},
+         HyprlandDesktop::answers(hyprMonitors, "{}", ""), "HDMI-A-1"},
         {"GNOME: the extension's window on Meta-0",
-         [] { return GnomeShellDesktop::answers(gnome(true, 1), Rect{268, 145, 742, 427}, Point{1500, 300}); }, "Meta-0"},
-        {"GNOME: no window: the pointer on Meta-1", [] { return GnomeShellDesktop::answers(gnome(true, 1), {}, Point{1500, 300}); },
+         GnomeShellDesktop::answers(gnome(true, 1), Rect{268, 145, 742, 427}, Point{1500, 300}), "Meta-0"},
+        {"GNOME: no window: the pointer on Meta-1", GnomeShellDesktop::answers(gnome(true, 1), {}, Point{1500, 300}),
          "Meta-1"},
         {"GNOME at scale 2 in the logical layout: Meta-1 begins at 640",
-         [] { return GnomeShellDesktop::answers(gnome(false, 2), {}, Point{700, 300}); }, "Meta-1"},
+         GnomeShellDesktop::answers(gnome(false, 2), {}, Point{700, 300}), "Meta-1"},
     };
     for (const auto& c : cases) {
-        const DesktopView view = DesktopLayout::view(c.answers());
+        const DesktopView view = DesktopLayout::view(c.answers);
         // The connectors named as the compositor names its outputs, each a display numbered by its place.
         std::vector<ConnectorIdentity> connectors;
         for (const ScreenIdentity& screen : view.screens)
@@ -110,13 +99,7 @@ TEST(CompositorAnswers, TheDisplayInUseFromWhatEachCompositorSays)
 
 TEST(CompositorAnswers, TheDesktopIsChosenFromWhatTheSessionSays)
 {
-    const struct {
-        const char* swaySocket;
-        const char* hyprland;
-        const char* currentDesktop;
-        bool wayland;
-        const char* chosen;
-    } cases[] = {
+    const struct { const char *swaySocket, *hyprland, *currentDesktop; bool wayland; const char* chosen; } cases[] = {
         {"/run/user/1000/sway-ipc.1000.42.sock", "", "sway", true, "sway"},
         {"", "v0.40_1700000000", "Hyprland", true, "Hyprland"},
         {"", "", "KDE", true, "KWin"},
@@ -143,22 +126,11 @@ TEST(CompositorAnswers, KWinsOutputsAndTheScriptsWindow)
         "Compositing\n===========\nCompositing is active\nGeometry: 1,2,3x4\n");
     const std::vector<CompositorOutput> outputs = KWinDesktop::outputs(supportInformation);
     ASSERT_EQ(outputs.size(), 2u);
-    EXPECT_EQ(outputs[0].name, "Virtual-0");
-    EXPECT_EQ(outputs[0].area, (Rect{0, 0, 2560, 800}));
-    EXPECT_EQ(outputs[1].name, "Virtual-1");
-    EXPECT_EQ(outputs[1].area, (Rect{2560, 0, 2560, 800}));
+    EXPECT_TRUE(outputs[0].name == "Virtual-0" && outputs[0].area == (Rect{0, 0, 2560, 800})) << outputs[0].name;
+    EXPECT_TRUE(outputs[1].name == "Virtual-1" && outputs[1].area == (Rect{2560, 0, 2560, 800})) << outputs[1].name;
 
-    const struct {
-        const char* report;
-        std::optional<Rect> window;
-    } reports[] = {
-        {"2760 200 1480 520", Rect{2760, 200, 1480, 520}},
-        {"-300.5 -20 640 480", Rect{-300.5, -20, 640, 480}},
-        {"none", std::nullopt},
-        {"10 10 0 480", std::nullopt},
-        {"10 10 640", std::nullopt},
-        {"a b c d", std::nullopt},
-    };
-    for (const auto& r : reports)
-        EXPECT_EQ(KWinDesktop::window(QString::fromLatin1(r.report)), r.window) << r.report;
+    EXPECT_EQ(KWinDesktop::window("2760 200 1480 520"), (Rect{2760, 200, 1480, 520}));
+    EXPECT_EQ(KWinDesktop::window("-300.5 -20 640 480"), (Rect{-300.5, -20, 640, 480}));
+    for (const char* refused : {"none", "10 10 0 480", "10 10 640", "a b c d"})
+        EXPECT_EQ(KWinDesktop::window(QString::fromLatin1(refused)), std::nullopt) << refused;
 }

@@ -1,77 +1,22 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The brightness keys' service as a state machine over the stored setting and the key service's answer (polkit's
-// authorization, logind's active session): off, waiting for permission, active (the keyboards taken by
-// lumora-keys); what a launch and a switch store and publish, the keys following the active session, which devices
-// are taken and the state their twins start in. (The grant from polkit, half a second later: display-in-use.sh.)
-
-#include <gtest/gtest.h>
+// The brightness keys' service over the stored setting, polkit and logind's active session: what a launch and a
+// switch store and publish, which devices are taken and how their twins start. (A later grant: display-in-use.sh.)
 
 #include <fcntl.h>
 #include <linux/uinput.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
-
 #include <cstring>
-#include <tuple>
-
 #include "HotkeysTestEnvironment.h"
-#include "Lumora/App/DisplayController.h"
-#include "Lumora/Hotkeys/HotkeyService.h"
 
 using namespace LumoraTest;
 using Lumora::HotkeyService;
 using Log = std::vector<std::string>;
-
-namespace {
-
-class HotkeyServiceStates : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        storeSetting(std::nullopt);
-        keyBus->useDesk();
-        keyBus->allow(true);
-        keyBus->forgetAuthorizationChecks();
-    }
-    void TearDown() override
-    {
-        EXPECT_TRUE(desk.waitFor([&] { return untapped(); }, 5s)) << "the keyboards outlived the test";
-        // The service leaves once idle, so that the next test's desk gets a service of its own.
-        EXPECT_TRUE(pumpUntil([] { return !keyBus->serviceRunning(); }, 10s));
-        keyBus->place(::getpid(), "c1");
-        keyBus->switchTo("c1");
-        EXPECT_TRUE(desk.violations().empty());
-    }
-
-    bool tapped() const { return LumoraTest::tapped(desk); }
-    bool untapped() const { return released(desk); }
-
-    // Every assignment of a published field, in order: "will" before it, then the field and its value.
-    struct Record {
-        explicit Record(HotkeyService& service)
-        {
-            QObject::connect(&service, &HotkeyService::objectWillChange, [this] { log.push_back("will"); });
-            QObject::connect(&service, &HotkeyService::isEnabledChanged,
-                             [this](bool on) { log.push_back(on ? "enabled" : "disabled"); });
-            QObject::connect(&service, &HotkeyService::isTrustedChanged,
-                             [this](bool on) { log.push_back(on ? "trusted" : "untrusted"); });
-        }
-        Log log;
-    };
-
-    VirtualDesk::Desk desk{VirtualDesk::DeskConfig::defaultDesk()};
-    Lumora::DisplayController controller{[] { return std::vector<Lumora::DisplayInfo>{}; }};
-};
-
-}  // namespace
+using HotkeyServiceStates = KeysTest;
 
 TEST_F(HotkeyServiceStates, LaunchReadsTheSettingAndNeverLetsPolkitAsk)
 {
-    const struct {
-        const char* what;
-        std::optional<bool> stored;
-        bool allowed, trusted;
-    } cases[] = {
+    const struct { const char* what; std::optional<bool> stored; bool allowed, trusted; } cases[] = {
         {"nothing stored", std::nullopt, true, false},
         {"stored off", false, true, false},
         {"stored on, allowed: active", true, true, true},
@@ -81,15 +26,14 @@ TEST_F(HotkeyServiceStates, LaunchReadsTheSettingAndNeverLetsPolkitAsk)
         SCOPED_TRACE(c.what);
         storeSetting(c.stored);
         keyBus->allow(c.allowed);
-        {
-            HotkeyService service(controller);
-            EXPECT_EQ(service.isEnabled(), c.stored.value_or(false));
-            pumpUntil([&] { return service.isTrusted() && tapped(); }, c.trusted ? 10s : 1s);
-            EXPECT_EQ(service.isTrusted(), c.trusted);
-            EXPECT_EQ(tapped(), c.trusted);
-            EXPECT_EQ(desk.openCount(external), 0) << "a keyboard without brightness keys is only looked at for Alt";
-        }
-        EXPECT_TRUE(desk.waitFor([&] { return untapped(); }, 5s)) << "the keys go with the service";
+        start();
+        EXPECT_EQ(service->isEnabled(), c.stored.value_or(false));
+        pumpUntil([&] { return service->isTrusted() && tapped(); }, c.trusted ? 10s : 1s);
+        EXPECT_EQ(service->isTrusted(), c.trusted);
+        EXPECT_EQ(tapped(), c.trusted);
+        EXPECT_EQ(desk.openCount(external), 0) << "a keyboard without brightness keys is only looked at for Alt";
+        service.reset();
+        EXPECT_TRUE(desk.waitFor([&] { return released(); }, 5s)) << "the keys go with the service";
     }
     for (bool interactive : keyBus->authorizationChecks())
         EXPECT_FALSE(interactive) << "a launch let polkit ask for a password";
@@ -97,22 +41,24 @@ TEST_F(HotkeyServiceStates, LaunchReadsTheSettingAndNeverLetsPolkitAsk)
 
 TEST_F(HotkeyServiceStates, SwitchingOnAndOff)
 {
-    HotkeyService service(controller);
-    service.setEnabled(true);
-    ASSERT_TRUE(pumpUntil([&] { return service.isTrusted() && tapped(); }, 10s));
+    start();
+    service->setEnabled(true);
+    ASSERT_TRUE(pumpUntil([&] { return service->isTrusted() && tapped(); }, 10s));
     const std::vector<std::string> clones = desk.clones();
-    Record record(service);
-    service.setEnabled(true);
+    // Every assignment of a published field, in order: "will" before it, then the field and its value.
+    Log log;
+    QObject::connect(service.get(), &HotkeyService::objectWillChange, [&] { log.push_back("will"); });
+    QObject::connect(service.get(), &HotkeyService::isEnabledChanged, [&](bool on) { log.push_back(on ? "enabled" : "disabled"); });
+    QObject::connect(service.get(), &HotkeyService::isTrustedChanged, [&](bool on) { log.push_back(on ? "trusted" : "untrusted"); });
+    service->setEnabled(true);
     pumpUntil([] { return false; }, 300ms);
     EXPECT_EQ(desk.clones(), clones) << "a second switch on keeps the one attachment";
-
-    service.setEnabled(false);
-    EXPECT_EQ(storedSetting(), QStringLiteral("false"));
-    EXPECT_FALSE(service.isTrusted()) << "off: the keys are given back";
-    EXPECT_TRUE(desk.waitFor([&] { return untapped(); }, 5s));
+    service->setEnabled(false);
+    EXPECT_FALSE(service->isTrusted()) << "off: the keys are given back";
+    EXPECT_TRUE(desk.waitFor([&] { return released(); }, 5s));
     // Every switch assigns both fields again, equal values included.
-    EXPECT_EQ(record.log, (Log{"will", "enabled", "will", "trusted", "will", "disabled", "will", "untrusted"}));
-    EXPECT_FALSE(HotkeyService(controller).isEnabled()) << "the next launch starts from what was stored";
+    EXPECT_EQ(log, (Log{"will", "enabled", "will", "trusted", "will", "disabled", "will", "untrusted"}));
+    EXPECT_FALSE(HotkeyService(*controller).isEnabled()) << "the next launch starts from what was stored";
 }
 
 TEST_F(HotkeyServiceStates, TheKeysFollowTheActiveSession)
@@ -120,25 +66,23 @@ TEST_F(HotkeyServiceStates, TheKeysFollowTheActiveSession)
     storeSetting(true);
     keyBus->addSession("c2");
     keyBus->place(::getpid(), "c2");  // this Lumora runs in c2, while c1 is the active session
-    HotkeyService service(controller);
+    start();
     pumpUntil([] { return false; }, 1s);
-    EXPECT_FALSE(service.isTrusted()) << "a Lumora of an inactive session got the keys";
-    EXPECT_TRUE(untapped());
-
+    EXPECT_FALSE(service->isTrusted()) << "a Lumora of an inactive session got the keys";
+    EXPECT_TRUE(released());
     keyBus->switchTo("c2");  // fast user switching to this Lumora's session: the keys come to it
-    ASSERT_TRUE(pumpUntil([&] { return service.isTrusted() && tapped(); }, 10s));
-
+    ASSERT_TRUE(pumpUntil([&] { return service->isTrusted() && tapped(); }, 10s));
     keyBus->switchTo("c1");  // and back: the session that left loses them at once
-    ASSERT_TRUE(pumpUntil([&] { return !service.isTrusted(); }, 10s));
-    EXPECT_TRUE(desk.waitFor([&] { return untapped(); }, 5s)) << "nobody of the active session wants them";
+    ASSERT_TRUE(pumpUntil([&] { return !service->isTrusted(); }, 10s));
+    EXPECT_TRUE(desk.waitFor([&] { return released(); }, 5s)) << "nobody of the active session wants them";
     pumpUntil([] { return false; }, 1s);
-    EXPECT_FALSE(service.isTrusted()) << "the look after the switch attached again";
+    EXPECT_FALSE(service->isTrusted()) << "the look after the switch attached again";
 }
 
 TEST_F(HotkeyServiceStates, TwinsStartInTheDevicesStateAndOtherProgramsVirtualKeyboardsAreLeftAlone)
 {
-    // Caps Lock is lit on the laptop keyboard (the desktop set it through the keyboard's node), and a hotkey device
-    // that also reports docking says docked: a twin that started open would hide the next undocking from logind.
+    // Caps Lock lit on the laptop keyboard (by the desktop, through its node), and a hotkey device that says docked: a
+    // twin that started open would hide the next undocking from logind.
     const int keyboard = ::open(laptop.c_str(), O_WRONLY | O_CLOEXEC);
     const input_event light[] = {{{}, EV_LED, LED_CAPSL, 1}, {{}, EV_SYN, SYN_REPORT, 0}};
     ASSERT_EQ(::write(keyboard, light, sizeof light), ssize_t(sizeof light));
@@ -156,24 +100,15 @@ TEST_F(HotkeyServiceStates, TwinsStartInTheDevicesStateAndOtherProgramsVirtualKe
     ASSERT_EQ(::ioctl(other, UI_DEV_SETUP, &setup) + ::ioctl(other, UI_DEV_CREATE), 0);
     ASSERT_TRUE(desk.waitFor([&] { return desk.clones().size() == 1; }, 5s));
     const std::string remote = desk.clones().front();
-
     storeSetting(true);
-    HotkeyService service(controller);
-    ASSERT_TRUE(pumpUntil([&] { return service.isTrusted() && tapped() && desk.grabbed(dock); }, 10s));
+    start();
+    ASSERT_TRUE(pumpUntil([&] { return service->isTrusted() && tapped() && desk.grabbed(dock); }, 10s));
     ASSERT_TRUE(desk.waitFor([&] { return desk.clones().size() == 1 + 4; }, 5s));
     EXPECT_FALSE(desk.grabbed(remote)) << "another program's virtual keyboard was taken";
     // Each twin's first events: the device's state.
-    using Events = std::vector<std::tuple<int, int, int>>;
-    const auto startOf = [&](const std::string& device) {
-        Events events;
-        for (const std::string& twin : desk.clones())
-            if (twin != remote && nameOf(twin) == nameOf(device))
-                for (const VirtualDesk::InputEvent& e : desk.forwarded(twin))
-                    events.emplace_back(e.type, e.code, e.value);
-        return events;
-    };
-    EXPECT_EQ(startOf(laptop), (Events{{EV_LED, LED_CAPSL, 1}, {EV_SYN, SYN_REPORT, 0}})) << "Caps Lock off";
-    EXPECT_EQ(startOf(dock), (Events{{EV_SW, SW_DOCK, 1}, {EV_SYN, SYN_REPORT, 0}})) << "undocked";
+    EXPECT_EQ(passedOn(laptop), (std::vector<Key>{{EV_LED, LED_CAPSL, 1}, {EV_SYN, SYN_REPORT, 0}})) << "Caps Lock off";
+    EXPECT_EQ(passedOn(dock), (std::vector<Key>{{EV_SW, SW_DOCK, 1}, {EV_SYN, SYN_REPORT, 0}})) << "undocked";
+    service.reset();
     ::ioctl(other, UI_DEV_DESTROY);
     ::close(other);
 }

@@ -6,14 +6,11 @@
 #include <QEventLoop>
 #include <QObject>
 #include <QTimer>
-
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <ostream>
-
 #include <gtest/gtest.h>
-
 #include "Lumora/App/DisplayController.h"
 
 namespace Lumora {
@@ -34,8 +31,7 @@ using namespace std::chrono_literals;
 // the event dispatcher, so work that the controller's queues hand back to the main thread runs as it arrives.
 inline bool pumpUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = 10s)
 {
-    const QDeadlineTimer deadline(timeout);
-    while (!done()) {
+    for (const QDeadlineTimer deadline(timeout); !done();) {
         if (deadline.hasExpired())
             return false;
         QEventLoop idle;
@@ -47,10 +43,9 @@ inline bool pumpUntil(const std::function<bool()>& done, std::chrono::millisecon
 
 inline const Lumora::DisplaySnapshot* find(const Lumora::DisplayController& controller, std::uint32_t id)
 {
-    for (const Lumora::DisplaySnapshot& snapshot : controller.displays()) {
+    for (const Lumora::DisplaySnapshot& snapshot : controller.displays())
         if (snapshot.id == id)
             return &snapshot;
-    }
     return nullptr;
 }
 

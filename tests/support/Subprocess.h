@@ -1,21 +1,24 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
-// Runs a program to completion with a deadline, capturing its standard output and standard error.
-// The child is always reaped; on the deadline it is killed (its whole process group) and reported as timed out.
+// The tests' child processes, each in a process group of its own and always reaped: a program run to completion with a
+// deadline (runProcess), or a helper living as long as the test needs it (Child). Spawned: forking stalls sanitizers.
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
 #include <cerrno>
 #include <chrono>
 #include <map>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
+#include <gtest/gtest.h>
 
 extern char** environ;
 
@@ -24,93 +27,111 @@ namespace LumoraTest {
 struct ProcessResult {
     bool timedOut = false;
     int exitStatus = -1;  // -1 when it did not exit normally
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
+// Entries added to (or overriding) this process's environment; an absent value removes one.
 using Environment = std::map<std::string, std::optional<std::string>>;
 
-// `environment` entries are added to (and override) this process's environment; an absent value removes one.
-inline ProcessResult runProcess(std::vector<std::string> argv, const Environment& environment,
-                                std::chrono::milliseconds timeout)
+// Starts argv[0] with its standard output and error on `out` and `err`.
+inline pid_t spawn(std::vector<std::string> argv, const Environment& environment, int out, int err)
 {
-    std::map<std::string, std::string> env;
+    std::vector<std::string> entries;
     for (char** e = environ; *e; ++e) {
         const std::string entry = *e;
-        if (const std::size_t eq = entry.find('='); eq != std::string::npos)
-            env[entry.substr(0, eq)] = entry.substr(eq + 1);
+        if (!environment.contains(entry.substr(0, entry.find('='))))
+            entries.push_back(entry);
     }
     for (const auto& [name, value] : environment)
-        value ? void(env[name] = *value) : void(env.erase(name));
-    std::vector<std::string> envStrings;
-    for (const auto& [name, value] : env)
-        envStrings.push_back(name + "=" + value);
-    std::vector<char*> envp, argp;
-    for (std::string& s : envStrings)
-        envp.push_back(s.data());
+        if (value)
+            entries.push_back(name + "=" + *value);
+    std::vector<char*> envp{nullptr}, argp{nullptr};  // each ends with a null pointer
+    for (std::string& s : entries)
+        envp.insert(envp.end() - 1, s.data());
     for (std::string& s : argv)
-        argp.push_back(s.data());
-    envp.push_back(nullptr);
-    argp.push_back(nullptr);
-
-    ProcessResult result;
-    int outPipe[2], errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
-        return result;
+        argp.insert(argp.end() - 1, s.data());
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
-    posix_spawnattr_setpgroup(&attributes, 0);
     pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, argp[0], &actions, &attributes, argp.data(), envp.data());
+    const int failed = ::posix_spawn(&pid, argp[0], &actions, &attributes, argp.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
-    close(outPipe[1]);
-    close(errPipe[1]);
-    pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-    if (spawned != 0) {
-        close(outPipe[0]);
-        close(errPipe[0]);
-        result.err = "cannot start " + argv[0];
-        return result;
-    }
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (int open = 2; open > 0;) {
+    if (failed)
+        throw std::system_error(failed, std::generic_category(), "cannot start " + argv[0]);
+    return pid;
+}
+
+// poll() until `deadline`, going on after a signal (a sanitizer's own, a child's end): 0 when the time is up.
+inline int pollUntil(pollfd* fds, nfds_t count, std::chrono::steady_clock::time_point deadline)
+{
+    for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
-            result.timedOut = true;
-            kill(-pid, SIGKILL);
-            break;
-        }
-        if (poll(fds, 2, static_cast<int>(left.count())) < 0 && errno != EINTR)
-            break;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR)))
-                continue;
-            char buffer[4096];
-            const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-            if (n > 0) {
-                (i == 0 ? result.out : result.err).append(buffer, static_cast<std::size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-            }
-        }
+        if (left.count() <= 0)
+            return 0;
+        const int ready = ::poll(fds, count, int(left.count()));
+        if (ready >= 0 || errno != EINTR)
+            return ready;
     }
-    for (const pollfd& f : fds) {
-        if (f.fd >= 0)
-            close(f.fd);
-    }
+}
+
+// Runs a program to completion, capturing its output; on the deadline its process group is killed.
+inline ProcessResult runProcess(std::vector<std::string> argv, const Environment& environment,
+                                std::chrono::milliseconds timeout)
+{
+    ProcessResult result;
+    const int out = ::memfd_create("out", MFD_CLOEXEC), err = ::memfd_create("err", MFD_CLOEXEC);
+    const pid_t pid = spawn(argv, environment, out, err);
+    pollfd exited{int(::syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
+    result.timedOut = pollUntil(&exited, 1, std::chrono::steady_clock::now() + timeout) == 0;
+    if (result.timedOut)
+        ::kill(-pid, SIGKILL);
     int status = 0;
-    waitpid(pid, &status, 0);
+    ::waitpid(pid, &status, 0);
     if (!result.timedOut && WIFEXITED(status))
         result.exitStatus = WEXITSTATUS(status);
+    for (const auto& [fd, text] : {std::pair{out, &result.out}, std::pair{err, &result.err}}) {
+        char buffer[4096];
+        for (ssize_t n; (n = ::pread(fd, buffer, sizeof buffer, off_t(text->size()))) > 0;)
+            text->append(buffer, std::size_t(n));
+        ::close(fd);
+    }
+    ::close(exited.fd);
     return result;
 }
+
+// A helper program without umockdev's preload, its output discarded, dying with the test (setpriv's parent-death
+// signal), killed when dropped. With `awaitOutput` the constructor returns once it has printed something (bounded).
+struct Child {
+    pid_t pid;
+    explicit Child(std::vector<std::string> argv, bool awaitOutput = false,
+                   std::chrono::milliseconds awaitFor = std::chrono::seconds(20))
+    {
+        int out[2];
+        EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
+        const int sink = awaitOutput ? out[1] : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        std::vector<std::string> command{"/usr/bin/setpriv", "--pdeathsig", "KILL", "--"};
+        command.insert(command.end(), argv.begin(), argv.end());
+        pid = spawn(command, {{"LD_PRELOAD", std::nullopt}}, sink, STDERR_FILENO);
+        if (sink != out[1])
+            ::close(sink);
+        ::close(out[1]);
+        pollfd p{out[0], POLLIN, 0};
+        EXPECT_TRUE(!awaitOutput || pollUntil(&p, 1, std::chrono::steady_clock::now() + awaitFor) == 1)
+            << argv[0] << " printed nothing";
+        ::close(out[0]);
+    }
+    ~Child()
+    {
+        ::kill(-pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+};
 
 }  // namespace LumoraTest

@@ -4,11 +4,11 @@
 
     key-service-bus.py DIR LUMORA_KEYS POLICY [--idle-exit SECONDS] [--refuse]
 
-A private dbus-daemon on DIR/bus with the system bus's own rules and the package's POLICY, python-dbusmock's logind
-(seat0, active session c1 of user 1000; GetSessionByPID answers c1 unless PlaceProcess(pid, session) said otherwise)
-and polkitd (org.lumora.keys.attach allowed unless --refuse), and LUMORA_KEYS activatable as org.lumora.Keys, which
-refuses to start without a virtual desk (UMOCKDEV_DIR) so that it never reaches this machine's own keyboards. Prints
-the bus address once all is up (and makes DIR/ready) and serves until terminated; its children die with it (PR_SET_PDEATHSIG).
+A private dbus-daemon on DIR/bus with the system bus's rules and the package's POLICY, python-dbusmock's logind (seat0,
+active session c1 of user 1000; GetSessionByPID answers c1 unless PlaceProcess(pid, session) said otherwise) and
+polkitd (org.lumora.keys.attach allowed unless --refuse), and LUMORA_KEYS activatable as org.lumora.Keys, only on a
+virtual desk (UMOCKDEV_DIR). Prints the bus address once all is up (and makes DIR/ready) and serves until terminated;
+its children die with it.
 """
 import ctypes
 import os
@@ -19,20 +19,14 @@ import time
 
 import dbus
 
-ACTION = "org.lumora.keys.attach"
-
-
 def dies_with_us():
     ctypes.CDLL(None, use_errno=True).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
 
 
 def main():
     args = sys.argv[1:]
-    if len(args) < 3:
-        sys.exit(__doc__)
-    work, keys, policy = args[:3]
+    work, keys, policy = args[:3] if len(args) >= 3 else sys.exit(__doc__)
     idle = args[args.index("--idle-exit") + 1] if "--idle-exit" in args else "0.5"
-    refuse = "--refuse" in args
     os.makedirs(work + "/services", exist_ok=True)
     with open(work + "/services/org.lumora.Keys.service", "w") as f:
         f.write("[D-BUS Service]\nName=org.lumora.Keys\n"
@@ -42,8 +36,7 @@ def main():
 <servicedir>{work}/services</servicedir>
 <policy context="default"><deny own="*"/><deny send_type="method_call"/><allow send_type="signal"/>
  <allow send_requested_reply="true" send_type="method_return"/><allow send_requested_reply="true" send_type="error"/>
- <allow receive_type="method_call"/><allow receive_type="method_return"/><allow receive_type="error"/>
- <allow receive_type="signal"/>
+ <allow receive_type="method_call"/><allow receive_type="method_return"/><allow receive_type="error"/><allow receive_type="signal"/>
  <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
  <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Introspectable"/>
  <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Properties"/></policy>
@@ -56,7 +49,6 @@ def main():
     # Nothing of theirs goes to our standard output, which the caller may stop reading once the address is out.
     children = [subprocess.Popen(["dbus-daemon", "--nofork", "--config-file=" + work + "/bus.conf"],
                                  stdout=subprocess.DEVNULL, preexec_fn=dies_with_us)]
-
     deadline = time.monotonic() + 30
     while not os.path.exists(work + "/bus"):
         if time.monotonic() > deadline or children[0].poll() is not None:
@@ -80,18 +72,15 @@ def main():
     login.AddMethod("org.freedesktop.login1.Manager", "PlaceProcess", "us", "",
                     "self.__dict__.setdefault('placed', {})[int(args[0])] = args[1]", dbus_interface=mock)
     bus.get_object("org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority").SetAllowed(
-        dbus.Array([] if refuse else [ACTION], signature="s"), dbus_interface=mock)
+        dbus.Array([] if "--refuse" in args else ["org.lumora.keys.attach"], signature="s"), dbus_interface=mock)
     open(work + "/ready", "w").close()
     try:
         print(address, flush=True)
     except BrokenPipeError:  # the caller stopped reading early: it finds DIR/ready instead
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
-    names = ("dbus-daemon", "logind", "polkitd")
     while all(child.poll() is None for child in children):
         time.sleep(0.5)
-    for name, child in zip(names, children):
-        if child.poll() is not None:
-            sys.exit(f"key-service-bus: {name} ended (status {child.returncode})")
+    sys.exit("key-service-bus: " + " ".join(f"{c.args[0]}={c.returncode}" for c in children))
 
 
 main()

@@ -21,7 +21,7 @@
 #include "Lumora/Platform/Linux/Desktop/ResumeMonitor.h"
 #include "Lumora/Platform/Linux/Desktop/StatusNotifierItem.h"
 #include "Lumora/UI/Symbols.h"
-#include "support/ChildProcess.h"
+#include "support/Subprocess.h"
 #include "support/EventLoop.h"
 
 using namespace Lumora;

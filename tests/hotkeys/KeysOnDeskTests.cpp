@@ -125,7 +125,7 @@ TEST_F(KeysOnDesk, KeyboardsPluggedInLaterAreTakenAndTheirClonesGoWithThem)
     EXPECT_EQ(desk.openCount(otherSeat), 0) << "another seat's keyboard is not even looked at";
     QCursor::setPos(onDell);
     press(second, KEY_BRIGHTNESSUP);
-    ASSERT_TRUE(dellAt(56));
+    ASSERT_TRUE(dellAt(56)) << desk.forwarded(cloneOf(second)).size() << " events of it passed on to the desktop";
     const std::string clone = cloneOf(second);
     desk.removeKeyboard(second);
     ASSERT_TRUE(desk.waitFor([&] { return desk.clones().size() == 3; }, 5s));
